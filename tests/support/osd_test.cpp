@@ -140,4 +140,9 @@ char **CommandLine::argv()
     return pointers_.data();
 }
 
+std::string real_font()
+{
+    return QM5OSD_FONT;
+}
+
 } // namespace support

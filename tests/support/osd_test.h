@@ -50,4 +50,7 @@ private:
     std::vector<char *> pointers_;
 };
 
+// A real font with an outline, which every machine that builds this has.
+std::string real_font();
+
 } // namespace support
