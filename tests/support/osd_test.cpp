@@ -1,6 +1,6 @@
 #include "support/osd_test.h"
 
-#include "common/cmn.h"
+#include "support/codec_fake.h"
 #include "support/wraps.h"
 
 #include <algorithm>
@@ -37,7 +37,13 @@ std::vector<std::string> open_descriptors()
 void reset_process()
 {
     wraps::reset();
+    codec::reset();
     take_trace();
+    for (osd_post &post : osd_state.post) {
+        if (post.font_engine.library)
+            font_clear_engine(&post.font_engine);
+    }
+    std::memset(static_cast<void *>(&osd_state), 0, sizeof osd_state);
     cmn_role = "";
     optind = 0; // getopt begins anew
     unsetenv("TZ");

@@ -2,6 +2,7 @@
 // temporary folder, and must leave neither a file there nor an open descriptor behind.
 #pragma once
 
+#include "display/post.h"
 #include "support/files.h"
 #include "support/trace.h"
 
