@@ -1,0 +1,180 @@
+// The mapped state and the memory of OSDs.
+#include "sim_posts.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+sim_state *sim;
+
+static pthread_mutex_t sim_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+// Memory by post and number, and the handle of the OSD that it was opened for.
+static struct {
+    sim_memory memory;
+    std::uint32_t handle;
+} sim_memories[SIM_POSTS][SIM_OSDS];
+
+int sim_fail(std::uint32_t code)
+{
+    errno = static_cast<int>(code);
+    return -1;
+}
+
+int sim_fail_system(const char *what)
+{
+    fprintf(stderr, "qm5sim: %s: %s\n", what, strerror(errno));
+    return sim_fail(SIM_ERROR_SYSTEM);
+}
+
+// ---- State --------------------------------------------------------------------------------------
+
+void sim_lock()
+{
+    pthread_mutex_lock(&sim_mutex);
+}
+
+void sim_unlock()
+{
+    pthread_mutex_unlock(&sim_mutex);
+}
+
+void sim_begin()
+{
+    __atomic_add_fetch(&sim->sequence, 1, __ATOMIC_ACQ_REL);
+    __atomic_thread_fence(__ATOMIC_RELEASE);
+}
+
+void sim_end()
+{
+    __atomic_add_fetch(&sim->sequence, 1, __ATOMIC_RELEASE);
+}
+
+std::uint32_t sim_new_id()
+{
+    sim->last_id = (sim->last_id + 1) & 0x0FFFFFFF;
+    return sim->last_id;
+}
+
+// Opens the file `path` with exactly `size` bytes and maps it; MAP_FAILED with errno.
+static void *sim_map_file(const char *path, std::size_t size)
+{
+    const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd == -1)
+        return MAP_FAILED;
+    void *map = MAP_FAILED;
+    if (ftruncate(fd, static_cast<off_t>(size)) == 0)
+        map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    const int error = errno;
+    close(fd);
+    errno = error;
+    return map;
+}
+
+// A state that another process left behind keeps its post threads; their OSDs went with it.
+static void sim_take_over_state()
+{
+    if (sim->magic != SIM_MAGIC || sim->version != SIM_VERSION) {
+        *sim = {};
+        sim->magic = SIM_MAGIC;
+        sim->version = SIM_VERSION;
+    }
+    sim->sequence &= ~1u; // its writer may have died within a change
+    sim_begin();
+    for (sim_post &post : sim->post)
+        memset(post.osd, 0, sizeof post.osd);
+    sim_end();
+}
+
+int sim_map_state()
+{
+    char path[SIM_PATH_SIZE];
+    sim_get_folder(path);
+    if (mkdir(path, 0700) != 0 && errno != EEXIST)
+        return sim_fail_system(path);
+    if (!sim_get_path(path, "state")) {
+        errno = ENAMETOOLONG;
+        return sim_fail_system("state folder");
+    }
+    void *map = sim_map_file(path, sizeof(sim_state));
+    if (map == MAP_FAILED)
+        return sim_fail_system(path);
+    sim = static_cast<sim_state *>(map);
+    sim_take_over_state();
+    return 0;
+}
+
+void sim_unmap_state()
+{
+    munmap(sim, sizeof(sim_state));
+    sim = nullptr;
+}
+
+// ---- OSD memory ---------------------------------------------------------------------------------
+
+// What OSD memory holds before it is first drawn: nothing that looks like a picture.
+constexpr int SIM_FRESH_BYTE = 0xA5;
+
+sim_memory *sim_get_memory(std::uint32_t post, std::uint32_t number)
+{
+    return &sim_memories[post][number].memory;
+}
+
+static std::size_t sim_mapped_size(const sim_memory *memory)
+{
+    return memory->size != 0 ? memory->size : 1; // an OSD of no lines is mapped all the same
+}
+
+int sim_open_memory(std::uint32_t post, std::uint32_t number)
+{
+    const sim_osd *osd = &sim->post[post].osd[number];
+    sim_memory *memory = sim_get_memory(post, number);
+    char path[SIM_PATH_SIZE];
+    sim_get_path(path, "post%u-osd%u", post, number);
+
+    memory->size = std::size_t{osd->line_bytes} * osd->height;
+    const std::size_t mapped = sim_mapped_size(memory);
+    void *draw = mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (draw == MAP_FAILED)
+        return sim_fail_system("OSD memory");
+    unlink(path); // a reader may still have the one before
+    void *shown = sim_map_file(path, mapped);
+    if (shown == MAP_FAILED) {
+        sim_fail_system(path);
+        munmap(draw, mapped);
+        return -1;
+    }
+    memset(draw, SIM_FRESH_BYTE, mapped);
+    memory->draw = static_cast<std::uint8_t *>(draw);
+    memory->shown = static_cast<std::uint8_t *>(shown);
+    sim_memories[post][number].handle = osd->handle;
+    return 0;
+}
+
+void sim_close_memory(std::uint32_t post, std::uint32_t number)
+{
+    sim_memory *memory = sim_get_memory(post, number);
+    if (!memory->draw)
+        return;
+    const std::size_t mapped = sim_mapped_size(memory);
+    munmap(memory->draw, mapped);
+    munmap(memory->shown, mapped);
+    *memory = {};
+    sim_memories[post][number].handle = 0;
+}
+
+void sim_reap_memory()
+{
+    for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
+        for (std::uint32_t number = 0; number < SIM_OSDS; number++) {
+            const std::uint32_t handle = sim_memories[post][number].handle;
+            if (handle != 0 && handle != sim->post[post].osd[number].handle)
+                sim_close_memory(post, number);
+        }
+    }
+}

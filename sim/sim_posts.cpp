@@ -1,0 +1,205 @@
+#include "sim_posts.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+// Sizes of the outputs until somebody says otherwise: the TV output, two streams, the storage.
+static constexpr const char *sim_default_sizes[] = {"720x576\n", "1920x1080\n", "640x360\n",
+                                                    "1280x720\n"};
+static_assert(sizeof sim_default_sizes / sizeof *sim_default_sizes == SIM_POSTS);
+
+static qm5_cl_post_notify_function *sim_callback;
+static std::uint32_t sim_mask;
+static bool sim_announced[SIM_POSTS];
+static pthread_t sim_thread;
+static int sim_watch = -1;   // inotify on the folder
+static int sim_wake_up = -1; // eventfd: end the thread
+
+// ---- What the files say -------------------------------------------------------------------------
+
+static int sim_make_size_file(const char *path, std::uint32_t post)
+{
+    const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd == -1)
+        return errno == EEXIST ? 0 : sim_fail_system(path);
+    const char *size = sim_default_sizes[post];
+    const ssize_t length = static_cast<ssize_t>(strlen(size));
+    const bool whole = write(fd, size, strlen(size)) == length;
+    close(fd);
+    return whole ? 0 : sim_fail_system(path);
+}
+
+static int sim_make_size_files()
+{
+    for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
+        char path[SIM_PATH_SIZE];
+        if (!sim_get_path(path, "post%u", post)) {
+            errno = ENAMETOOLONG;
+            return sim_fail_system("state folder");
+        }
+        if (sim_make_size_file(path, post) != 0)
+            return -1;
+    }
+    return 0;
+}
+
+// The size that the post's file asks for, 0 by 0 for a closed post or no file. False, said on
+// stderr, for a file that can't be understood: the post then stays as it is.
+static bool sim_read_size(std::uint32_t post, std::uint32_t *width, std::uint32_t *height)
+{
+    char path[SIM_PATH_SIZE];
+    char text[32] = {};
+    *width = 0;
+    *height = 0;
+    if (!sim_get_path(path, "post%u", post))
+        return false;
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd == -1)
+        return errno == ENOENT;
+    const ssize_t length = read(fd, text, sizeof text - 1);
+    close(fd);
+    if (length == 0) // opened for writing, not yet written
+        return false;
+    if (length > 0 && sim_parse_size(text, width, height))
+        return true;
+    fprintf(stderr, "qm5sim: %s: neither WIDTHxHEIGHT nor closed\n", path);
+    return false;
+}
+
+// ---- Changes ------------------------------------------------------------------------------------
+
+static void sim_announce(std::uint32_t post, std::uint32_t res_id)
+{
+    sim_announced[post] = res_id != 0;
+    if ((sim_mask >> post & 1) == 0)
+        return;
+    // A word that nobody reads is no zero.
+    sim_callback({0x0BADF00D, res_id, post, res_id != 0});
+}
+
+static void sim_close_post(std::uint32_t number)
+{
+    sim_post *post = &sim->post[number];
+    sim_lock();
+    sim_begin();
+    *post = {};
+    sim_end();
+    sim_unlock();
+    if (sim_announced[number])
+        sim_announce(number, 0);
+}
+
+static void sim_open_post(std::uint32_t number, std::uint32_t width, std::uint32_t height)
+{
+    sim_post *post = &sim->post[number];
+    sim_lock();
+    sim_begin();
+    *post = {};
+    post->res_id = 0x50000000 + sim_new_id();
+    post->width = width;
+    post->height = height;
+    sim_end();
+    sim_unlock();
+}
+
+// Brings a post to what its file says. A new size takes a new post thread.
+static void sim_follow_post(std::uint32_t number)
+{
+    sim_post *post = &sim->post[number];
+    std::uint32_t width = 0;
+    std::uint32_t height = 0;
+
+    if (!sim_read_size(number, &width, &height)) {
+        width = post->width;
+        height = post->height;
+    }
+    if (post->res_id != 0 && (post->width != width || post->height != height))
+        sim_close_post(number);
+    if (post->res_id == 0 && width != 0)
+        sim_open_post(number, width, height);
+    if (post->res_id != 0 && !sim_announced[number])
+        sim_announce(number, post->res_id);
+}
+
+// ---- The thread ---------------------------------------------------------------------------------
+
+static void sim_drain_watch()
+{
+    alignas(inotify_event) char events[sizeof(inotify_event) + NAME_MAX + 1];
+    while (read(sim_watch, events, sizeof events) > 0)
+        continue; // whatever it was, all posts are looked at
+}
+
+static void *sim_run_posts(void *)
+{
+    pollfd wanted[] = {{sim_watch, POLLIN, 0}, {sim_wake_up, POLLIN, 0}};
+    do {
+        sim_drain_watch();
+        for (std::uint32_t post = 0; post < SIM_POSTS; post++)
+            sim_follow_post(post);
+        while (poll(wanted, 2, -1) == -1 && errno == EINTR)
+            continue;
+    } while ((wanted[1].revents & POLLIN) == 0);
+    return nullptr;
+}
+
+static void sim_close_descriptors()
+{
+    if (sim_watch != -1)
+        close(sim_watch);
+    if (sim_wake_up != -1)
+        close(sim_wake_up);
+    sim_watch = -1;
+    sim_wake_up = -1;
+}
+
+static int sim_open_descriptors()
+{
+    char folder[SIM_PATH_SIZE];
+    sim_get_folder(folder);
+    sim_wake_up = eventfd(0, EFD_CLOEXEC);
+    sim_watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (sim_wake_up == -1 || sim_watch == -1 ||
+        inotify_add_watch(sim_watch, folder, IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE) == -1)
+        return sim_fail_system(folder);
+    return 0;
+}
+
+int sim_start_posts(qm5_cl_post_notify_function *callback, std::uint32_t mask)
+{
+    sim_callback = callback;
+    sim_mask = mask;
+    memset(sim_announced, 0, sizeof sim_announced);
+    if (sim_make_size_files() != 0)
+        return -1;
+    if (sim_open_descriptors() != 0) {
+        sim_close_descriptors();
+        return -1;
+    }
+    const int error = pthread_create(&sim_thread, nullptr, sim_run_posts, nullptr);
+    if (error != 0) {
+        sim_close_descriptors();
+        errno = error;
+        return sim_fail_system("notification thread");
+    }
+    return 0;
+}
+
+void sim_stop_posts()
+{
+    if (sim_wake_up == -1)
+        return;
+    const std::uint64_t one = 1;
+    while (write(sim_wake_up, &one, sizeof one) == -1 && errno == EINTR)
+        continue;
+    pthread_join(sim_thread, nullptr);
+    sim_close_descriptors();
+}
