@@ -1,0 +1,129 @@
+// What is delivered: the libraries that the executable needs and where it finds them, its size, and
+// the installed tree.
+#include "support/application.h"
+#include "support/files.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <regex>
+#include <set>
+#include <string>
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using support::run;
+
+constexpr const char *LIBRARY = "libqm5codec.so.1.2";
+
+class Delivery : public support::ApplicationTest
+{
+protected:
+    // The values of a kind of entry in a file's dynamic section.
+    static std::set<std::string> dynamic_entries(const std::string &file, const std::string &kind)
+    {
+        const std::string text = run({"/usr/bin/readelf", "-d", "-W", file}).out;
+        const std::regex entry("\\(" + kind + "\\)[^\\[]*\\[([^\\]]*)\\]");
+        std::set<std::string> found;
+        for (auto it = std::sregex_iterator(text.begin(), text.end(), entry);
+             it != std::sregex_iterator(); ++it)
+            found.insert((*it)[1]);
+        return found;
+    }
+
+    const std::string staged_library_ = std::string(QM5OSD_STAGE) + "/osd/lib/" + LIBRARY;
+};
+
+typedef std::set<std::string> Set;
+
+TEST_F(Delivery, staged_executable_finds_the_library_beside_it)
+{
+    EXPECT_EQ(dynamic_entries(executable_, "RUNPATH"), Set{"$ORIGIN/../lib"});
+    EXPECT_EQ(dynamic_entries(executable_, "RPATH"), Set{});
+    EXPECT_EQ(dynamic_entries(staged_library_, "SONAME"), Set{LIBRARY});
+    EXPECT_EQ(run({executable_, "--version"}).status, 0);
+}
+
+#ifndef QM5OSD_SANITIZED
+TEST_F(Delivery, needs_libc_freetype_and_the_codec_library_alone)
+{
+    EXPECT_EQ(dynamic_entries(executable_, "NEEDED"),
+              (Set{"libc.so.6", "libfreetype.so.6", LIBRARY}));
+}
+
+TEST_F(Delivery, simulated_library_needs_libc_alone)
+{
+    EXPECT_EQ(dynamic_entries(staged_library_, "NEEDED"), Set{"libc.so.6"});
+}
+
+TEST_F(Delivery, stripped_executable_stays_under_100_kib)
+{
+    ASSERT_EQ(run({"/usr/bin/strip", "-o", "/tmp/stripped", executable_}).status, 0);
+    EXPECT_LT(fs::file_size("/tmp/stripped"), 100u * 1024);
+    fs::remove("/tmp/stripped");
+}
+#endif
+
+TEST_F(Delivery, environment_puts_another_library_in_its_place)
+{
+    fs::create_directory("/tmp/other");
+    fs::copy(staged_library_, std::string("/tmp/other/") + LIBRARY);
+    const auto loaded = [this] {
+        const support::Ended ended =
+            run({"/usr/bin/env", "LD_TRACE_LOADED_OBJECTS=1", executable_});
+        const std::regex line(std::string(LIBRARY) + " => (\\S+)");
+        std::smatch found;
+        return std::regex_search(ended.out, found, line) ? fs::weakly_canonical(found[1].str())
+                                                         : fs::path();
+    };
+    EXPECT_EQ(loaded(), fs::weakly_canonical(staged_library_));
+    setenv("LD_LIBRARY_PATH", "/tmp/other", 1);
+    EXPECT_EQ(loaded(), fs::path("/tmp/other") / LIBRARY);
+    unsetenv("LD_LIBRARY_PATH");
+    fs::remove_all("/tmp/other");
+}
+
+TEST_F(Delivery, library_exports_the_twelve_operations_and_nothing_else)
+{
+    const std::string text = run({"/usr/bin/nm", "-D", "--defined-only", staged_library_}).out;
+    const std::regex symbol(" [A-Z] (\\w+)");
+    Set found;
+    for (auto it = std::sregex_iterator(text.begin(), text.end(), symbol);
+         it != std::sregex_iterator(); ++it)
+        found.insert((*it)[1]);
+    EXPECT_EQ(
+        found,
+        (Set{"qm5_cl_library_init", "qm5_cl_sys_open_device", "qm5_cl_post_notify_callback",
+             "qm5_cl_post_set_notify", "qm5_cl_post_thread_get_status", "qm5_cl_post_open_osd",
+             "qm5_cl_post_close_osd", "qm5_cl_post_clear_osd", "qm5_cl_post_get_osd_mem",
+             "qm5_cl_post_set_osd", "qm5_cl_sys_close_device", "qm5_cl_library_exit"}));
+}
+
+TEST_F(Delivery, installed_tree_has_executable_and_parameters_and_no_run_path)
+{
+    const support::Ended installed =
+        run({CMAKE_PROGRAM, "--install", QM5OSD_BUILD, "--prefix", "/tmp/installed"});
+    ASSERT_EQ(installed.status, 0) << installed.err;
+    Set files;
+    for (const auto &entry : fs::recursive_directory_iterator("/tmp/installed")) {
+        if (!entry.is_directory())
+            files.insert(entry.path());
+    }
+    const std::string program = "/tmp/installed/osd/bin/qm5osd";
+    EXPECT_EQ(files, (Set{program, "/tmp/installed/conf/qm5_app_comm.conf"}));
+    EXPECT_EQ(dynamic_entries(program, "RUNPATH"), Set{});
+    EXPECT_EQ(dynamic_entries(program, "RPATH"), Set{});
+
+    setenv("LD_LIBRARY_PATH", (std::string(QM5OSD_STAGE) + "/osd/lib").c_str(), 1);
+    const support::Ended version = run({program, "--version"});
+    unsetenv("LD_LIBRARY_PATH");
+    EXPECT_EQ(version.out, std::string(support::NO_ZONE) +
+                               "qm5osd version 1.0.5\n"
+                               "Copyright (C) 2026 The qm5osd authors\n"
+                               "This program comes with ABSOLUTELY NO WARRANTY.\n");
+    EXPECT_EQ(version.status, 0);
+    fs::remove_all("/tmp/installed");
+}
+
+} // namespace

@@ -1,0 +1,429 @@
+// The simulated codec library, held against what the application counts on: loaded as the dynamic
+// loader does it, and called from one thread.
+#include "display/qm5codec.h"
+#include "sim_reader.h"
+#include "sim_state.h"
+#include "support/files.h"
+#include "support/process.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <dlfcn.h>
+#include <filesystem>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using support::wait_until;
+
+constexpr const char *STATE = "/tmp/codec";
+
+// The twelve operations.
+struct Library {
+    void *handle = nullptr;
+    decltype(&qm5_cl_library_init) library_init = nullptr;
+    decltype(&qm5_cl_sys_open_device) open_device = nullptr;
+    decltype(&qm5_cl_post_notify_callback) notify_callback = nullptr;
+    decltype(&qm5_cl_post_set_notify) set_notify = nullptr;
+    decltype(&qm5_cl_post_thread_get_status) get_status = nullptr;
+    decltype(&qm5_cl_post_open_osd) open_osd = nullptr;
+    decltype(&qm5_cl_post_close_osd) close_osd = nullptr;
+    decltype(&qm5_cl_post_clear_osd) clear_osd = nullptr;
+    decltype(&qm5_cl_post_get_osd_mem) get_osd_mem = nullptr;
+    decltype(&qm5_cl_post_set_osd) set_osd = nullptr;
+    decltype(&qm5_cl_sys_close_device) close_device = nullptr;
+    decltype(&qm5_cl_library_exit) library_exit = nullptr;
+};
+
+template <typename Function>
+void load(void *handle, const char *name, Function &function)
+{
+    function = reinterpret_cast<Function>(dlsym(handle, name));
+    ASSERT_NE(function, nullptr) << name;
+}
+
+// What the callback was told, in its order.
+struct Notice {
+    std::uint32_t res_id;
+    std::uint32_t post;
+    bool opened;
+    std::thread::id thread;
+};
+std::mutex notices_lock;
+std::vector<Notice> notices;
+
+void keep_notice(qm5_cl_post_notify_info info)
+{
+    const std::lock_guard lock(notices_lock);
+    notices.push_back({info.res_id, info.post, info.opened != 0, std::this_thread::get_id()});
+}
+
+std::vector<Notice> notices_so_far()
+{
+    const std::lock_guard lock(notices_lock);
+    return notices;
+}
+
+class CodecLibrary : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        setenv("QM5SIM_STATE", STATE, 1);
+        notices.clear();
+        lib_.handle = dlopen(QM5OSD_STAGE "/osd/lib/libqm5codec.so.1.2", RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(lib_.handle, nullptr) << dlerror();
+        load(lib_.handle, "qm5_cl_library_init", lib_.library_init);
+        load(lib_.handle, "qm5_cl_sys_open_device", lib_.open_device);
+        load(lib_.handle, "qm5_cl_post_notify_callback", lib_.notify_callback);
+        load(lib_.handle, "qm5_cl_post_set_notify", lib_.set_notify);
+        load(lib_.handle, "qm5_cl_post_thread_get_status", lib_.get_status);
+        load(lib_.handle, "qm5_cl_post_open_osd", lib_.open_osd);
+        load(lib_.handle, "qm5_cl_post_close_osd", lib_.close_osd);
+        load(lib_.handle, "qm5_cl_post_clear_osd", lib_.clear_osd);
+        load(lib_.handle, "qm5_cl_post_get_osd_mem", lib_.get_osd_mem);
+        load(lib_.handle, "qm5_cl_post_set_osd", lib_.set_osd);
+        load(lib_.handle, "qm5_cl_sys_close_device", lib_.close_device);
+        load(lib_.handle, "qm5_cl_library_exit", lib_.library_exit);
+    }
+
+    void TearDown() override
+    {
+        if (up_)
+            take_down();
+        dlclose(lib_.handle); // a fresh copy for every test
+        fs::remove_all(STATE);
+        EXPECT_EQ(support::temporary_files(), std::vector<std::string>{});
+    }
+
+    // The server's first four calls.
+    void bring_up()
+    {
+        ASSERT_EQ(lib_.library_init(), 0);
+        ASSERT_EQ(lib_.open_device(), 0);
+        ASSERT_EQ(lib_.notify_callback(keep_notice), 0);
+        ASSERT_EQ(lib_.set_notify(15), 0);
+        up_ = true;
+    }
+
+    // And its last two.
+    void take_down()
+    {
+        EXPECT_EQ(lib_.close_device(), 0);
+        EXPECT_EQ(lib_.library_exit(), 0);
+        up_ = false;
+    }
+
+    // Waits for the notices up to this number and gives the last of them.
+    static Notice wait_for_notice(std::size_t number)
+    {
+        EXPECT_TRUE(wait_until([number] { return notices_so_far().size() >= number; }));
+        return notices_so_far().at(number - 1);
+    }
+
+    // Brings the library up and waits until all four posts are announced: their resource IDs.
+    std::vector<std::uint32_t> bring_up_with_posts()
+    {
+        bring_up();
+        wait_for_notice(SIM_POSTS);
+        std::vector<std::uint32_t> ids(SIM_POSTS);
+        for (const Notice &notice : notices_so_far())
+            ids.at(notice.post) = notice.res_id;
+        return ids;
+    }
+
+    struct Opened {
+        std::uint32_t handle = 0;
+        std::uint32_t line_bytes = 0;
+    };
+    Opened open_osd(std::uint32_t res_id, const qm5_cl_osd_param &param)
+    {
+        Opened opened;
+        std::uint32_t aux = 0;
+        EXPECT_EQ(lib_.open_osd(res_id, &param, &opened.handle, &aux, &opened.line_bytes), 0);
+        EXPECT_NE(opened.handle, 0u);
+        return opened;
+    }
+
+    // Did the call fail with this error?
+    static testing::AssertionResult failed(int result, std::uint32_t error)
+    {
+        const auto found = static_cast<std::uint32_t>(errno);
+        if (result != 0 && found == error)
+            return testing::AssertionSuccess();
+        return testing::AssertionFailure() << result << ", errno 0x" << std::hex << found;
+    }
+
+    static bool is_gone_error(std::uint32_t error)
+    {
+        return error == QM5_CL_ERROR_GONE_1 || error == QM5_CL_ERROR_GONE_2 ||
+               error == QM5_CL_ERROR_GONE_3;
+    }
+
+    // Every operation on a post thread or an OSD of it fails as for a thread that has gone.
+    void expect_all_gone(std::uint32_t res_id, std::uint32_t handle)
+    {
+        qm5_cl_post_status status{};
+        qm5_cl_osd_mem mem{};
+        const qm5_cl_osd_param param = {0, 16, 4, 2};
+        std::uint32_t word = 0;
+        std::uint32_t new_handle = 0;
+        const auto gone = [](int result) {
+            return result != 0 && is_gone_error(static_cast<std::uint32_t>(errno));
+        };
+        EXPECT_TRUE(gone(lib_.get_status(res_id, &status)));
+        EXPECT_TRUE(gone(lib_.open_osd(res_id, &param, &new_handle, &word, &word)));
+        EXPECT_EQ(new_handle, 0u) << "stays 0 on failure";
+        EXPECT_TRUE(gone(lib_.get_osd_mem(res_id, handle, &mem)));
+        EXPECT_TRUE(gone(lib_.set_osd(res_id, handle, {0, 0})));
+        EXPECT_TRUE(gone(lib_.clear_osd(res_id, handle)));
+        EXPECT_TRUE(gone(lib_.close_osd(res_id, handle)));
+    }
+
+    Library lib_;
+    bool up_ = false;
+};
+
+TEST_F(CodecLibrary, announces_four_running_posts_on_a_thread_of_its_own)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    std::set<std::uint32_t> posts;
+    for (const Notice &notice : notices_so_far()) {
+        EXPECT_TRUE(notice.opened);
+        EXPECT_NE(notice.res_id, 0u);
+        EXPECT_NE(notice.thread, std::this_thread::get_id());
+        posts.insert(notice.post);
+    }
+    EXPECT_EQ(posts, (std::set<std::uint32_t>{0, 1, 2, 3}));
+    EXPECT_EQ(std::set<std::uint32_t>(ids.begin(), ids.end()).size(), SIM_POSTS);
+}
+
+TEST_F(CodecLibrary, gives_the_sizes_of_the_default_outputs)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    constexpr std::uint16_t sizes[][2] = {{720, 576}, {1920, 1080}, {640, 360}, {1280, 720}};
+    for (std::size_t i = 0; i < SIM_POSTS; i++) {
+        qm5_cl_post_status status{};
+        ASSERT_EQ(lib_.get_status(ids[i], &status), 0);
+        EXPECT_EQ(status.width, sizes[i][0]);
+        EXPECT_EQ(status.height, sizes[i][1]);
+    }
+}
+
+TEST_F(CodecLibrary, configured_sizes_hold_from_the_start)
+{
+    sim_reader::write_size(STATE, 1, 352, 288);
+    sim_reader::write_size(STATE, 2, 0, 0);
+    bring_up();
+    wait_for_notice(3);
+    std::set<std::uint32_t> posts;
+    for (const Notice &notice : notices_so_far()) {
+        posts.insert(notice.post);
+        qm5_cl_post_status status{};
+        ASSERT_EQ(lib_.get_status(notice.res_id, &status), 0);
+        if (notice.post == 1) {
+            EXPECT_EQ(status.width, 352u);
+            EXPECT_EQ(status.height, 288u);
+        }
+    }
+    EXPECT_EQ(posts, (std::set<std::uint32_t>{0, 1, 3}));
+}
+
+TEST_F(CodecLibrary, line_holds_the_width_and_is_rounded_up)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    for (std::uint32_t type = 0; type < 3; type++) {
+        for (const unsigned width : {0u, 1u, 63u, 64u, 65u, 720u, 65535u}) {
+            const qm5_cl_osd_param param = {type, static_cast<std::uint16_t>(width), 3, type};
+            const Opened opened = open_osd(ids[0], param);
+            const std::uint32_t least = (width * (2u << type) + 7) / 8;
+            EXPECT_GE(opened.line_bytes, least);
+            EXPECT_LT(opened.line_bytes, least + 16);
+            EXPECT_EQ(opened.line_bytes % 16, 0u);
+            qm5_cl_osd_mem mem{};
+            ASSERT_EQ(lib_.get_osd_mem(ids[0], opened.handle, &mem), 0);
+            EXPECT_EQ(mem.size, opened.line_bytes * 3);
+            EXPECT_EQ(reinterpret_cast<std::uintptr_t>(mem.memory) % 4, 0u);
+            std::memset(mem.memory, 1, mem.size);
+            EXPECT_EQ(lib_.close_osd(ids[0], opened.handle), 0);
+        }
+    }
+}
+
+TEST_F(CodecLibrary, what_is_drawn_is_shown_by_set_alone)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    const Opened opened = open_osd(ids[2], {1, 32, 2, 2});
+    qm5_cl_osd_mem mem{};
+    ASSERT_EQ(lib_.get_osd_mem(ids[2], opened.handle, &mem), 0);
+    std::memset(mem.memory, 7, mem.size);
+    EXPECT_TRUE(sim_reader::read_post(STATE, 2).osd[1].pixels.empty()) << "not shown yet";
+
+    ASSERT_EQ(lib_.set_osd(ids[2], opened.handle, {5, 9}), 0);
+    const sim_reader::Osd shown = sim_reader::read_post(STATE, 2).osd[1];
+    EXPECT_EQ(shown.pixels, std::vector<std::uint8_t>(64, 7));
+    EXPECT_EQ(shown.record.x, 5u);
+    EXPECT_EQ(shown.record.y, 9u);
+
+    std::memset(mem.memory, 8, mem.size);
+    EXPECT_EQ(sim_reader::read_post(STATE, 2).osd[1].pixels, shown.pixels);
+    ASSERT_EQ(lib_.set_osd(ids[2], opened.handle, {6, 9}), 0);
+    EXPECT_EQ(sim_reader::read_post(STATE, 2).osd[1].pixels, std::vector<std::uint8_t>(64, 8));
+    EXPECT_EQ(sim_reader::read_post(STATE, 2).osd[1].record.x, 6u);
+}
+
+TEST_F(CodecLibrary, cleared_osd_stays_open_and_can_be_shown_again)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    const Opened opened = open_osd(ids[0], {3, 16, 1, 0});
+    ASSERT_EQ(lib_.set_osd(ids[0], opened.handle, {0, 0}), 0);
+    ASSERT_EQ(lib_.clear_osd(ids[0], opened.handle), 0);
+    EXPECT_EQ(sim_reader::read_post(STATE, 0).osd[3].record.shown, 0u);
+    EXPECT_EQ(lib_.clear_osd(ids[0], opened.handle), 0);
+    EXPECT_EQ(lib_.set_osd(ids[0], opened.handle, {0, 0}), 0);
+    EXPECT_EQ(sim_reader::read_post(STATE, 0).osd[3].record.shown, 1u);
+}
+
+TEST_F(CodecLibrary, closed_osd_is_off_the_picture_and_unknown)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    const Opened opened = open_osd(ids[1], {0, 16, 1, 0});
+    ASSERT_EQ(lib_.set_osd(ids[1], opened.handle, {0, 0}), 0);
+    ASSERT_EQ(lib_.close_osd(ids[1], opened.handle), 0);
+    EXPECT_EQ(sim_reader::read_post(STATE, 1).osd[0].record.handle, 0u);
+    EXPECT_TRUE(failed(lib_.clear_osd(ids[1], opened.handle), QM5_CL_ERROR_GONE_2));
+    EXPECT_NE(open_osd(ids[1], {0, 16, 1, 0}).handle, opened.handle) << "no handle comes twice";
+}
+
+TEST_F(CodecLibrary, resource_id_or_handle_of_zero_is_never_known)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    expect_all_gone(0, 0);
+    qm5_cl_osd_mem mem{};
+    EXPECT_TRUE(failed(lib_.get_osd_mem(ids[0], 0, &mem), QM5_CL_ERROR_GONE_2));
+}
+
+TEST_F(CodecLibrary, open_is_refused_for_what_the_post_does_not_have)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    std::uint32_t handle = 0;
+    std::uint32_t word = 0;
+    for (const qm5_cl_osd_param param : {qm5_cl_osd_param{4, 16, 1, 0}, {0, 16, 1, 3}}) {
+        EXPECT_NE(lib_.open_osd(ids[0], &param, &handle, &word, &word), 0);
+        EXPECT_FALSE(is_gone_error(static_cast<std::uint32_t>(errno)));
+        EXPECT_EQ(handle, 0u);
+    }
+    const qm5_cl_osd_param param = {2, 16, 1, 0};
+    open_osd(ids[0], param);
+    EXPECT_NE(lib_.open_osd(ids[0], &param, &handle, &word, &word), 0) << "it is open already";
+    EXPECT_EQ(handle, 0u);
+}
+
+TEST_F(CodecLibrary, closing_post_takes_its_osds_along_and_is_announced)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    const Opened opened = open_osd(ids[3], {0, 100, 10, 1});
+    qm5_cl_osd_mem mem{};
+    ASSERT_EQ(lib_.get_osd_mem(ids[3], opened.handle, &mem), 0);
+
+    sim_reader::write_size(STATE, 3, 0, 0);
+    const Notice closed = wait_for_notice(5);
+    EXPECT_EQ(closed.post, 3u);
+    EXPECT_FALSE(closed.opened);
+    std::memset(mem.memory, 1, mem.size); // a drawing that was under way does no harm
+    expect_all_gone(ids[3], opened.handle);
+    EXPECT_EQ(sim_reader::read_post(STATE, 3).osd[0].record.handle, 0u);
+
+    sim_reader::write_size(STATE, 3, 800, 600);
+    const Notice opened_again = wait_for_notice(6);
+    EXPECT_EQ(opened_again.post, 3u);
+    EXPECT_TRUE(opened_again.opened);
+    EXPECT_NE(opened_again.res_id, ids[3]);
+    expect_all_gone(ids[3], opened.handle);
+}
+
+TEST_F(CodecLibrary, new_size_is_a_closing_and_an_opening)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    sim_reader::write_size(STATE, 0, 640, 480);
+    EXPECT_TRUE(wait_for_notice(6).opened);
+    EXPECT_FALSE(notices_so_far()[4].opened);
+    qm5_cl_post_status status{};
+    ASSERT_EQ(lib_.get_status(notices_so_far()[5].res_id, &status), 0);
+    EXPECT_EQ(status.width, 640u);
+    EXPECT_EQ(status.height, 480u);
+}
+
+TEST_F(CodecLibrary, file_that_cannot_be_understood_changes_nothing)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    testing::internal::CaptureStderr();
+    support::write_file(std::string(STATE) + "/post0", "0x576\n");
+    support::write_file(std::string(STATE) + "/post1", "closed\n");
+    EXPECT_EQ(wait_for_notice(5).post, 1u) << "the one after it is followed";
+    EXPECT_NE(testing::internal::GetCapturedStderr().find(
+                  "qm5sim: /tmp/codec/post0: neither WIDTHxHEIGHT nor closed\n"),
+              std::string::npos);
+    qm5_cl_post_status status{};
+    EXPECT_EQ(lib_.get_status(ids[0], &status), 0);
+    EXPECT_EQ(status.width, 720u);
+}
+
+TEST_F(CodecLibrary, post_threads_outlive_the_server_and_its_osds_do_not)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    open_osd(ids[0], {0, 16, 16, 2});
+    take_down();
+    EXPECT_EQ(sim_reader::read_post(STATE, 0).res_id, ids[0]);
+    EXPECT_EQ(sim_reader::read_post(STATE, 0).osd[0].record.handle, 0u);
+    notices.clear();
+    EXPECT_EQ(bring_up_with_posts(), ids);
+}
+
+TEST_F(CodecLibrary, no_notice_comes_after_the_device_is_closed)
+{
+    bring_up_with_posts();
+    take_down();
+    sim_reader::write_size(STATE, 0, 0, 0);
+    bring_up(); // finds the change, and tells it now
+    wait_for_notice(SIM_POSTS + 3);
+    EXPECT_EQ(notices_so_far().size(), SIM_POSTS + 3u);
+}
+
+TEST_F(CodecLibrary, calls_out_of_their_order_fail)
+{
+    constexpr std::uint32_t order = 0x81E00001;
+    qm5_cl_post_status status{};
+    EXPECT_TRUE(failed(lib_.open_device(), order));
+    EXPECT_TRUE(failed(lib_.library_exit(), order));
+    EXPECT_TRUE(failed(lib_.get_status(1, &status), order));
+    ASSERT_EQ(lib_.library_init(), 0);
+    EXPECT_TRUE(failed(lib_.library_init(), order));
+    EXPECT_TRUE(failed(lib_.close_device(), order));
+    EXPECT_TRUE(failed(lib_.notify_callback(keep_notice), order));
+    ASSERT_EQ(lib_.open_device(), 0);
+    EXPECT_TRUE(failed(lib_.set_notify(15), order)) << "there is no callback";
+    EXPECT_TRUE(failed(lib_.library_exit(), order)) << "the device is open";
+    EXPECT_EQ(lib_.close_device(), 0);
+    EXPECT_EQ(lib_.library_exit(), 0);
+}
+
+TEST_F(CodecLibrary, state_folder_that_cannot_be_made_is_told)
+{
+    setenv("QM5SIM_STATE", "/tmp/none/codec", 1);
+    ASSERT_EQ(lib_.library_init(), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(failed(lib_.open_device(), 0x81E00003));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "qm5sim: /tmp/none/codec: No such file or directory\n");
+    EXPECT_EQ(lib_.library_exit(), 0);
+}
+
+} // namespace

@@ -1,0 +1,118 @@
+// The tool qm5sim: pictures as PNG files, post threads, and its manners.
+#include "sim_reader.h"
+#include "support/application.h"
+#include "support/files.h"
+
+#include <filesystem>
+#include <png.h>
+#include <vector>
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using support::count_shown;
+using support::Ended;
+using support::Words;
+
+class SimTool : public support::ApplicationTest
+{
+protected:
+    static Ended sim(const Words &words)
+    {
+        Words all = {QM5SIM_PROGRAM};
+        all.insert(all.end(), words.begin(), words.end());
+        return support::run(all);
+    }
+};
+
+struct Png {
+    unsigned width = 0;
+    unsigned height = 0;
+    std::vector<std::uint8_t> rgb;
+};
+
+Png read_png(const std::string &path)
+{
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    Png png;
+    if (!png_image_begin_read_from_file(&image, path.c_str()))
+        return png;
+    image.format = PNG_FORMAT_RGB;
+    png.width = image.width;
+    png.height = image.height;
+    png.rgb.resize(PNG_IMAGE_SIZE(image));
+    png_image_finish_read(&image, nullptr, png.rgb.data(), 0, nullptr);
+    return png;
+}
+
+TEST_F(SimTool, snapshot_is_the_picture_of_the_post)
+{
+    start({"--Post2Rectangle0On=1", "--Post2Osd0X=600", "--Post2Osd0Y=300", "--Post2Osd0W=100",
+           "--Post2Osd0H=100", "--Post2Osd0ColorFg=5"});
+    EXPECT_TRUE(shows(2, [](const sim_reader::Post &post) { return count_shown(post) == 1; }));
+    ASSERT_EQ(sim({"snapshot", "2", "/tmp/two.png"}).status, 0);
+    const Png png = read_png("/tmp/two.png");
+    ASSERT_EQ(png.width, 640u);
+    ASSERT_EQ(png.height, 360u);
+    const sim_reader::Color &color = sim_reader::palette()[5];
+    for (unsigned y = 0; y < png.height; y++) {
+        for (unsigned x = 0; x < png.width; x++) {
+            const std::uint8_t *pixel = &png.rgb[(std::size_t{y} * png.width + x) * 3];
+            const bool colored =
+                pixel[0] == color.red && pixel[1] == color.green && pixel[2] == color.blue;
+            ASSERT_EQ(colored, x >= 600 && y >= 300) << x << ' ' << y; // cut at the picture's edges
+        }
+    }
+    fs::remove("/tmp/two.png");
+    stop();
+}
+
+TEST_F(SimTool, post_opens_resizes_and_closes)
+{
+    start({"--Post1TypeOn=1"});
+    EXPECT_EQ(sim({"post", "1", "400x300"}).status, 0);
+    EXPECT_TRUE(shows(1, [](const sim_reader::Post &post) {
+        return post.width == 400 && post.height == 300 && count_shown(post) == 1;
+    }));
+    EXPECT_EQ(sim({"post", "1", "closed"}).status, 0);
+    EXPECT_TRUE(shows(1, [](const sim_reader::Post &post) { return post.res_id == 0; }));
+    const Ended ended = sim({"snapshot", "1", "/tmp/one.png"});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.err, "qm5sim: post 1: it has no post thread\n");
+    stop();
+}
+
+TEST_F(SimTool, says_what_is_wrong)
+{
+    const Ended none = sim({"--state", "/tmp/none", "snapshot", "0", "/tmp/x.png"});
+    EXPECT_EQ(none.status, 1);
+    EXPECT_EQ(none.err, "qm5sim: /tmp/none/state: No such file or directory\n");
+
+    const Ended size = sim({"post", "0", "big"});
+    EXPECT_EQ(size.status, 2);
+    EXPECT_EQ(size.err, "qm5sim: big: neither WIDTHxHEIGHT nor closed\n");
+
+    for (const Words &words : {Words{}, Words{"snapshot", "4", "x.png"}, Words{"snapshot", "0"},
+                               Words{"bogus"}, Words{"post", "x", "closed"}}) {
+        const Ended ended = sim(words);
+        EXPECT_EQ(ended.status, 2);
+        EXPECT_EQ(ended.err.rfind("qm5sim: ", 0), 0u) << ended.err;
+        EXPECT_EQ(ended.out, "");
+    }
+}
+
+TEST_F(SimTool, helps_on_every_level)
+{
+    for (const Words &words :
+         {Words{"--help"}, Words{"snapshot", "--help"}, Words{"post", "--help"}}) {
+        const Ended ended = sim(words);
+        EXPECT_EQ(ended.status, 0);
+        EXPECT_EQ(ended.err, "");
+        EXPECT_NE(ended.out.find("Usage: qm5sim"), std::string::npos) << ended.out;
+    }
+    EXPECT_NE(sim({"post", "--help"}).out.find("qm5sim post 1 640x360"), std::string::npos);
+}
+
+} // namespace
