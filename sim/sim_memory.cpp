@@ -2,10 +2,12 @@
 #include "sim_posts.h"
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +15,8 @@
 sim_state *sim;
 
 static pthread_mutex_t sim_mutex = PTHREAD_MUTEX_INITIALIZER;
+static char sim_folder_path[SIM_PATH_SIZE];
+static int sim_state_fd = -1; // locked while the device is open
 
 // Memory by post and number, and the handle of the OSD that it was opened for.
 static struct {
@@ -46,7 +50,7 @@ void sim_unlock()
 
 void sim_begin()
 {
-    __atomic_add_fetch(&sim->sequence, 1, __ATOMIC_ACQ_REL);
+    __atomic_fetch_or(&sim->sequence, 1, __ATOMIC_ACQ_REL);
     __atomic_thread_fence(__ATOMIC_RELEASE);
 }
 
@@ -61,49 +65,95 @@ std::uint32_t sim_new_id()
     return sim->last_id;
 }
 
-// Opens the file `path` with exactly `size` bytes and maps it; MAP_FAILED with errno.
-static void *sim_map_file(const char *path, std::size_t size)
+const char *sim_folder()
 {
-    const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (fd == -1)
-        return MAP_FAILED;
-    void *map = MAP_FAILED;
-    if (ftruncate(fd, static_cast<off_t>(size)) == 0)
-        map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    const int error = errno;
-    close(fd);
-    errno = error;
-    return map;
+    return sim_folder_path;
 }
 
-// A state that another process left behind keeps its post threads; their OSDs went with it.
+void sim_get_path(char *path, const char *format, ...)
+{
+    const int folder = snprintf(path, SIM_PATH_SIZE, "%s/", sim_folder_path);
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(path + folder, SIM_PATH_SIZE - static_cast<std::size_t>(folder), format, arguments);
+    va_end(arguments);
+}
+
+// Opens a file of the folder, made anew if it isn't there; -1 with errno.
+static int sim_open_file(const char *path)
+{
+    return open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+}
+
+// Gives an open file exactly `size` bytes and maps it; MAP_FAILED with errno.
+static void *sim_map_file(int fd, std::size_t size)
+{
+    if (ftruncate(fd, static_cast<off_t>(size)) != 0)
+        return MAP_FAILED;
+    return mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+}
+
+// A state that another process left behind, perhaps within a change, keeps its post threads; their
+// OSDs went with it.
 static void sim_take_over_state()
 {
+    sim_begin();
     if (sim->magic != SIM_MAGIC || sim->version != SIM_VERSION) {
+        const std::uint32_t sequence = sim->sequence;
         *sim = {};
         sim->magic = SIM_MAGIC;
         sim->version = SIM_VERSION;
+        sim->sequence = sequence;
     }
-    sim->sequence &= ~1u; // its writer may have died within a change
-    sim_begin();
     for (sim_post &post : sim->post)
         memset(post.osd, 0, sizeof post.osd);
     sim_end();
 }
 
-int sim_map_state()
+// Takes the folder from the environment and makes it. -1 with errno for a failure.
+static int sim_make_folder()
 {
-    char path[SIM_PATH_SIZE];
-    sim_get_folder(path);
-    if (mkdir(path, 0700) != 0 && errno != EEXIST)
-        return sim_fail_system(path);
-    if (!sim_get_path(path, "state")) {
+    constexpr std::size_t longest_name = sizeof "/post0-osd0";
+    sim_get_folder(sim_folder_path);
+    if (strlen(sim_folder_path) + longest_name > SIM_PATH_SIZE) {
         errno = ENAMETOOLONG;
         return sim_fail_system("state folder");
     }
-    void *map = sim_map_file(path, sizeof(sim_state));
-    if (map == MAP_FAILED)
+    if (mkdir(sim_folder_path, 0700) != 0 && errno != EEXIST)
+        return sim_fail_system(sim_folder_path);
+    return 0;
+}
+
+// The state file, locked; -1 with errno.
+static int sim_lock_state(const char *path)
+{
+    const int fd = sim_open_file(path);
+    if (fd == -1)
+        return -1;
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        close(fd);
+        errno = EBUSY;
+        return -1;
+    }
+    return fd;
+}
+
+int sim_map_state()
+{
+    if (sim_make_folder() != 0)
+        return -1;
+    char path[SIM_PATH_SIZE];
+    sim_get_path(path, "state");
+    const int fd = sim_lock_state(path);
+    if (fd == -1)
         return sim_fail_system(path);
+    void *map = sim_map_file(fd, sizeof(sim_state));
+    if (map == MAP_FAILED) {
+        sim_fail_system(path);
+        close(fd);
+        return -1;
+    }
+    sim_state_fd = fd;
     sim = static_cast<sim_state *>(map);
     sim_take_over_state();
     return 0;
@@ -113,12 +163,17 @@ void sim_unmap_state()
 {
     munmap(sim, sizeof(sim_state));
     sim = nullptr;
+    close(sim_state_fd);
+    sim_state_fd = -1;
 }
 
 // ---- OSD memory ---------------------------------------------------------------------------------
 
 // What OSD memory holds before it is first drawn: nothing that looks like a picture.
 constexpr int SIM_FRESH_BYTE = 0xA5;
+
+// The largest OSD in bytes, 8192 by 8192 pixels of 8 bits; a larger one is refused.
+constexpr std::size_t SIM_LARGEST_OSD = std::size_t{64} << 20;
 
 sim_memory *sim_get_memory(std::uint32_t post, std::uint32_t number)
 {
@@ -130,6 +185,20 @@ static std::size_t sim_mapped_size(const sim_memory *memory)
     return memory->size != 0 ? memory->size : 1; // an OSD of no lines is mapped all the same
 }
 
+// Makes and maps the file of what an OSD shows; MAP_FAILED with errno.
+static void *sim_map_picture(const char *path, std::size_t size)
+{
+    unlink(path); // a reader may still have the one before
+    const int fd = sim_open_file(path);
+    if (fd == -1)
+        return MAP_FAILED;
+    void *map = sim_map_file(fd, size);
+    const int error = errno;
+    close(fd);
+    errno = error;
+    return map;
+}
+
 int sim_open_memory(std::uint32_t post, std::uint32_t number)
 {
     const sim_osd *osd = &sim->post[post].osd[number];
@@ -138,12 +207,13 @@ int sim_open_memory(std::uint32_t post, std::uint32_t number)
     sim_get_path(path, "post%u-osd%u", post, number);
 
     memory->size = std::size_t{osd->line_bytes} * osd->height;
+    if (memory->size > SIM_LARGEST_OSD)
+        return sim_fail(QM5_CL_ERROR_OPEN_REFUSED);
     const std::size_t mapped = sim_mapped_size(memory);
     void *draw = mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (draw == MAP_FAILED)
         return sim_fail_system("OSD memory");
-    unlink(path); // a reader may still have the one before
-    void *shown = sim_map_file(path, mapped);
+    void *shown = sim_map_picture(path, mapped);
     if (shown == MAP_FAILED) {
         sim_fail_system(path);
         munmap(draw, mapped);

@@ -18,8 +18,10 @@ int sim_fail_system(const char *what);
 
 // ---- State --------------------------------------------------------------------------------------
 
-// The mapped state; NULL while the device is closed. Every access is between sim_lock and
-// sim_unlock, and a change between sim_begin and sim_end within those.
+// The mapped state; NULL while the device is closed. A change is between sim_begin and sim_end.
+// While the notification thread runs, a change is also between sim_lock and sim_unlock, and so is
+// every access but that thread's own to the words that it alone writes: a post's res_id, width and
+// height.
 extern sim_state *sim;
 
 void sim_lock();
@@ -27,9 +29,18 @@ void sim_unlock();
 void sim_begin();
 void sim_end();
 
-// Maps and unmaps the state, made anew if the folder has none. -1 with errno for a failure.
+// Maps and unmaps the state, made anew if the folder has none. -1 with errno for a failure, which
+// it is too if another process has the state.
 int sim_map_state();
 void sim_unmap_state();
+
+// The state folder, from the environment at sim_map_state: later the application changes its
+// environment while the notification thread runs.
+const char *sim_folder();
+
+// The path of a file in it, into SIM_PATH_SIZE bytes; cut if it is too long, which sim_map_state
+// doesn't let happen.
+[[gnu::format(printf, 2, 3)]] void sim_get_path(char *path, const char *format, ...);
 
 std::uint32_t sim_new_id();
 

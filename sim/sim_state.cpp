@@ -1,7 +1,6 @@
 // Paths and texts of the state folder, for the library and the tools alike.
 #include "sim_state.h"
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,22 +13,6 @@ void sim_get_folder(char *path)
         snprintf(path, SIM_PATH_SIZE, "%s", named);
     else
         snprintf(path, SIM_PATH_SIZE, "/tmp/qm5sim-%u", static_cast<unsigned>(getuid()));
-}
-
-bool sim_get_path(char *path, const char *format, ...)
-{
-    sim_get_folder(path);
-    const std::size_t folder = strlen(path);
-    if (folder + 1 >= SIM_PATH_SIZE)
-        return false;
-    path[folder] = '/';
-
-    const std::size_t room = SIM_PATH_SIZE - folder - 1;
-    va_list arguments;
-    va_start(arguments, format);
-    const int length = vsnprintf(path + folder + 1, room, format, arguments);
-    va_end(arguments);
-    return length >= 0 && static_cast<std::size_t>(length) < room;
 }
 
 bool sim_parse_size(const char *text, std::uint32_t *width, std::uint32_t *height)

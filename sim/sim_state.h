@@ -6,8 +6,9 @@
 //
 //   post0 ... post3     what each post thread is to be: "720x576" or "closed" and a line feed. Made
 //                       by the library where missing; anybody may rewrite one at any time
-//   state               the record below, mapped into the library and read by the tools
-//   post0-osd0 ...      what each open OSD shows, as last set; line_bytes * height bytes
+//   state               the record below, mapped into the library and read by the tools; locked
+//                       (flock) by the one process that has the device open
+//   post0-osd0 ...      what each open OSD shows, as last set; line_bytes * height bytes at least
 //
 // Only the library writes `state` and the pixels. It makes `sequence` odd before and even after
 // each change, and a reader takes nothing that it read across a change of it.
@@ -54,9 +55,6 @@ constexpr std::size_t SIM_PATH_SIZE = 4096;
 
 // The folder's path, into SIM_PATH_SIZE bytes.
 void sim_get_folder(char *path);
-
-// The path of a file in it; false if it is too long.
-[[gnu::format(printf, 2, 3)]] bool sim_get_path(char *path, const char *format, ...);
 
 // Reads "WIDTHxHEIGHT" or "closed", which is a size of 0 by 0. False for anything else; a size is
 // 1 to 65535 each way.

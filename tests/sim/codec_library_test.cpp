@@ -11,10 +11,14 @@
 #include <cerrno>
 #include <cstring>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <filesystem>
 #include <mutex>
 #include <set>
+#include <sstream>
+#include <sys/file.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace
@@ -71,6 +75,16 @@ std::vector<Notice> notices_so_far()
     return notices;
 }
 
+// How many mappings of a file this process has.
+std::size_t mappings_of(const std::string &path)
+{
+    std::istringstream maps(support::read_file("/proc/self/maps"));
+    std::size_t count = 0;
+    for (std::string line; std::getline(maps, line);)
+        count += line.find(path) != std::string::npos;
+    return count;
+}
+
 class CodecLibrary : public testing::Test
 {
 protected:
@@ -104,12 +118,12 @@ protected:
     }
 
     // The server's first four calls.
-    void bring_up()
+    void bring_up(std::uint32_t mask = 15)
     {
         ASSERT_EQ(lib_.library_init(), 0);
         ASSERT_EQ(lib_.open_device(), 0);
         ASSERT_EQ(lib_.notify_callback(keep_notice), 0);
-        ASSERT_EQ(lib_.set_notify(15), 0);
+        ASSERT_EQ(lib_.set_notify(mask), 0);
         up_ = true;
     }
 
@@ -349,6 +363,47 @@ TEST_F(CodecLibrary, closing_post_takes_its_osds_along_and_is_announced)
     expect_all_gone(ids[3], opened.handle);
 }
 
+TEST_F(CodecLibrary, memory_of_a_gone_post_is_given_back_by_the_next_call)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    open_osd(ids[3], {1, 100, 10, 1});
+    const std::string shown = std::string(STATE) + "/post3-osd1";
+    EXPECT_EQ(mappings_of(shown), 1u);
+
+    sim_reader::write_size(STATE, 3, 0, 0);
+    EXPECT_FALSE(wait_for_notice(5).opened);
+    EXPECT_EQ(mappings_of(shown), 1u) << "the server may be drawing";
+    qm5_cl_post_status status{};
+    EXPECT_EQ(lib_.get_status(ids[0], &status), 0);
+    EXPECT_EQ(mappings_of(shown), 0u);
+}
+
+TEST_F(CodecLibrary, osd_beyond_any_picture_is_refused)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    const qm5_cl_osd_param param = {0, 65535, 65535, 2};
+    std::uint32_t handle = 0;
+    std::uint32_t word = 0;
+    EXPECT_TRUE(
+        failed(lib_.open_osd(ids[0], &param, &handle, &word, &word), QM5_CL_ERROR_OPEN_REFUSED));
+    EXPECT_EQ(handle, 0u);
+    open_osd(ids[0], {0, 8192, 8192, 2});
+}
+
+TEST_F(CodecLibrary, post_outside_the_mask_runs_without_a_notice)
+{
+    bring_up(0b0101);
+    wait_for_notice(2);
+    sim_reader::write_size(STATE, 1, 0, 0);
+    sim_reader::write_size(STATE, 2, 0, 0);
+    wait_for_notice(3);
+    std::vector<std::uint32_t> posts;
+    for (const Notice &notice : notices_so_far())
+        posts.push_back(notice.post);
+    EXPECT_EQ(posts, (std::vector<std::uint32_t>{0, 2, 2}));
+    EXPECT_NE(sim_reader::read_post(STATE, 3).res_id, 0u);
+}
+
 TEST_F(CodecLibrary, new_size_is_a_closing_and_an_opening)
 {
     const std::vector<std::uint32_t> ids = bring_up_with_posts();
@@ -385,6 +440,43 @@ TEST_F(CodecLibrary, post_threads_outlive_the_server_and_its_osds_do_not)
     EXPECT_EQ(sim_reader::read_post(STATE, 0).osd[0].record.handle, 0u);
     notices.clear();
     EXPECT_EQ(bring_up_with_posts(), ids);
+}
+
+TEST_F(CodecLibrary, state_of_a_server_that_died_within_a_change_is_taken_over)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    const Opened opened = open_osd(ids[0], {0, 16, 16, 2});
+    ASSERT_EQ(lib_.set_osd(ids[0], opened.handle, {0, 0}), 0);
+    const std::string state = std::string(STATE) + "/state";
+    std::string left = support::read_file(state);
+    take_down();
+    left.at(offsetof(sim_state, sequence)) |= 1;
+    support::write_file(state, left);
+
+    notices.clear();
+    EXPECT_EQ(bring_up_with_posts(), ids);
+    EXPECT_EQ(sim_reader::read_post(STATE, 0).osd[0].record.handle, 0u);
+    EXPECT_EQ(sim_reader::read_post(STATE, 0).osd[0].record.shown, 0u);
+}
+
+TEST_F(CodecLibrary, device_is_open_in_one_process_at_a_time)
+{
+    bring_up_with_posts();
+    const int other = open("/tmp/codec/state", O_RDWR | O_CLOEXEC);
+    ASSERT_NE(other, -1);
+    EXPECT_NE(flock(other, LOCK_EX | LOCK_NB), 0) << "the library has it";
+    take_down();
+    EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0) << "no more";
+
+    ASSERT_EQ(lib_.library_init(), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(failed(lib_.open_device(), 0x81E00003));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "qm5sim: /tmp/codec/state: Device or resource busy\n");
+    close(other);
+    EXPECT_EQ(lib_.open_device(), 0);
+    EXPECT_EQ(lib_.close_device(), 0);
+    EXPECT_EQ(lib_.library_exit(), 0);
 }
 
 TEST_F(CodecLibrary, no_notice_comes_after_the_device_is_closed)
