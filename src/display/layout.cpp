@@ -133,9 +133,8 @@ static void osd_close_slots_below(const osd_opening *opening, int slot)
 {
     osd_post *post = opening->post;
     for (int lower = slot - 1; lower >= 0; lower--) {
-        if (post->osd[lower].handle == 0)
-            continue;
-        if (qm5_cl_post_close_osd(post->res_id, post->osd[lower].handle) != 0) {
+        const std::uint32_t handle = post->osd[lower].handle;
+        if (handle != 0 && qm5_cl_post_close_osd(post->res_id, handle) != 0) {
             CMN_REPORT(opening->reporter, "qm5_cl_post_close_osd() failed. errno=0x%08X",
                        cmn_errno());
             osd_report_slot(opening, lower);
