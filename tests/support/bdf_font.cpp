@@ -122,15 +122,6 @@ BdfFont small_font()
     return font;
 }
 
-BdfFont wild_font()
-{
-    BdfFont font = small_font();
-    font.glyphs.push_back({'<', -2, 6, {"...##", ".##..", "#....", ".##..", "...##"}});
-    font.glyphs.push_back(
-        {'>', 0, 6, {"#........", ".##......", "...###...", "......###", "###......"}});
-    return font;
-}
-
 std::string make_font(const BdfFont &font)
 {
     const std::string path = "/tmp/test.bdf";

@@ -35,10 +35,6 @@ std::string to_bdf(const BdfFont &font);
 // baseline is on line 7 of 8.
 BdfFont small_font();
 
-// The same with two more that lead out of a cell of 6 pixels, if a test narrows maxAdvance to it:
-// '<' begins two columns to the left of its cell, '>' is nine columns wide.
-BdfFont wild_font();
-
 // Writes a font to a file in the temporary folder and returns its path; the caller removes it.
 std::string make_font(const BdfFont &font);
 constexpr unsigned SMALL_FONT_SIZE = 8;
