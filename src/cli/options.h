@@ -25,7 +25,7 @@ struct osd_options {
     const char *paramFile;  // of -f, or NULL; borrowed from argv
     const char *logFile;    // of -l, or NULL; borrowed from argv
     param_section *section; // start, restart, update: the long options in their order, repeats
-                            // included; NULL otherwise; freed by main
+                            // included; NULL otherwise; see osd_run for its end
 };
 
 // Fills `options`, which must be zeroed, from the command line of main. -EINVAL after a report,

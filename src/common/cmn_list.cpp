@@ -1,4 +1,4 @@
-// The generic list under sections, pairs and section lists. Lists are short (164 pairs at most),
+// The generic list under sections, pairs and section lists. Lists are short (164 pairs as a rule),
 // so there is no tail pointer and no index.
 #include "common/cmn.h"
 

@@ -2,9 +2,9 @@
 //
 // One font size serves a post. It follows from the width between the safe spaces: three quarters
 // of it are taken for the height, whatever the picture's real height is, and that height less the
-// vertical safe spaces holds 19 lines of text, of at least 8 pixels each. Every text has a field
-// of fixed cells in its corner of the area between the safe spaces; a rectangle stands where its
-// parameters say. All arithmetic is unsigned and wraps.
+// vertical safe spaces is divided by 19, which gives the size unless it is less than 8. Every text
+// has a field of fixed cells in its corner of the area between the safe spaces; a rectangle stands
+// where its parameters say. All arithmetic is unsigned and wraps.
 #pragma once
 
 #include "display/post.h"

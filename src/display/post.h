@@ -69,7 +69,8 @@ struct osd_area {
 };
 static_assert(sizeof(osd_area) == 12);
 
-// What a slot is to show. A text slot gets its colours and text anew at each drawing.
+// What a slot is to show. A text slot gets its colours anew at each osd_refresh, and its text too
+// unless it is the label.
 struct osd_rect {
     std::uint32_t mode; // osd_mode
     std::uint32_t color_type;

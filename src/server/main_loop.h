@@ -17,7 +17,7 @@ enum osd_request_status : int {
 };
 
 // Makes the request FIFO, runs the loop, and takes everything down after the stop word. Returns
-// after a report if the FIFO can't be made or opened; the codec library is then left as it is.
+// after reports if the FIFO can't be made or opened; the codec library is then left as it is.
 void osd_server_main_loop();
 
 // ---- The steps of a pass ------------------------------------------------------------------------

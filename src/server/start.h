@@ -26,7 +26,7 @@ int osd_read_cmnparam_file(param_section *section);
 void osd_server_run();
 
 // Brings the codec library up with osd_post_notify as its callback. -EFAULT after reports, and then
-// what was done is undone. From a good result on, notifications may come.
+// what was done is undone. Notifications may come even before the result.
 int osd_server_init_process();
 
 // Closes the device and leaves the library; failures are reported.
