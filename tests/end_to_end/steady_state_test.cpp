@@ -20,6 +20,13 @@ class SteadyState : public support::ApplicationTest
 
 #if defined(__x86_64__) && !defined(QM5OSD_SANITIZED)
 
+// Waits for the next stop of a process under observation.
+bool wait_for_stop(pid_t pid, int *status)
+{
+    return support::wait_until([=] { return waitpid(pid, status, __WALL | WNOHANG) != 0; }) &&
+           WIFSTOPPED(*status);
+}
+
 // System calls of a process under observation; two stops each, of which the first is taken.
 std::vector<long> observe_system_calls(pid_t pid, std::size_t count)
 {
@@ -28,13 +35,12 @@ std::vector<long> observe_system_calls(pid_t pid, std::size_t count)
     if (ptrace(PTRACE_SEIZE, pid, nullptr, PTRACE_O_TRACESYSGOOD) != 0)
         return calls;
     ptrace(PTRACE_INTERRUPT, pid, nullptr, nullptr);
-    waitpid(pid, &status, __WALL);
+    bool stopped = wait_for_stop(pid, &status);
     bool entered = false;
-    while (calls.size() < count) {
+    while (stopped && calls.size() < count) {
         ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
-        if (waitpid(pid, &status, __WALL) != pid || !WIFSTOPPED(status))
-            break;
-        if (WSTOPSIG(status) != (SIGTRAP | 0x80))
+        stopped = wait_for_stop(pid, &status);
+        if (!stopped || WSTOPSIG(status) != (SIGTRAP | 0x80))
             continue;
         entered = !entered;
         if (!entered)
@@ -101,15 +107,15 @@ TEST_F(SteadyState, posts_that_come_and_go_take_no_memory_for_good)
     const auto come_and_go = [this](unsigned width) {
         set_post(3, 0, 0);
         set_post(3, width, 300);
-        EXPECT_TRUE(shows(3, [width](const sim_reader::Post &post) {
+        return shows(3, [width](const sim_reader::Post &post) {
             return post.width == width && support::count_shown(post) == 2;
-        }));
+        });
     };
     for (const unsigned width : {600u, 610u, 600u, 610u})
-        come_and_go(width);
+        ASSERT_TRUE(come_and_go(width));
     const long before = anonymous_memory(server);
     for (unsigned round = 0; round < 8; round++)
-        come_and_go(600 + 10 * (round % 2));
+        ASSERT_TRUE(come_and_go(600 + 10 * (round % 2)));
     EXPECT_GT(before, 0);
     EXPECT_LE(anonymous_memory(server), before + 64);
     stop();

@@ -19,7 +19,7 @@ struct Ended {
     std::string err;
 };
 
-// No wait of a test is longer.
+// No wait for a program or by wait_until is longer.
 constexpr std::chrono::seconds PATIENCE{30};
 
 // Waits until the condition holds; false if that took longer than a test may wait.

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace support
@@ -43,6 +44,9 @@ void enter_sandbox()
         fail("mount /");
     if (mount("none", "/tmp", "tmpfs", 0, nullptr) != 0)
         fail("mount /tmp");
+    const rlimit no_core = {0, 0}; // some tests end a process by a signal
+    if (setrlimit(RLIMIT_CORE, &no_core) != 0)
+        fail("setrlimit");
 }
 
 } // namespace support

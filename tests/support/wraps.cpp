@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fcntl.h>
 #include <optional>
 #include <sys/ipc.h>
 #include <sys/select.h>
@@ -39,6 +40,7 @@ constinit std::array<Plan, FUNCTIONS> plans{};
 
 std::optional<timeval> fixed_clock;
 std::optional<pid_t> next_fork;
+std::optional<std::string> next_link;
 
 std::function<void()> &sleeper()
 {
@@ -76,6 +78,7 @@ void reset()
     plans = {};
     fixed_clock.reset();
     next_fork.reset();
+    next_link.reset();
     sleeper() = nullptr;
 }
 
@@ -110,6 +113,11 @@ void on_nanosleep(std::function<void()> action)
 void set_fork(pid_t result)
 {
     next_fork = result;
+}
+
+void set_link(const char *target)
+{
+    next_link = target;
 }
 
 void limit_transfer(Function function, int nth, ssize_t bytes)
@@ -189,7 +197,7 @@ int __wrap_open(const char *path, int flags, ...)
 {
     va_list arguments;
     va_start(arguments, flags);
-    const int mode = va_arg(arguments, int);
+    const int mode = (flags & O_CREAT) != 0 ? va_arg(arguments, int) : 0;
     va_end(arguments);
     NOTE(OPEN, "open(%s, 0%o)", path, static_cast<unsigned>(flags));
     return fails(OPEN) ? -1 : __real_open(path, flags, mode);
@@ -251,7 +259,13 @@ WRAP(pid_t, fork, ())
 WRAP(ssize_t, readlink, (const char *path, char *buffer, size_t size))
 {
     NOTE(READLINK, "readlink(%s, %zu)", path, size);
-    return fails(READLINK) ? -1 : __real_readlink(path, buffer, size);
+    if (fails(READLINK))
+        return -1;
+    if (!next_link)
+        return __real_readlink(path, buffer, size);
+    const std::size_t length = next_link->copy(buffer, size); // without a terminator
+    next_link.reset();
+    return static_cast<ssize_t>(length);
 }
 
 WRAP(int, shmget, (key_t key, size_t size, int flags))

@@ -69,6 +69,9 @@ void on_nanosleep(std::function<void()> action);
 // Makes the next fork return this without forking.
 void set_fork(pid_t result);
 
+// Makes the next readlink find this link.
+void set_link(const char *target);
+
 // Makes the n-th READ or WRITE from now on transfer at most so many bytes.
 void limit_transfer(Function function, int nth, ssize_t bytes);
 

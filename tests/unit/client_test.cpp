@@ -614,7 +614,7 @@ TEST_F(RefusedUpdate, asks_a_second_time_if_there_is_no_backup)
     EXPECT_EQ(parameters_at_requests(), (Lines{NEW_TEXT, NEW_TEXT}));
 }
 
-TEST_F(RefusedUpdate, is_not_rolled_back_if_the_server_was_not_reached)
+TEST_F(RefusedUpdate, is_not_rolled_back_without_a_server_or_a_fifo)
 {
     const struct {
         wraps::Function function;
@@ -652,7 +652,7 @@ Outcome save(const char *path)
     return watch([&options] { return osd_save(&options); });
 }
 
-// The lines of a text that do not have "ColorBg" behind the ninth byte.
+// The lines of a text but those of the posts that hold "ColorBg=".
 std::string without_backgrounds(const std::string &text)
 {
     std::string kept;

@@ -425,6 +425,14 @@ TEST_F(CmnIo, directory_does_not_depend_on_where_the_program_stands)
     close(home);
 }
 
+TEST_F(CmnIo, directory_holds_nothing_of_a_longer_one_before)
+{
+    wraps::set_link("/flash/application/osd/bin/qm5osd");
+    EXPECT_STREQ(cmn_get_exe_dir(), "/flash/application/osd/bin");
+    wraps::set_link("/osd/qm5osd");
+    EXPECT_STREQ(cmn_get_exe_dir(), "/osd");
+}
+
 TEST_F(CmnIo, directory_is_asked_for_with_room_for_a_terminator)
 {
     wraps::trace(wraps::READLINK);

@@ -398,6 +398,7 @@ TEST_F(CmnTz, forked_server_inherits_the_block_and_what_was_seen_of_it)
     block.set(3, "EAST-9");
     EXPECT_EQ(story([&] {
                   cmn_tz_attach();
+                  update();
                   const pid_t server = fork();
                   if (server != 0) {
                       int status = -1;

@@ -1173,16 +1173,19 @@ TEST_F(MainLoopWhole, does_not_begin_without_its_fifo)
     EXPECT_EQ(run({}), by_loop("unable to create fifo /tmp/osd_fifo_req(Permission denied)") +
                            by_loop("osd server down"));
     EXPECT_EQ(lines_, (Lines{"mkfifo(/tmp/osd_fifo_req, 0644)"}));
+    EXPECT_EQ(osd_state.refresh_interval_ms, 7u) << "not set up";
 }
 
 TEST_F(MainLoopWhole, removes_a_fifo_that_it_can_not_open)
 {
     trace_files();
+    osd_state.refresh_interval_ms = 7;
     wraps::fail(wraps::OPEN, 1, EMFILE);
     EXPECT_EQ(run({}), by_loop("unable to open fifo /tmp/osd_fifo_req(Too many open files)") +
                            by_loop("osd server down"));
     EXPECT_EQ(lines_, (Lines{"mkfifo(/tmp/osd_fifo_req, 0644)", "open(/tmp/osd_fifo_req, 04000)",
                              "unlink(/tmp/osd_fifo_req)"}));
+    EXPECT_EQ(osd_state.refresh_interval_ms, 7u) << "not set up";
 }
 
 TEST_F(MainLoopWhole, goes_on_after_a_clock_that_can_not_be_read)
