@@ -18,7 +18,8 @@ constexpr const char *OSD_SECTION_NAME = "osd";
 constexpr int OSD_NO_POST = 4;
 
 // The rows as getopt_long(3) wants them, with an all-zero end row: name, required_argument, NULL,
-// and the number of the post or OSD_NO_POST. The order is that of every section and file.
+// and the number of the post or OSD_NO_POST. The order is that of the default section and of
+// every file that is written from it.
 extern const std::array<option, OSD_PARAMS + 1> osd_option_table;
 
 // Their default texts, row by row.

@@ -15,8 +15,8 @@ int osd_stop();
 
 // Brings the -f file and the long options to the server. -EINVAL without a record, -EREMOTEIO if
 // no server runs, -EFAULT for any other failure, all after reports. If the server refuses or gives
-// no proper reply, the file is restored and the server told to read it again; if it can't be
-// reached, the new file stays.
+// no proper reply, the file is restored and the server told to read it again; if it has gone, or a
+// FIFO can't be made or opened, the new file stays.
 int osd_update(const osd_options *options);
 
 // Copies the parameters in force to `paramFile`, without the background colours of rectangles.

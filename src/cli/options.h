@@ -33,8 +33,8 @@ struct osd_options {
 int osd_get_option(int argc, char **argv, osd_options *options);
 
 // The parsers behind it, for the words behind argv[1]. They use getopt(3) on a command line that
-// begins with the function word, so its own diagnostics name that word, and each can run once in a
-// process unless optind is reset.
+// begins with the function word, so its own diagnostics name that word, and only one of them can
+// run in a process, once, unless optind is reset.
 
 // start, restart, update. All options are collected before any value is judged. -EFAULT or -EINVAL
 // after reports.

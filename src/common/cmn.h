@@ -162,7 +162,7 @@ static_assert(sizeof(cmn_st_cdatetime) == 16);
 int cmn_get_st_cdatetime(cmn_st_cdatetime *record);
 
 // The same, field by field without terminators, each with the width of its field in the record;
-// a NULL argument is skipped.
+// a NULL argument is skipped. After a failure they are as they were.
 int cmn_get_cdatetime_fields(char *year, char *month, char *day, char *hour, char *minute,
                              char *second, char *msec);
 

@@ -3,7 +3,7 @@
 // A post is an output of the appliance: 0 the TV output, 1 and 2 the streams, 3 the storage. Each
 // has four slots, numbered like its OSDs; a slot shows one fixed kind of text, or else a filled
 // rectangle, or nothing. What a slot is to show (`osd_rect`, from the parameters) and what the
-// codec library gave for it (`osd_area`) may be out of step until the next drawing.
+// codec library gave for it (`osd_area`) may be out of step until the next drawing or reopen.
 //
 // Only the main thread touches the table, with one exception: osd_post_notify stores
 // `callback_state` and `res_id` on a thread of the codec library, without lock, atomic or barrier.
@@ -69,8 +69,8 @@ struct osd_area {
 };
 static_assert(sizeof(osd_area) == 12);
 
-// What a slot is to show. A text slot gets its colours anew at each osd_refresh, and its text too
-// unless it is the label.
+// What a slot is to show. A text slot gets its colours anew at each osd_refresh that comes to the
+// drawing, and its text too unless it is the label.
 struct osd_rect {
     std::uint32_t mode; // osd_mode
     std::uint32_t color_type;

@@ -1,8 +1,8 @@
 // The text form of sections: the reader with its limit of a line, and the writer.
 //
 // Written files read back the same, but for an empty value, which comes back as none, and for what
-// the format has no words for: a line feed anywhere, "=" in a key, a key that looks like a header
-// or a comment, and a line that is too long.
+// the format has no words for: a line feed anywhere, "=" in a key, a line that looks like a header
+// or a comment, and one that is too long.
 #include "param/param.h"
 
 #include <cstring>
