@@ -85,11 +85,17 @@ static int sim_open_file(const char *path)
     return open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
 }
 
-// Gives an open file exactly `size` bytes and maps it; MAP_FAILED with errno.
+// Gives an open file exactly `size` bytes and maps it; MAP_FAILED with errno. The bytes are taken
+// from the disk now, for a full one would later end the process that writes to the map.
 static void *sim_map_file(int fd, std::size_t size)
 {
     if (ftruncate(fd, static_cast<off_t>(size)) != 0)
         return MAP_FAILED;
+    const int error = posix_fallocate(fd, 0, static_cast<off_t>(size));
+    if (error != 0) {
+        errno = error;
+        return MAP_FAILED;
+    }
     return mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
 }
 
@@ -119,7 +125,7 @@ static int sim_make_folder()
         errno = ENAMETOOLONG;
         return sim_fail_system("state folder");
     }
-    if (mkdir(sim_folder_path, 0700) != 0 && errno != EEXIST)
+    if (mkdir(sim_folder_path, SIM_FOLDER_MODE) != 0 && errno != EEXIST)
         return sim_fail_system(sim_folder_path);
     return 0;
 }
@@ -131,8 +137,9 @@ static int sim_lock_state(const char *path)
     if (fd == -1)
         return -1;
     if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        const int error = errno == EWOULDBLOCK ? EBUSY : errno;
         close(fd);
-        errno = EBUSY;
+        errno = error;
         return -1;
     }
     return fd;

@@ -32,9 +32,14 @@ static int sim_make_size_file(const char *path, std::uint32_t post)
         return errno == EEXIST ? 0 : sim_fail_system(path);
     const char *size = sim_default_sizes[post];
     const ssize_t length = static_cast<ssize_t>(strlen(size));
+    errno = ENOSPC; // what a short write means
     const bool whole = write(fd, size, strlen(size)) == length;
+    if (!whole) {
+        sim_fail_system(path);
+        unlink(path);
+    }
     close(fd);
-    return whole ? 0 : sim_fail_system(path);
+    return whole ? 0 : sim_fail(SIM_ERROR_SYSTEM);
 }
 
 static int sim_make_size_files()
@@ -48,8 +53,9 @@ static int sim_make_size_files()
     return 0;
 }
 
-// The size that the post's file asks for, 0 by 0 for a closed post or no file. False, said on
-// stderr, for a file that can't be understood: the post then stays as it is.
+// The size that the post's file asks for, 0 by 0 for a closed post or no file. False for a file
+// that can't be read or understood, which is said on stderr, and for an empty one, which somebody
+// is about to write: the post then stays as it is.
 static bool sim_read_size(std::uint32_t post, std::uint32_t *width, std::uint32_t *height)
 {
     char path[SIM_PATH_SIZE];
@@ -58,13 +64,19 @@ static bool sim_read_size(std::uint32_t post, std::uint32_t *width, std::uint32_
     *height = 0;
     sim_get_path(path, "post%u", post);
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd == -1)
-        return errno == ENOENT;
-    const ssize_t length = read(fd, text, sizeof text - 1);
-    close(fd);
-    if (length == 0) // opened for writing, not yet written
+    if (fd == -1 && errno == ENOENT)
+        return true;
+    if (fd == -1) {
+        sim_fail_system(path);
         return false;
-    if (length > 0 && sim_parse_size(text, width, height))
+    }
+    const ssize_t length = read(fd, text, sizeof text - 1);
+    if (length == -1)
+        sim_fail_system(path);
+    close(fd);
+    if (length <= 0)
+        return false;
+    if (sim_parse_size(text, width, height))
         return true;
     fprintf(stderr, "qm5sim: %s: neither WIDTHxHEIGHT nor closed\n", path);
     return false;

@@ -9,6 +9,7 @@
 #include <png.h>
 #include <stdexcept>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
@@ -126,8 +127,7 @@ fs::path default_folder()
 
 void write_size(const fs::path &folder, unsigned number, unsigned width, unsigned height)
 {
-    std::error_code error;
-    fs::create_directory(folder, error);
+    mkdir(folder.c_str(), SIM_FOLDER_MODE); // if it can't be made, neither can a file in it
     const fs::path file = folder / ("post" + std::to_string(number));
     fs::path draft = file;
     draft += "." + std::to_string(getpid());
@@ -140,6 +140,7 @@ void write_size(const fs::path &folder, unsigned number, unsigned width, unsigne
     out.close();
     if (!out)
         fail(draft, std::strerror(errno));
+    std::error_code error;
     fs::rename(draft, file, error); // whole or not at all
     if (error)
         fail(file, error.message());

@@ -15,19 +15,34 @@ void sim_get_folder(char *path)
         snprintf(path, SIM_PATH_SIZE, "/tmp/qm5sim-%u", static_cast<unsigned>(getuid()));
 }
 
+// Reads digits up to 65535 and passes over them; 0 for anything else.
+static std::uint32_t sim_parse_length(const char **text)
+{
+    std::uint32_t length = 0;
+    for (; **text >= '0' && **text <= '9'; ++*text) {
+        length = length * 10 + static_cast<std::uint32_t>(**text - '0');
+        if (length > 65535)
+            return 0;
+    }
+    return length;
+}
+
 bool sim_parse_size(const char *text, std::uint32_t *width, std::uint32_t *height)
 {
-    unsigned w = 0;
-    unsigned h = 0;
-    int end = 0;
+    std::uint32_t w = 0;
+    std::uint32_t h = 0;
 
     if (strncmp(text, "closed", 6) == 0) {
-        end = 6;
-    } else if (sscanf(text, "%5ux%5u%n", &w, &h, &end) != 2 || w == 0 || h == 0 || w > 65535 ||
-               h > 65535) {
-        return false;
+        text += 6;
+    } else {
+        w = sim_parse_length(&text);
+        if (w == 0 || *text++ != 'x')
+            return false;
+        h = sim_parse_length(&text);
+        if (h == 0)
+            return false;
     }
-    if (strcmp(text + end, "") != 0 && strcmp(text + end, "\n") != 0)
+    if (strcmp(text, "") != 0 && strcmp(text, "\n") != 0)
         return false;
     *width = w;
     *height = h;

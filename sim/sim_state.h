@@ -1,8 +1,8 @@
 // The state of the simulated codec, in a folder outside any process: post threads exist before the
 // server starts and after it ends, and tools read along while it runs.
 //
-// The folder is named by the environment variable QM5SIM_STATE; without it, it is a private one in
-// the temporary folder. It holds
+// The folder is named by the environment variable QM5SIM_STATE; without it, it is one of the user's
+// own in the temporary folder. It holds
 //
 //   post0 ... post3     what each post thread is to be: "720x576" or "closed" and a line feed. Made
 //                       by the library where missing; anybody may rewrite one at any time
@@ -55,6 +55,9 @@ constexpr std::size_t SIM_PATH_SIZE = 4096;
 
 // The folder's path, into SIM_PATH_SIZE bytes.
 void sim_get_folder(char *path);
+
+// Only the user looks into a state folder.
+constexpr unsigned SIM_FOLDER_MODE = 0700;
 
 // Reads "WIDTHxHEIGHT" or "closed", which is a size of 0 by 0. False for anything else; a size is
 // 1 to 65535 each way.

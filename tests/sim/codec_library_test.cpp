@@ -17,6 +17,7 @@
 #include <set>
 #include <sstream>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -421,14 +422,18 @@ TEST_F(CodecLibrary, file_that_cannot_be_understood_changes_nothing)
     const std::vector<std::uint32_t> ids = bring_up_with_posts();
     testing::internal::CaptureStderr();
     support::write_file(std::string(STATE) + "/post0", "0x576\n");
+    support::write_file(std::string(STATE) + "/post2", ""); // somebody is about to write it
     support::write_file(std::string(STATE) + "/post1", "closed\n");
     EXPECT_EQ(wait_for_notice(5).post, 1u) << "the one after it is followed";
-    EXPECT_NE(testing::internal::GetCapturedStderr().find(
-                  "qm5sim: /tmp/codec/post0: neither WIDTHxHEIGHT nor closed\n"),
+    const std::string told = testing::internal::GetCapturedStderr();
+    EXPECT_NE(told.find("qm5sim: /tmp/codec/post0: neither WIDTHxHEIGHT nor closed\n"),
               std::string::npos);
+    EXPECT_EQ(told.find("post2"), std::string::npos) << told;
     qm5_cl_post_status status{};
     EXPECT_EQ(lib_.get_status(ids[0], &status), 0);
     EXPECT_EQ(status.width, 720u);
+    EXPECT_EQ(lib_.get_status(ids[2], &status), 0);
+    EXPECT_EQ(status.width, 640u);
 }
 
 TEST_F(CodecLibrary, post_threads_outlive_the_server_and_its_osds_do_not)
@@ -477,6 +482,67 @@ TEST_F(CodecLibrary, device_is_open_in_one_process_at_a_time)
     EXPECT_EQ(lib_.open_device(), 0);
     EXPECT_EQ(lib_.close_device(), 0);
     EXPECT_EQ(lib_.library_exit(), 0);
+}
+
+TEST_F(CodecLibrary, osds_left_open_go_with_the_device)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    open_osd(ids[0], {0, 16, 16, 2});
+    take_down();
+    EXPECT_EQ(mappings_of(STATE), 0u);
+}
+
+// The application sets TZ while the library's thread is at work.
+TEST_F(CodecLibrary, folder_is_that_of_the_opening_whatever_becomes_of_the_environment)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    setenv("QM5SIM_STATE", "/tmp/other", 1);
+    open_osd(ids[0], {0, 16, 16, 2});
+    EXPECT_TRUE(fs::exists(std::string(STATE) + "/post0-osd0"));
+    EXPECT_FALSE(fs::exists("/tmp/other"));
+}
+
+TEST_F(CodecLibrary, folder_with_too_long_a_name_is_refused)
+{
+    setenv("QM5SIM_STATE", ("/tmp/" + std::string(SIM_PATH_SIZE - 15, 'x')).c_str(), 1);
+    ASSERT_EQ(lib_.library_init(), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(failed(lib_.open_device(), 0x81E00003));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "qm5sim: state folder: File name too long\n");
+    EXPECT_EQ(lib_.library_exit(), 0);
+}
+
+TEST_F(CodecLibrary, full_disk_fails_an_open_and_leaves_no_half_of_a_file)
+{
+    constexpr std::uint32_t system = 0x81E00003;
+    fs::create_directory(STATE);
+    ASSERT_EQ(mount("none", STATE, "tmpfs", 0, "size=64k"), 0);
+    const std::string filler = std::string(STATE) + "/filler";
+    support::write_file(filler, std::string(60 * 1024, 'x')); // one page is left, for `state`
+    ASSERT_EQ(lib_.library_init(), 0);
+    ASSERT_EQ(lib_.open_device(), 0);
+    ASSERT_EQ(lib_.notify_callback(keep_notice), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(failed(lib_.set_notify(15), system));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "qm5sim: /tmp/codec/post0: No space left on device\n");
+    EXPECT_FALSE(fs::exists(std::string(STATE) + "/post0"));
+
+    fs::remove(filler);
+    ASSERT_EQ(lib_.set_notify(15), 0);
+    up_ = true;
+    const std::uint32_t id = wait_for_notice(1).res_id;
+    const qm5_cl_osd_param param = {0, 300, 300, 2};
+    std::uint32_t handle = 0;
+    std::uint32_t word = 0;
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(failed(lib_.open_osd(id, &param, &handle, &word, &word), system));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "qm5sim: /tmp/codec/post0-osd0: No space left on device\n");
+    EXPECT_EQ(handle, 0u);
+    open_osd(id, {0, 16, 16, 2});
+    take_down();
+    EXPECT_EQ(umount(STATE), 0);
 }
 
 TEST_F(CodecLibrary, no_notice_comes_after_the_device_is_closed)

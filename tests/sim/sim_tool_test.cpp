@@ -90,9 +90,13 @@ TEST_F(SimTool, says_what_is_wrong)
     EXPECT_EQ(none.status, 1);
     EXPECT_EQ(none.err, "qm5sim: /tmp/none/state: No such file or directory\n");
 
-    const Ended size = sim({"post", "0", "big"});
-    EXPECT_EQ(size.status, 2);
-    EXPECT_EQ(size.err, "qm5sim: big: neither WIDTHxHEIGHT nor closed\n");
+    for (const char *size : {"big", "640", "640x", "x360", "0x360", "640x0", "65536x1", "1x65536",
+                             " 640x360", "640x+360", "640x360x", "closedly"}) {
+        const Ended ended = sim({"post", "0", size});
+        EXPECT_EQ(ended.status, 2);
+        EXPECT_EQ(ended.err,
+                  std::string("qm5sim: ") + size + ": neither WIDTHxHEIGHT nor closed\n");
+    }
 
     for (const Words &words : {Words{}, Words{"snapshot", "4", "x.png"}, Words{"snapshot", "0"},
                                Words{"bogus"}, Words{"post", "x", "closed"}}) {
