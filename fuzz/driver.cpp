@@ -4,8 +4,11 @@
 //
 // An input is a mixture of the fuzzer's words, of special bytes and of any bytes. The same numbers
 // give the same inputs on every machine. What the code under test prints is dropped; a fault is
-// told with the number of its input, by which COUNT can be cut down to it.
+// told with the number of its input, by which COUNT can be cut down to it. It all happens in a
+// private temporary folder.
 #include "fuzz.h"
+
+#include "support/sandbox.h"
 
 #include <csignal>
 #include <cstdio>
@@ -14,6 +17,18 @@
 #include <string>
 #include <unistd.h>
 
+// A sanitizer's fault is a signal like any other.
+extern "C" const char *__asan_default_options();
+extern "C" const char *__asan_default_options()
+{
+    return "abort_on_error=1";
+}
+extern "C" const char *__ubsan_default_options();
+extern "C" const char *__ubsan_default_options()
+{
+    return "abort_on_error=1";
+}
+
 namespace
 {
 
@@ -21,7 +36,7 @@ typedef std::mt19937 Random;
 
 volatile long number; // of the present input
 
-// Tells the number of the input at fault, by system calls alone.
+// Tells the number of the input at fault; the code under test may have been within a stream.
 void tell_number()
 {
     char text[64];
@@ -93,6 +108,7 @@ int main(int argc, char **argv)
     Random random(argc == 3 ? static_cast<std::uint32_t>(std::atol(argv[2])) : 1);
     for (const int signal : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE})
         std::signal(signal, end_by_signal);
+    support::enter_sandbox();
     drop_output();
     for (long i = 1; i <= count; i++) {
         number = i;
