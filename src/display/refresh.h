@@ -3,8 +3,8 @@
 //
 // A normal pass draws the time and nothing else; the date comes with it when it has changed; a
 // full redraw, after an open or an update, draws every text in slot order, clears the slots that
-// are off, and then fills the rectangles. A post thread may go at any moment, so a library call
-// that fails for that reason counts as done.
+// are off, and then fills the rectangles. A post thread may go at any moment, so a call that
+// draws, shows or clears and fails for that reason counts as done.
 #pragma once
 
 #include "display/post.h"

@@ -6,8 +6,7 @@
 // Each post has an engine of its own with its own FreeType library and face, so engines share
 // nothing. Everything here belongs to the main thread.
 //
-// What is used of FreeType existed in version 2.3.7; see its API reference, chapters Base
-// Interface, Glyph Management and Sizing.
+// What is used of FreeType existed in version 2.3.7; its API reference tells what each call does.
 //
 // The target is a picture of targetWidth by targetHeight pixels with no gap between lines. Pixel
 // (x, y) has the number n = y * targetWidth + x and is `pixelSize` bits wide, from bit n *

@@ -236,8 +236,8 @@ TEST_F(FontTarget, pixels_with_lower_numbers_lie_in_the_lower_bits)
     EXPECT_EQ(target.bytes(), Bytes{0xC0});
 }
 
-// Draws over old contents in memory that ends with the target, once where only a sanitizer sees
-// what leads past it and once where it ends the process.
+// Draws over old contents, first in memory that ends with the target, where a sanitizer sees what
+// leads past it, and then with a page that ends the process behind the target's last word.
 void expect_drawn_at_the_end(PlainEngine &engine, const Look &look, std::uint32_t height,
                              const Bytes &old, const Bytes &expected)
 {

@@ -747,14 +747,16 @@ TEST_F(Layout, failed_slot_takes_the_lower_ones_back_and_the_open_returns_0)
     }
 }
 
-TEST_F(Layout, take_back_skips_slots_without_an_osd)
+TEST_F(Layout, take_back_closes_no_slot_without_an_osd_and_empties_it)
 {
     set_modes({OSD_MODE_TEXT, OSD_MODE_OFF, OSD_MODE_TEXT, OSD_MODE_TEXT});
+    post_->osd[1] = {0, 7, 7};
     codec::fail(codec::OPEN_OSD, 3, codec::SOME_ERROR);
     EXPECT_EQ(errors_of([&] { osd_do_callback_open(post_); }),
               open_failed(codec::SOME_ERROR, "Post0Osd3", OPEN.name));
     EXPECT_EQ(take_trace(), (Lines{"get_status(0x11)", opening(0), opening(2), opening(3),
                                    "close_osd(0x11, 0x102)", "close_osd(0x11, 0x101)"}));
+    EXPECT_EQ(areas(), Areas{});
 }
 
 TEST_F(Layout, take_back_empties_a_slot_that_cannot_be_closed_and_goes_on)
