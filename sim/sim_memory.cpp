@@ -179,9 +179,6 @@ void sim_unmap_state()
 // What OSD memory holds before it is first drawn: nothing that looks like a picture.
 constexpr int SIM_FRESH_BYTE = 0xA5;
 
-// The largest OSD in bytes, 8192 by 8192 pixels of 8 bits; a larger one is refused.
-constexpr std::size_t SIM_LARGEST_OSD = std::size_t{64} << 20;
-
 sim_memory *sim_get_memory(std::uint32_t post, std::uint32_t number)
 {
     return &sim_memories[post][number].memory;
@@ -201,6 +198,8 @@ static void *sim_map_picture(const char *path, std::size_t size)
         return MAP_FAILED;
     void *map = sim_map_file(fd, size);
     const int error = errno;
+    if (map == MAP_FAILED)
+        unlink(path); // it may have taken what was left of the disk
     close(fd);
     errno = error;
     return map;

@@ -56,6 +56,9 @@ constexpr std::size_t SIM_PATH_SIZE = 4096;
 // The folder's path, into SIM_PATH_SIZE bytes.
 void sim_get_folder(char *path);
 
+// The largest OSD in bytes, as 8192 by 8192 pixels of 8 bits; a larger one is refused.
+constexpr std::size_t SIM_LARGEST_OSD = std::size_t{64} << 20;
+
 // Only the user looks into a state folder.
 constexpr unsigned SIM_FOLDER_MODE = 0700;
 

@@ -379,7 +379,7 @@ TEST_F(CodecLibrary, memory_of_a_gone_post_is_given_back_by_the_next_call)
     EXPECT_EQ(mappings_of(shown), 0u);
 }
 
-TEST_F(CodecLibrary, osd_beyond_any_picture_is_refused)
+TEST_F(CodecLibrary, osd_of_more_than_64_mib_is_refused)
 {
     const std::vector<std::uint32_t> ids = bring_up_with_posts();
     const qm5_cl_osd_param param = {0, 65535, 65535, 2};
@@ -423,8 +423,8 @@ TEST_F(CodecLibrary, file_that_cannot_be_understood_changes_nothing)
     testing::internal::CaptureStderr();
     support::write_file(std::string(STATE) + "/post0", "0x576\n");
     support::write_file(std::string(STATE) + "/post2", ""); // somebody is about to write it
-    support::write_file(std::string(STATE) + "/post1", "closed\n");
-    EXPECT_EQ(wait_for_notice(5).post, 1u) << "the one after it is followed";
+    support::write_file(std::string(STATE) + "/post3", "closed\n");
+    EXPECT_EQ(wait_for_notice(5).post, 3u) << "the one after them is followed";
     const std::string told = testing::internal::GetCapturedStderr();
     EXPECT_NE(told.find("qm5sim: /tmp/codec/post0: neither WIDTHxHEIGHT nor closed\n"),
               std::string::npos);
@@ -484,6 +484,34 @@ TEST_F(CodecLibrary, device_is_open_in_one_process_at_a_time)
     EXPECT_EQ(lib_.library_exit(), 0);
 }
 
+TEST_F(CodecLibrary, file_that_is_gone_closes_its_post_and_one_that_cannot_be_read_does_not)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    testing::internal::CaptureStderr();
+    fs::remove(std::string(STATE) + "/post1");
+    EXPECT_EQ(wait_for_notice(5).post, 1u);
+    fs::create_directory(std::string(STATE) + "/made");
+    ASSERT_EQ(renameat2(AT_FDCWD, "/tmp/codec/made", AT_FDCWD, "/tmp/codec/post0", RENAME_EXCHANGE),
+              0);
+    sim_reader::write_size(STATE, 3, 0, 0);
+    EXPECT_TRUE(wait_until([] { return notices_so_far().back().post == 3; }));
+    const std::string told = testing::internal::GetCapturedStderr();
+    EXPECT_NE(told.find("qm5sim: /tmp/codec/post0: Is a directory\n"), std::string::npos) << told;
+    qm5_cl_post_status status{};
+    EXPECT_EQ(lib_.get_status(ids[0], &status), 0);
+}
+
+TEST_F(CodecLibrary, folder_is_the_users_alone)
+{
+    constexpr auto others = fs::perms::group_all | fs::perms::others_all;
+    bring_up();
+    EXPECT_EQ(fs::status(STATE).permissions() & others, fs::perms::none);
+    take_down();
+    sim_reader::write_size("/tmp/other", 1, 352, 288);
+    EXPECT_EQ(fs::status("/tmp/other").permissions() & others, fs::perms::none);
+    fs::remove_all("/tmp/other");
+}
+
 TEST_F(CodecLibrary, osds_left_open_go_with_the_device)
 {
     const std::vector<std::uint32_t> ids = bring_up_with_posts();
@@ -540,6 +568,7 @@ TEST_F(CodecLibrary, full_disk_fails_an_open_and_leaves_no_half_of_a_file)
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "qm5sim: /tmp/codec/post0-osd0: No space left on device\n");
     EXPECT_EQ(handle, 0u);
+    EXPECT_FALSE(fs::exists(std::string(STATE) + "/post0-osd0"));
     open_osd(id, {0, 16, 16, 2});
     take_down();
     EXPECT_EQ(umount(STATE), 0);
