@@ -1,0 +1,38 @@
+// qm5sim: looks into the simulated codec, and turns its screws.
+#include "commands.h"
+
+#include "sim_reader.h"
+
+#include <iostream>
+
+namespace
+{
+
+constexpr int EXIT_FAILED = 1;
+constexpr int EXIT_MISUSE = 2;
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    commands::Context context{sim_reader::default_folder()};
+    CLI::App app("Pictures and post threads of the simulated codec.", "qm5sim");
+    app.require_subcommand(1);
+    app.add_option("--state", context.folder, "state folder of the simulated codec")
+        ->envname("QM5SIM_STATE")
+        ->capture_default_str();
+    commands::add_post(app, context);
+    commands::add_snapshot(app, context);
+    try {
+        app.parse(argc, argv);
+        return 0;
+    } catch (const CLI::ParseError &error) {
+        if (error.get_exit_code() == 0) // help was asked for
+            return app.exit(error);
+        std::cerr << "qm5sim: " << error.what() << '\n';
+        return EXIT_MISUSE;
+    } catch (const std::exception &error) {
+        std::cerr << "qm5sim: " << error.what() << '\n';
+        return EXIT_FAILED;
+    }
+}
