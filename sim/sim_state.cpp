@@ -48,3 +48,39 @@ bool sim_parse_size(const char *text, std::uint32_t *width, std::uint32_t *heigh
     *height = h;
     return true;
 }
+
+const char *sim_parse_setting(const char *line, sim_settings *settings)
+{
+    std::uint32_t value[3] = {};
+    int end = 0;
+    if (sscanf(line, "alignment %5u %5u %5u %n", &value[0], &value[1], &value[2], &end) == 3 &&
+        line[end] == '\0') {
+        for (const std::uint32_t bytes : value) {
+            if (bytes == 0 || bytes > 4096)
+                return "an alignment is 1 to 4096 bytes";
+        }
+        memcpy(settings->alignment, value, sizeof value);
+        return nullptr;
+    }
+    if (sscanf(line, "strict %1u %n", &value[0], &end) == 1 && line[end] == '\0' && value[0] < 2) {
+        settings->strict = value[0];
+        return nullptr;
+    }
+    if (sscanf(line, "faults %1u %n", &value[0], &end) == 1 && line[end] == '\0' && value[0] < 2) {
+        settings->faults = value[0];
+        return nullptr;
+    }
+    return "no setting, or not its values";
+}
+
+// FNV-1a, with a zero between the texts.
+std::uint32_t sim_hash(const char *settings, std::size_t settings_size, const char *faults,
+                       std::size_t faults_size)
+{
+    std::uint32_t hash = 2166136261;
+    for (std::size_t i = 0; i <= settings_size; i++)
+        hash = (hash ^ (i < settings_size ? static_cast<std::uint8_t>(settings[i]) : 0)) * 16777619;
+    for (std::size_t i = 0; i < faults_size; i++)
+        hash = (hash ^ static_cast<std::uint8_t>(faults[i])) * 16777619;
+    return hash;
+}

@@ -8,11 +8,25 @@
 //                       by the library where missing; anybody may rewrite one at any time
 //   state               the record below, mapped into the library and read by the tools; locked
 //                       (flock) by the one process that has the device open
+//   settings            how the codec behaves, a line each; see below. No file: the defaults
+//   faults              what is to go wrong, a line each; see sim_faults.h. No file: nothing
+//   breaches            what the application did that the codec library doesn't allow, a line each
 //   post0-osd0 ...      what each open OSD shows, as last set; line_bytes * height bytes at least
 //
 // Only the library writes `state` and the pixels. It makes `sequence` odd before and even after
-// each change, and a reader takes nothing that it read across a change of it.
+// each change, and a reader takes nothing that it read across a change of it. `settings` and
+// `faults` may be written at any time, whole, by a rename; `control` tells which of them are in
+// force: the library takes them up at each of its calls that belong to no post, and after
+// qm5_cl_post_set_notify within moments of a change.
+//
+// The settings, with their defaults:
+//
+//   alignment 16 16 16  bytes to which a line of OSD memory is rounded, per colour type; 1 to 4096
+//   strict 0            1: the first breach ends the process (SIGABRT)
+//   faults 1            0: none of the faults happens
 #pragma once
+
+#include "sim_faults.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -21,7 +35,7 @@ constexpr std::uint32_t SIM_POSTS = 4;
 constexpr std::uint32_t SIM_OSDS = 4;
 
 constexpr std::uint32_t SIM_MAGIC = 0x6D697335; // "5sim"
-constexpr std::uint32_t SIM_VERSION = 1;
+constexpr std::uint32_t SIM_VERSION = 2;
 
 struct sim_osd {
     std::uint32_t handle; // 0: not open
@@ -42,14 +56,24 @@ struct sim_post {
     sim_osd osd[SIM_OSDS];
 };
 
+// How often a fault of this ID was met, and how often it happened.
+struct sim_fault_count {
+    std::uint32_t id; // 0: no fault
+    std::uint32_t met;
+    std::uint32_t happened;
+};
+
 struct sim_state {
     std::uint32_t magic;
     std::uint32_t version;
     std::uint32_t sequence;
-    std::uint32_t last_id; // resource IDs and handles are counted, so none comes twice
+    std::uint32_t last_id;  // resource IDs and handles are counted, so none comes twice
+    std::uint32_t control;  // sim_hash of the settings and faults in force
+    std::uint32_t breaches; // of this server and those before it
     sim_post post[SIM_POSTS];
+    sim_fault_count fault[SIM_FAULTS];
 };
-static_assert(sizeof(sim_osd) == 36 && sizeof(sim_post) == 156 && sizeof(sim_state) == 640);
+static_assert(sizeof(sim_osd) == 36 && sizeof(sim_post) == 156 && sizeof(sim_state) == 1032);
 
 constexpr std::size_t SIM_PATH_SIZE = 4096;
 
@@ -61,6 +85,21 @@ constexpr std::size_t SIM_LARGEST_OSD = std::size_t{64} << 20;
 
 // Only the user looks into a state folder.
 constexpr unsigned SIM_FOLDER_MODE = 0700;
+
+// How the codec behaves.
+struct sim_settings {
+    std::uint32_t alignment[3];
+    std::uint32_t strict;
+    std::uint32_t faults;
+};
+constexpr sim_settings SIM_DEFAULT_SETTINGS = {{16, 16, 16}, 0, 1};
+
+// Reads one line of the settings into its place. NULL, or why it can't be understood.
+const char *sim_parse_setting(const char *line, sim_settings *settings);
+
+// A hash of two texts, of settings and of faults; a missing file is an empty text.
+std::uint32_t sim_hash(const char *settings, std::size_t settings_size, const char *faults,
+                       std::size_t faults_size);
 
 // Reads "WIDTHxHEIGHT" or "closed", which is a size of 0 by 0. False for anything else; a size is
 // 1 to 65535 each way.

@@ -1,21 +1,19 @@
 // The twelve operations of the codec library, on a simulated codec: what the application calls on
 // a PC. Everything between the calls is in the state folder, see sim_state.h.
-#include "sim_posts.h"
+#include "sim_library.h"
 
+#include <cerrno>
 #include <cstring>
 
 #define SIM_EXPORT extern "C" [[gnu::visibility("default")]]
 
-// A line of OSD memory is rounded up to what the bus moves at a time.
-constexpr std::uint32_t SIM_LINE_ALIGNMENT = 16;
-
 constexpr std::uint32_t SIM_COLOR_TYPES = 3;
 
 // How far the server has come in bringing the library up.
-static enum {
+static enum sim_stages {
     SIM_DOWN,
     SIM_INITIALISED,
-    SIM_DEVICE_OPEN,
+    SIM_DEVICE_IS_OPEN,
 } sim_stage = SIM_DOWN;
 
 static qm5_cl_post_notify_function *sim_notify;
@@ -23,10 +21,36 @@ static bool sim_notifying;
 
 // ---- Library and device -------------------------------------------------------------------------
 
+static int sim_fail_order(sim_operation operation)
+{
+    sim_lock();
+    sim_breach(operation, "out of its order");
+    sim_unlock();
+    return sim_fail(SIM_ERROR_ORDER);
+}
+
+// What a call that belongs to no post begins with. 0, or -1 with errno if it is to fail.
+static int sim_begin_plain_call(sim_operation operation)
+{
+    sim_lock();
+    sim_check_thread(operation);
+    sim_read_control();
+    const sim_trouble trouble = sim_meet_faults(operation, SIM_ANY_POST);
+    sim_unlock();
+    sim_sleep(trouble.delay_ms);
+    return trouble.code != 0 ? sim_fail(trouble.code) : 0;
+}
+
 SIM_EXPORT int qm5_cl_library_init(void)
 {
     if (sim_stage != SIM_DOWN)
-        return sim_fail(SIM_ERROR_ORDER);
+        return sim_fail_order(SIM_LIBRARY_INIT);
+    if (sim_map_state() != 0)
+        return -1;
+    if (sim_begin_plain_call(SIM_LIBRARY_INIT) != 0) {
+        sim_unmap_state();
+        return -1;
+    }
     sim_stage = SIM_INITIALISED;
     return 0;
 }
@@ -34,19 +58,25 @@ SIM_EXPORT int qm5_cl_library_init(void)
 SIM_EXPORT int qm5_cl_sys_open_device(void)
 {
     if (sim_stage != SIM_INITIALISED)
-        return sim_fail(SIM_ERROR_ORDER);
-    if (sim_map_state() != 0)
+        return sim_fail_order(SIM_OPEN_DEVICE);
+    if (sim_begin_plain_call(SIM_OPEN_DEVICE) != 0)
         return -1;
-    sim_stage = SIM_DEVICE_OPEN;
+    sim_stage = SIM_DEVICE_IS_OPEN;
     return 0;
 }
 
 SIM_EXPORT int qm5_cl_post_notify_callback(qm5_cl_post_notify_function *callback)
 {
-    if (sim_stage != SIM_DEVICE_OPEN)
-        return sim_fail(SIM_ERROR_ORDER);
-    if (!callback)
+    if (sim_stage != SIM_DEVICE_IS_OPEN)
+        return sim_fail_order(SIM_NOTIFY_CALLBACK);
+    if (!callback) {
+        sim_lock();
+        sim_breach(SIM_NOTIFY_CALLBACK, "callback: none");
+        sim_unlock();
         return sim_fail(SIM_ERROR_ARGUMENT);
+    }
+    if (sim_begin_plain_call(SIM_NOTIFY_CALLBACK) != 0)
+        return -1;
     sim_notify = callback;
     return 0;
 }
@@ -54,77 +84,133 @@ SIM_EXPORT int qm5_cl_post_notify_callback(qm5_cl_post_notify_function *callback
 SIM_EXPORT int qm5_cl_post_set_notify(std::uint32_t mask)
 {
     if (!sim_notify || sim_notifying)
-        return sim_fail(SIM_ERROR_ORDER);
-    if (sim_start_posts(sim_notify, mask) != 0)
+        return sim_fail_order(SIM_SET_NOTIFY);
+    if (sim_begin_plain_call(SIM_SET_NOTIFY) != 0 || sim_start_posts(sim_notify, mask) != 0)
         return -1;
     sim_notifying = true;
     return 0;
 }
 
+// OSDs left open end with the device; the post threads go on.
+static void sim_end_osds()
+{
+    for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
+        for (std::uint32_t number = 0; number < SIM_OSDS; number++) {
+            const std::uint32_t handle = sim->post[post].osd[number].handle;
+            if (handle == 0)
+                continue;
+            sim_check_memory(SIM_CLOSE_DEVICE, sim_get_memory(post, number));
+            sim_breach(SIM_CLOSE_DEVICE, "post %u, OSD %u, handle 0x%08X: left open", post, number,
+                       handle);
+        }
+    }
+    sim_forget_osds();
+    sim_reap_memory();
+}
+
+// Whatever its result, the device is closed.
 SIM_EXPORT int qm5_cl_sys_close_device(void)
 {
-    if (sim_stage != SIM_DEVICE_OPEN)
-        return sim_fail(SIM_ERROR_ORDER);
+    if (sim_stage != SIM_DEVICE_IS_OPEN)
+        return sim_fail_order(SIM_CLOSE_DEVICE);
+    const int result = sim_begin_plain_call(SIM_CLOSE_DEVICE);
+    const int error = errno;
     sim_stop_posts();
     sim_notifying = false;
     sim_notify = nullptr;
-
-    // OSDs left open end with the device; the post threads go on.
-    sim_begin();
-    for (sim_post &post : sim->post)
-        memset(post.osd, 0, sizeof post.osd);
-    sim_end();
-    sim_reap_memory();
-    sim_unmap_state();
+    sim_end_osds();
     sim_stage = SIM_INITIALISED;
-    return 0;
+    errno = error;
+    return result;
 }
 
+// Whatever its result, the library is down.
 SIM_EXPORT int qm5_cl_library_exit(void)
 {
     if (sim_stage != SIM_INITIALISED)
-        return sim_fail(SIM_ERROR_ORDER);
+        return sim_fail_order(SIM_LIBRARY_EXIT);
+    const int result = sim_begin_plain_call(SIM_LIBRARY_EXIT);
+    const int error = errno;
+    sim_unmap_state();
     sim_stage = SIM_DOWN;
-    return 0;
+    errno = error;
+    return result;
 }
 
 // ---- Posts and OSDs -----------------------------------------------------------------------------
 
-// A call on a post thread, and on one of its OSDs. While one is under way the posts stand still.
+// A call on a post thread, and on one of its OSDs. From its beginning to its end the posts stand
+// still.
 struct sim_call {
+    sim_operation operation;
     sim_post *post;
     sim_osd *osd;
     std::uint32_t post_number;
     std::uint32_t osd_number;
+    sim_trouble trouble;
 };
 
-// Begins a call on a post thread. 0 with the lock held, or -1 with errno and without it.
-static int sim_begin_call(std::uint32_t res_id, sim_call *call)
+// The number of the post thread, or SIM_ANY_POST.
+static std::uint32_t sim_find_post(std::uint32_t res_id)
 {
-    if (sim_stage != SIM_DEVICE_OPEN)
-        return sim_fail(SIM_ERROR_ORDER);
-    sim_lock();
-    sim_reap_memory(); // the server has left the memory of the call before
     for (std::uint32_t i = 0; i < SIM_POSTS && res_id != 0; i++) {
-        if (sim->post[i].res_id == res_id) {
-            *call = {&sim->post[i], nullptr, i, 0};
-            return 0;
-        }
+        if (sim->post[i].res_id == res_id)
+            return i;
     }
-    sim_unlock();
-    return sim_fail(QM5_CL_ERROR_GONE_1);
+    return SIM_ANY_POST;
 }
 
-static int sim_end_call(int result)
+// Lets go wrong what is to go wrong before the call. Having the lock, which it gives back in
+// between; -1 with errno if the call is to fail.
+static int sim_suffer_faults(std::uint32_t res_id, sim_call *call)
+{
+    const std::uint32_t post = sim_find_post(res_id);
+    call->trouble = sim_meet_faults(call->operation, post);
+    if (call->trouble.delay_ms != 0 || call->trouble.vanish) {
+        sim_unlock();
+        sim_sleep(call->trouble.delay_ms);
+        if (call->trouble.vanish && post != SIM_ANY_POST)
+            sim_vanish_post(post);
+        sim_lock();
+    }
+    return call->trouble.code != 0 ? sim_fail(call->trouble.code) : 0;
+}
+
+// Ends a call: gives the lock back, and lets a post vanish if that is to come behind its work.
+static int sim_end_call(const sim_call *call, int result)
 {
     sim_unlock();
+    if (call->trouble.vanish_after && call->post)
+        sim_vanish_post(call->post_number);
     return result;
 }
 
-// The same for a call on an OSD.
-static int sim_begin_osd_call(std::uint32_t res_id, std::uint32_t handle, sim_call *call)
+// Begins a call on a post thread. 0 with the lock held, or -1 with errno and without it.
+static int sim_begin_call(sim_operation operation, std::uint32_t res_id, sim_call *call)
 {
-    if (sim_begin_call(res_id, call) != 0)
+    *call = {};
+    call->operation = operation;
+    if (sim_stage != SIM_DEVICE_IS_OPEN)
+        return sim_fail_order(operation);
+    sim_lock();
+    sim_check_thread(operation);
+    sim_reap_memory(); // the server has left the memory of the call before
+    if (sim_suffer_faults(res_id, call) != 0)
+        return sim_end_call(call, -1);
+    call->post_number = sim_find_post(res_id);
+    if (call->post_number == SIM_ANY_POST) {
+        sim_check_res_id(operation, res_id);
+        return sim_end_call(call, sim_fail(QM5_CL_ERROR_GONE_1));
+    }
+    call->post = &sim->post[call->post_number];
+    return 0;
+}
+
+// The same for a call on an OSD.
+static int sim_begin_osd_call(sim_operation operation, std::uint32_t res_id, std::uint32_t handle,
+                              sim_call *call)
+{
+    if (sim_begin_call(operation, res_id, call) != 0)
         return -1;
     for (std::uint32_t i = 0; i < SIM_OSDS && handle != 0; i++) {
         if (call->post->osd[i].handle == handle) {
@@ -133,25 +219,27 @@ static int sim_begin_osd_call(std::uint32_t res_id, std::uint32_t handle, sim_ca
             return 0;
         }
     }
-    sim_unlock();
-    return sim_fail(QM5_CL_ERROR_GONE_2);
+    sim_check_handle(operation, handle);
+    return sim_end_call(call, sim_fail(QM5_CL_ERROR_GONE_2));
 }
 
 SIM_EXPORT int qm5_cl_post_thread_get_status(std::uint32_t res_id, qm5_cl_post_status *status)
 {
     sim_call call;
-    if (sim_begin_call(res_id, &call) != 0)
+    if (sim_begin_call(SIM_THREAD_GET_STATUS, res_id, &call) != 0)
         return -1;
+    sim_check_zero(call.operation, "status", status, sizeof *status);
     memset(status, 0xEE, sizeof *status); // what nobody reads is no zero
     status->width = static_cast<std::uint16_t>(call.post->width);
     status->height = static_cast<std::uint16_t>(call.post->height);
-    return sim_end_call(0);
+    return sim_end_call(&call, 0);
 }
 
 static std::uint32_t sim_get_line_bytes(const qm5_cl_osd_param *param)
 {
+    const std::uint32_t unit = sim_setting.alignment[param->color_type];
     const std::uint32_t bytes = ((std::uint32_t{param->width} << (param->color_type + 1)) + 7) / 8;
-    return (bytes + SIM_LINE_ALIGNMENT - 1) / SIM_LINE_ALIGNMENT * SIM_LINE_ALIGNMENT;
+    return (bytes + unit - 1) / unit * unit;
 }
 
 // Opens the OSD in the state; no change is left behind by a failure.
@@ -160,7 +248,7 @@ static int sim_open_osd(const sim_call *call, const qm5_cl_osd_param *param)
     sim_osd *osd = &call->post->osd[param->number];
     sim_begin();
     *osd = {};
-    osd->handle = 0x60000000 + sim_new_id();
+    osd->handle = SIM_FIRST_HANDLE + sim_new_id();
     osd->color_type = param->color_type;
     osd->width = param->width;
     osd->height = param->height;
@@ -172,73 +260,108 @@ static int sim_open_osd(const sim_call *call, const qm5_cl_osd_param *param)
     return result;
 }
 
+// Why an OSD can't be opened, as a breach and an errno; 0 if it can.
+static std::uint32_t sim_check_param(const sim_call *call, const qm5_cl_osd_param *param)
+{
+    if (param->number >= SIM_OSDS) {
+        sim_breach(call->operation, "param: OSD number %u", param->number);
+        return SIM_ERROR_ARGUMENT;
+    }
+    if (param->color_type >= SIM_COLOR_TYPES) {
+        sim_breach(call->operation, "param: colour type %u", param->color_type);
+        return SIM_ERROR_ARGUMENT;
+    }
+    if (call->post->osd[param->number].handle != 0) {
+        sim_breach(call->operation, "param: OSD %u of post %u is open", param->number,
+                   call->post_number);
+        return SIM_ERROR_BUSY;
+    }
+    return 0;
+}
+
 SIM_EXPORT int qm5_cl_post_open_osd(std::uint32_t res_id, const qm5_cl_osd_param *param,
                                     std::uint32_t *handle, std::uint32_t *aux,
                                     std::uint32_t *line_bytes)
 {
     sim_call call;
-    if (sim_begin_call(res_id, &call) != 0)
+    if (sim_begin_call(SIM_OPEN_OSD, res_id, &call) != 0)
         return -1;
-    if (param->number >= SIM_OSDS || param->color_type >= SIM_COLOR_TYPES)
-        return sim_end_call(sim_fail(SIM_ERROR_ARGUMENT));
-    const sim_osd *osd = &call.post->osd[param->number];
-    if (osd->handle != 0)
-        return sim_end_call(sim_fail(SIM_ERROR_BUSY));
+    const std::uint32_t error = sim_check_param(&call, param);
+    if (error != 0)
+        return sim_end_call(&call, sim_fail(error));
+    sim_check_old_handle(call.operation, *handle);
     if (sim_open_osd(&call, param) != 0)
-        return sim_end_call(-1);
+        return sim_end_call(&call, -1);
+    const sim_osd *osd = &call.post->osd[param->number];
     *handle = osd->handle;
     *aux = 0xA0000000 + param->number;
-    *line_bytes = osd->line_bytes;
-    return sim_end_call(0);
+    *line_bytes = osd->line_bytes + static_cast<std::uint32_t>(call.trouble.line);
+    return sim_end_call(&call, 0);
 }
 
 SIM_EXPORT int qm5_cl_post_close_osd(std::uint32_t res_id, std::uint32_t handle)
 {
     sim_call call;
-    if (sim_begin_osd_call(res_id, handle, &call) != 0)
+    if (sim_begin_osd_call(SIM_CLOSE_OSD, res_id, handle, &call) != 0)
         return -1;
+    sim_check_memory(call.operation, sim_get_memory(call.post_number, call.osd_number));
+    sim_note_closed(handle);
     sim_begin();
     *call.osd = {};
     sim_end();
     sim_close_memory(call.post_number, call.osd_number);
-    return sim_end_call(0);
+    return sim_end_call(&call, 0);
 }
 
 SIM_EXPORT int qm5_cl_post_clear_osd(std::uint32_t res_id, std::uint32_t handle)
 {
     sim_call call;
-    if (sim_begin_osd_call(res_id, handle, &call) != 0)
+    if (sim_begin_osd_call(SIM_CLEAR_OSD, res_id, handle, &call) != 0)
         return -1;
     sim_begin();
     call.osd->shown = 0;
     sim_end();
-    return sim_end_call(0);
+    return sim_end_call(&call, 0);
 }
 
 SIM_EXPORT int qm5_cl_post_get_osd_mem(std::uint32_t res_id, std::uint32_t handle,
                                        qm5_cl_osd_mem *mem)
 {
     sim_call call;
-    if (sim_begin_osd_call(res_id, handle, &call) != 0)
+    if (sim_begin_osd_call(SIM_GET_OSD_MEM, res_id, handle, &call) != 0)
         return -1;
-    const sim_memory *memory = sim_get_memory(call.post_number, call.osd_number);
+    sim_check_zero(call.operation, "mem", mem, sizeof *mem);
+    sim_memory *memory = sim_get_memory(call.post_number, call.osd_number);
+    sim_check_memory(call.operation, memory);
+    memory->lent = true;
     mem->memory = memory->draw;
-    mem->size = static_cast<std::uint32_t>(memory->size);
-    return sim_end_call(0);
+    mem->size =
+        static_cast<std::uint32_t>(memory->size) + static_cast<std::uint32_t>(call.trouble.size);
+    return sim_end_call(&call, 0);
+}
+
+static void sim_show(const sim_call *call, sim_memory *memory, qm5_cl_osd_pos pos)
+{
+    sim_begin();
+    memcpy(memory->shown, memory->draw, memory->size);
+    call->osd->x = pos.x;
+    call->osd->y = pos.y;
+    call->osd->shown = 1;
+    call->osd->sets++;
+    sim_end();
+    memory->lent = false;
+    memory->equal = true;
 }
 
 SIM_EXPORT int qm5_cl_post_set_osd(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_pos pos)
 {
     sim_call call;
-    if (sim_begin_osd_call(res_id, handle, &call) != 0)
+    if (sim_begin_osd_call(SIM_SET_OSD, res_id, handle, &call) != 0)
         return -1;
-    const sim_memory *memory = sim_get_memory(call.post_number, call.osd_number);
-    sim_begin();
-    memcpy(memory->shown, memory->draw, memory->size);
-    call.osd->x = pos.x;
-    call.osd->y = pos.y;
-    call.osd->shown = 1;
-    call.osd->sets++;
-    sim_end();
-    return sim_end_call(0);
+    sim_memory *memory = sim_get_memory(call.post_number, call.osd_number);
+    if (!memory->lent)
+        sim_breach(call.operation, "handle 0x%08X: without get_osd_mem before it", handle);
+    sim_check_memory(call.operation, memory);
+    sim_show(&call, memory, pos);
+    return sim_end_call(&call, 0);
 }

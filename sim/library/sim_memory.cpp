@@ -1,5 +1,5 @@
 // The mapped state and the memory of OSDs.
-#include "sim_posts.h"
+#include "sim_library.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -15,14 +15,11 @@
 sim_state *sim;
 
 static pthread_mutex_t sim_mutex = PTHREAD_MUTEX_INITIALIZER;
+static pthread_cond_t sim_vanished = PTHREAD_COND_INITIALIZER;
 static char sim_folder_path[SIM_PATH_SIZE];
 static int sim_state_fd = -1; // locked while the device is open
 
-// Memory by post and number, and the handle of the OSD that it was opened for.
-static struct {
-    sim_memory memory;
-    std::uint32_t handle;
-} sim_memories[SIM_POSTS][SIM_OSDS];
+static sim_memory sim_memories[SIM_POSTS][SIM_OSDS];
 
 int sim_fail(std::uint32_t code)
 {
@@ -46,6 +43,16 @@ void sim_lock()
 void sim_unlock()
 {
     pthread_mutex_unlock(&sim_mutex);
+}
+
+void sim_wait_vanished()
+{
+    pthread_cond_wait(&sim_vanished, &sim_mutex);
+}
+
+void sim_tell_vanished()
+{
+    pthread_cond_broadcast(&sim_vanished);
 }
 
 void sim_begin()
@@ -79,6 +86,22 @@ void sim_get_path(char *path, const char *format, ...)
     va_end(arguments);
 }
 
+long sim_read_text(const char *path, char *text, std::size_t size)
+{
+    text[0] = '\0';
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd == -1 && errno == ENOENT)
+        return 0;
+    if (fd == -1)
+        return sim_fail_system(path);
+    const ssize_t length = read(fd, text, size - 1);
+    if (length == -1)
+        sim_fail_system(path);
+    close(fd);
+    text[length > 0 ? length : 0] = '\0';
+    return length;
+}
+
 // Opens a file of the folder, made anew if it isn't there; -1 with errno.
 static int sim_open_file(const char *path)
 {
@@ -99,6 +122,14 @@ static void *sim_map_file(int fd, std::size_t size)
     return mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
 }
 
+void sim_forget_osds()
+{
+    sim_begin();
+    for (sim_post &post : sim->post)
+        memset(post.osd, 0, sizeof post.osd);
+    sim_end();
+}
+
 // A state that another process left behind, perhaps within a change, keeps its post threads; their
 // OSDs went with it.
 static void sim_take_over_state()
@@ -111,9 +142,7 @@ static void sim_take_over_state()
         sim->version = SIM_VERSION;
         sim->sequence = sequence;
     }
-    for (sim_post &post : sim->post)
-        memset(post.osd, 0, sizeof post.osd);
-    sim_end();
+    sim_forget_osds(); // ends the change
 }
 
 // Takes the folder from the environment and makes it. -1 with errno for a failure.
@@ -179,24 +208,40 @@ void sim_unmap_state()
 // What OSD memory holds before it is first drawn: nothing that looks like a picture.
 constexpr int SIM_FRESH_BYTE = 0xA5;
 
+// What stands before it, up to the page that nobody may touch, and how much of that is looked at.
+constexpr std::uint8_t SIM_MARGIN_BYTE = 0x5C;
+constexpr std::ptrdiff_t SIM_MARGIN = 64;
+
 sim_memory *sim_get_memory(std::uint32_t post, std::uint32_t number)
 {
-    return &sim_memories[post][number].memory;
+    return &sim_memories[post][number];
 }
 
-static std::size_t sim_mapped_size(const sim_memory *memory)
+static std::size_t sim_page()
 {
-    return memory->size != 0 ? memory->size : 1; // an OSD of no lines is mapped all the same
+    static const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    return page;
 }
 
-// Makes and maps the file of what an OSD shows; MAP_FAILED with errno.
+static std::size_t sim_round_up(std::size_t size, std::size_t unit)
+{
+    return (size + unit - 1) / unit * unit;
+}
+
+// The pages for so many bytes; an OSD of no lines has one all the same.
+static std::size_t sim_pages_of(std::size_t size)
+{
+    return sim_round_up(size != 0 ? size : 1, sim_page());
+}
+
+// Makes the file of what an OSD shows and maps it; MAP_FAILED with errno.
 static void *sim_map_picture(const char *path, std::size_t size)
 {
     unlink(path); // a reader may still have the one before
     const int fd = sim_open_file(path);
     if (fd == -1)
         return MAP_FAILED;
-    void *map = sim_map_file(fd, size);
+    void *map = sim_map_file(fd, size != 0 ? size : 1);
     const int error = errno;
     if (map == MAP_FAILED)
         unlink(path); // it may have taken what was left of the disk
@@ -205,43 +250,92 @@ static void *sim_map_picture(const char *path, std::size_t size)
     return map;
 }
 
+// Maps memory of so many bytes between two pages that nobody may touch, so that its last word ends
+// with the second one; NULL with errno.
+static std::uint8_t *sim_map_guarded(std::size_t size)
+{
+    const std::size_t pages = sim_pages_of(size);
+    void *map =
+        mmap(nullptr, pages + 2 * sim_page(), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (map == MAP_FAILED)
+        return nullptr;
+    auto *first = static_cast<std::uint8_t *>(map) + sim_page();
+    if (mprotect(first, pages, PROT_READ | PROT_WRITE) != 0) {
+        munmap(map, pages + 2 * sim_page());
+        return nullptr;
+    }
+    std::uint8_t *draw = first + pages - sim_round_up(size, 4);
+    memset(first, SIM_MARGIN_BYTE, pages);
+    memset(draw, SIM_FRESH_BYTE, size);
+    return draw;
+}
+
+// The first byte behind the first of its two guards.
+static std::uint8_t *sim_first_byte(const sim_memory *memory)
+{
+    return memory->draw + sim_round_up(memory->size, 4) - sim_pages_of(memory->size);
+}
+
+static void sim_unmap_guarded(const sim_memory *memory)
+{
+    munmap(sim_first_byte(memory) - sim_page(), sim_pages_of(memory->size) + 2 * sim_page());
+}
+
 int sim_open_memory(std::uint32_t post, std::uint32_t number)
 {
     const sim_osd *osd = &sim->post[post].osd[number];
-    sim_memory *memory = sim_get_memory(post, number);
+    sim_memory memory = {};
     char path[SIM_PATH_SIZE];
     sim_get_path(path, "post%u-osd%u", post, number);
 
-    memory->size = std::size_t{osd->line_bytes} * osd->height;
-    if (memory->size > SIM_LARGEST_OSD)
+    memory.handle = osd->handle;
+    memory.size = std::size_t{osd->line_bytes} * osd->height;
+    if (memory.size > SIM_LARGEST_OSD)
         return sim_fail(QM5_CL_ERROR_OPEN_REFUSED);
-    const std::size_t mapped = sim_mapped_size(memory);
-    void *draw = mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (draw == MAP_FAILED)
+    memory.draw = sim_map_guarded(memory.size);
+    if (!memory.draw)
         return sim_fail_system("OSD memory");
-    void *shown = sim_map_picture(path, mapped);
+    void *shown = sim_map_picture(path, memory.size);
     if (shown == MAP_FAILED) {
         sim_fail_system(path);
-        munmap(draw, mapped);
+        sim_unmap_guarded(&memory);
         return -1;
     }
-    memset(draw, SIM_FRESH_BYTE, mapped);
-    memory->draw = static_cast<std::uint8_t *>(draw);
-    memory->shown = static_cast<std::uint8_t *>(shown);
-    sim_memories[post][number].handle = osd->handle;
+    memory.shown = static_cast<std::uint8_t *>(shown);
+    *sim_get_memory(post, number) = memory;
     return 0;
 }
 
 void sim_close_memory(std::uint32_t post, std::uint32_t number)
 {
     sim_memory *memory = sim_get_memory(post, number);
-    if (!memory->draw)
+    if (memory->handle == 0)
         return;
-    const std::size_t mapped = sim_mapped_size(memory);
-    munmap(memory->draw, mapped);
-    munmap(memory->shown, mapped);
+    sim_unmap_guarded(memory);
+    munmap(memory->shown, memory->size != 0 ? memory->size : 1);
     *memory = {};
-    sim_memories[post][number].handle = 0;
+}
+
+void sim_check_memory(sim_operation operation, const sim_memory *memory)
+{
+    const std::uint8_t *first = sim_first_byte(memory);
+    if (memory->draw - first > SIM_MARGIN)
+        first = memory->draw - SIM_MARGIN;
+    for (const std::uint8_t *byte = first; byte < memory->draw; byte++) {
+        if (*byte != SIM_MARGIN_BYTE) {
+            sim_breach(operation, "handle 0x%08X: bytes before its memory have been written",
+                       memory->handle);
+            break;
+        }
+    }
+    for (std::size_t i = memory->size; i < sim_round_up(memory->size, 4); i++) {
+        if (memory->draw[i] != SIM_MARGIN_BYTE)
+            sim_breach(operation, "handle 0x%08X: byte %zu behind its memory has been written",
+                       memory->handle, i - memory->size);
+    }
+    if (!memory->lent && memory->equal && memcmp(memory->draw, memory->shown, memory->size) != 0)
+        sim_breach(operation, "handle 0x%08X: its memory has been written after set_osd",
+                   memory->handle);
 }
 
 void sim_reap_memory()

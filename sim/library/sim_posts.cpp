@@ -1,5 +1,6 @@
-#include "sim_posts.h"
+#include "sim_library.h"
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -21,7 +22,11 @@ static std::uint32_t sim_mask;
 static bool sim_announced[SIM_POSTS];
 static pthread_t sim_thread;
 static int sim_watch = -1;   // inotify on the folder
-static int sim_wake_up = -1; // eventfd: end the thread
+static int sim_wake_up = -1; // eventfd: end the thread, or let a post vanish
+static std::atomic<bool> sim_ending;
+
+// Posts that are to vanish; with the lock.
+static bool sim_vanishing[SIM_POSTS];
 
 // ---- What the files say -------------------------------------------------------------------------
 
@@ -59,22 +64,13 @@ static int sim_make_size_files()
 static bool sim_read_size(std::uint32_t post, std::uint32_t *width, std::uint32_t *height)
 {
     char path[SIM_PATH_SIZE];
-    char text[32] = {};
+    char text[32];
     *width = 0;
     *height = 0;
     sim_get_path(path, "post%u", post);
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd == -1 && errno == ENOENT)
+    if (access(path, F_OK) != 0 && errno == ENOENT)
         return true;
-    if (fd == -1) {
-        sim_fail_system(path);
-        return false;
-    }
-    const ssize_t length = read(fd, text, sizeof text - 1);
-    if (length == -1)
-        sim_fail_system(path);
-    close(fd);
-    if (length <= 0)
+    if (sim_read_text(path, text, sizeof text) <= 0)
         return false;
     if (sim_parse_size(text, width, height))
         return true;
@@ -84,13 +80,28 @@ static bool sim_read_size(std::uint32_t post, std::uint32_t *width, std::uint32_
 
 // ---- Changes ------------------------------------------------------------------------------------
 
+// Sleeps, but not beyond the end of the thread.
+static void sim_wait(std::uint32_t ms)
+{
+    constexpr std::uint32_t slice = 20;
+    for (; ms > 0 && !sim_ending; ms -= ms < slice ? ms : slice)
+        sim_sleep(ms < slice ? ms : slice);
+}
+
 static void sim_announce(std::uint32_t post, std::uint32_t res_id)
 {
     sim_announced[post] = res_id != 0;
     if ((sim_mask >> post & 1) == 0)
         return;
+    sim_lock();
+    const sim_trouble trouble = sim_meet_faults(SIM_NOTIFY, post);
+    sim_unlock();
+    sim_wait(trouble.late_ms);
     // A word that nobody reads is no zero.
-    sim_callback({0x0BADF00D, res_id, post, res_id != 0});
+    const qm5_cl_post_notify_info info = {0x0BADF00D, res_id, post, res_id != 0};
+    sim_callback(info);
+    if (trouble.twice)
+        sim_callback(info);
 }
 
 static void sim_close_post(std::uint32_t number)
@@ -111,7 +122,7 @@ static void sim_open_post(std::uint32_t number, std::uint32_t width, std::uint32
     sim_lock();
     sim_begin();
     *post = {};
-    post->res_id = 0x50000000 + sim_new_id();
+    post->res_id = SIM_FIRST_RES_ID + sim_new_id();
     post->width = width;
     post->height = height;
     sim_end();
@@ -139,24 +150,82 @@ static void sim_follow_post(std::uint32_t number)
 
 // ---- The thread ---------------------------------------------------------------------------------
 
-static void sim_drain_watch()
+static void sim_drain_events()
 {
     alignas(inotify_event) char events[sizeof(inotify_event) + NAME_MAX + 1];
     while (read(sim_watch, events, sizeof events) > 0)
-        continue; // whatever it was, all posts are looked at
+        continue; // whatever it was, everything is looked at
+    std::uint64_t count;
+    while (read(sim_wake_up, &count, sizeof count) > 0)
+        continue;
+}
+
+// Writes "closed" into the file of a post, whole or not at all.
+static void sim_write_closed(std::uint32_t post)
+{
+    char path[SIM_PATH_SIZE];
+    char draft[SIM_PATH_SIZE];
+    sim_get_path(path, "post%u", post);
+    sim_get_path(draft, "post%u.new", post);
+    const int fd = open(draft, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    errno = ENOSPC; // what a short write means
+    if (fd == -1 || write(fd, "closed\n", 7) != 7 || rename(draft, path) != 0)
+        sim_fail_system(draft);
+    if (fd != -1)
+        close(fd);
+}
+
+static void sim_follow_vanishing(std::uint32_t number)
+{
+    sim_lock();
+    const bool vanishing = sim_vanishing[number];
+    sim_unlock();
+    if (!vanishing)
+        return;
+    sim_write_closed(number);
+    if (sim->post[number].res_id != 0)
+        sim_close_post(number);
+    sim_lock();
+    sim_vanishing[number] = false;
+    sim_tell_vanished();
+    sim_unlock();
 }
 
 static void *sim_run_posts(void *)
 {
     pollfd wanted[] = {{sim_watch, POLLIN, 0}, {sim_wake_up, POLLIN, 0}};
-    do {
-        sim_drain_watch();
-        for (std::uint32_t post = 0; post < SIM_POSTS; post++)
+    while (!sim_ending) {
+        sim_drain_events();
+        sim_lock();
+        sim_read_control();
+        sim_unlock();
+        for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
+            sim_follow_vanishing(post);
             sim_follow_post(post);
+        }
         while (poll(wanted, 2, -1) == -1 && errno == EINTR)
             continue;
-    } while ((wanted[1].revents & POLLIN) == 0);
+    }
     return nullptr;
+}
+
+static void sim_wake_thread()
+{
+    const std::uint64_t one = 1;
+    while (write(sim_wake_up, &one, sizeof one) == -1 && errno == EINTR)
+        continue;
+}
+
+void sim_vanish_post(std::uint32_t post)
+{
+    if (sim_wake_up == -1 || pthread_equal(pthread_self(), sim_thread))
+        return;
+    sim_lock();
+    sim_vanishing[post] = true;
+    sim_wake_thread();
+    while (sim_vanishing[post])
+        sim_wait_vanished();
+    sim_unlock();
 }
 
 static void sim_close_descriptors()
@@ -171,7 +240,7 @@ static void sim_close_descriptors()
 
 static int sim_open_descriptors()
 {
-    sim_wake_up = eventfd(0, EFD_CLOEXEC);
+    sim_wake_up = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     sim_watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (sim_wake_up == -1 || sim_watch == -1 ||
         inotify_add_watch(sim_watch, sim_folder(), IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE) == -1)
@@ -184,6 +253,7 @@ int sim_start_posts(qm5_cl_post_notify_function *callback, std::uint32_t mask)
     sim_callback = callback;
     sim_mask = mask;
     memset(sim_announced, 0, sizeof sim_announced);
+    sim_ending = false;
     if (sim_make_size_files() != 0)
         return -1;
     if (sim_open_descriptors() != 0) {
@@ -203,9 +273,8 @@ void sim_stop_posts()
 {
     if (sim_wake_up == -1)
         return;
-    const std::uint64_t one = 1;
-    while (write(sim_wake_up, &one, sizeof one) == -1 && errno == EINTR)
-        continue;
+    sim_ending = true;
+    sim_wake_thread();
     pthread_join(sim_thread, nullptr);
     sim_close_descriptors();
 }

@@ -1,210 +1,16 @@
-// The simulated codec library, held against what the application counts on: loaded as the dynamic
-// loader does it, and called from one thread.
-#include "display/qm5codec.h"
-#include "sim_reader.h"
-#include "sim_state.h"
-#include "support/files.h"
-#include "support/process.h"
+// The simulated codec library, held against what the application counts on.
+#include "codec_library.h"
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstring>
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <filesystem>
-#include <mutex>
-#include <set>
-#include <sstream>
 #include <sys/file.h>
 #include <sys/mount.h>
-#include <thread>
 #include <unistd.h>
-#include <vector>
 
 namespace
 {
 
 namespace fs = std::filesystem;
-using support::wait_until;
-
-constexpr const char *STATE = "/tmp/codec";
-
-// The twelve operations.
-struct Library {
-    void *handle = nullptr;
-    decltype(&qm5_cl_library_init) library_init = nullptr;
-    decltype(&qm5_cl_sys_open_device) open_device = nullptr;
-    decltype(&qm5_cl_post_notify_callback) notify_callback = nullptr;
-    decltype(&qm5_cl_post_set_notify) set_notify = nullptr;
-    decltype(&qm5_cl_post_thread_get_status) get_status = nullptr;
-    decltype(&qm5_cl_post_open_osd) open_osd = nullptr;
-    decltype(&qm5_cl_post_close_osd) close_osd = nullptr;
-    decltype(&qm5_cl_post_clear_osd) clear_osd = nullptr;
-    decltype(&qm5_cl_post_get_osd_mem) get_osd_mem = nullptr;
-    decltype(&qm5_cl_post_set_osd) set_osd = nullptr;
-    decltype(&qm5_cl_sys_close_device) close_device = nullptr;
-    decltype(&qm5_cl_library_exit) library_exit = nullptr;
-};
-
-template <typename Function>
-void load(void *handle, const char *name, Function &function)
-{
-    function = reinterpret_cast<Function>(dlsym(handle, name));
-    ASSERT_NE(function, nullptr) << name;
-}
-
-// What the callback was told, in its order.
-struct Notice {
-    std::uint32_t res_id;
-    std::uint32_t post;
-    bool opened;
-    std::thread::id thread;
-};
-std::mutex notices_lock;
-std::vector<Notice> notices;
-
-void keep_notice(qm5_cl_post_notify_info info)
-{
-    const std::lock_guard lock(notices_lock);
-    notices.push_back({info.res_id, info.post, info.opened != 0, std::this_thread::get_id()});
-}
-
-std::vector<Notice> notices_so_far()
-{
-    const std::lock_guard lock(notices_lock);
-    return notices;
-}
-
-// How many mappings of a file this process has.
-std::size_t mappings_of(const std::string &path)
-{
-    std::istringstream maps(support::read_file("/proc/self/maps"));
-    std::size_t count = 0;
-    for (std::string line; std::getline(maps, line);)
-        count += line.find(path) != std::string::npos;
-    return count;
-}
-
-class CodecLibrary : public testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        setenv("QM5SIM_STATE", STATE, 1);
-        notices.clear();
-        lib_.handle = dlopen(QM5OSD_STAGE "/osd/lib/libqm5codec.so.1.2", RTLD_NOW | RTLD_LOCAL);
-        ASSERT_NE(lib_.handle, nullptr) << dlerror();
-        load(lib_.handle, "qm5_cl_library_init", lib_.library_init);
-        load(lib_.handle, "qm5_cl_sys_open_device", lib_.open_device);
-        load(lib_.handle, "qm5_cl_post_notify_callback", lib_.notify_callback);
-        load(lib_.handle, "qm5_cl_post_set_notify", lib_.set_notify);
-        load(lib_.handle, "qm5_cl_post_thread_get_status", lib_.get_status);
-        load(lib_.handle, "qm5_cl_post_open_osd", lib_.open_osd);
-        load(lib_.handle, "qm5_cl_post_close_osd", lib_.close_osd);
-        load(lib_.handle, "qm5_cl_post_clear_osd", lib_.clear_osd);
-        load(lib_.handle, "qm5_cl_post_get_osd_mem", lib_.get_osd_mem);
-        load(lib_.handle, "qm5_cl_post_set_osd", lib_.set_osd);
-        load(lib_.handle, "qm5_cl_sys_close_device", lib_.close_device);
-        load(lib_.handle, "qm5_cl_library_exit", lib_.library_exit);
-    }
-
-    void TearDown() override
-    {
-        if (up_)
-            take_down();
-        dlclose(lib_.handle); // a fresh copy for every test
-        fs::remove_all(STATE);
-        EXPECT_EQ(support::temporary_files(), std::vector<std::string>{});
-    }
-
-    // The server's first four calls.
-    void bring_up(std::uint32_t mask = 15)
-    {
-        ASSERT_EQ(lib_.library_init(), 0);
-        ASSERT_EQ(lib_.open_device(), 0);
-        ASSERT_EQ(lib_.notify_callback(keep_notice), 0);
-        ASSERT_EQ(lib_.set_notify(mask), 0);
-        up_ = true;
-    }
-
-    // And its last two.
-    void take_down()
-    {
-        EXPECT_EQ(lib_.close_device(), 0);
-        EXPECT_EQ(lib_.library_exit(), 0);
-        up_ = false;
-    }
-
-    // Waits for the notices up to this number and gives the last of them.
-    static Notice wait_for_notice(std::size_t number)
-    {
-        EXPECT_TRUE(wait_until([number] { return notices_so_far().size() >= number; }));
-        return notices_so_far().at(number - 1);
-    }
-
-    // Brings the library up and waits until all four posts are announced: their resource IDs.
-    std::vector<std::uint32_t> bring_up_with_posts()
-    {
-        bring_up();
-        wait_for_notice(SIM_POSTS);
-        std::vector<std::uint32_t> ids(SIM_POSTS);
-        for (const Notice &notice : notices_so_far())
-            ids.at(notice.post) = notice.res_id;
-        return ids;
-    }
-
-    struct Opened {
-        std::uint32_t handle = 0;
-        std::uint32_t line_bytes = 0;
-    };
-    Opened open_osd(std::uint32_t res_id, const qm5_cl_osd_param &param)
-    {
-        Opened opened;
-        std::uint32_t aux = 0;
-        EXPECT_EQ(lib_.open_osd(res_id, &param, &opened.handle, &aux, &opened.line_bytes), 0);
-        EXPECT_NE(opened.handle, 0u);
-        return opened;
-    }
-
-    // Did the call fail with this error?
-    static testing::AssertionResult failed(int result, std::uint32_t error)
-    {
-        const auto found = static_cast<std::uint32_t>(errno);
-        if (result != 0 && found == error)
-            return testing::AssertionSuccess();
-        return testing::AssertionFailure() << result << ", errno 0x" << std::hex << found;
-    }
-
-    static bool is_gone_error(std::uint32_t error)
-    {
-        return error == QM5_CL_ERROR_GONE_1 || error == QM5_CL_ERROR_GONE_2 ||
-               error == QM5_CL_ERROR_GONE_3;
-    }
-
-    // Every operation on a post thread or an OSD of it fails as for a thread that has gone.
-    void expect_all_gone(std::uint32_t res_id, std::uint32_t handle)
-    {
-        qm5_cl_post_status status{};
-        qm5_cl_osd_mem mem{};
-        const qm5_cl_osd_param param = {0, 16, 4, 2};
-        std::uint32_t word = 0;
-        std::uint32_t new_handle = 0;
-        const auto gone = [](int result) {
-            return result != 0 && is_gone_error(static_cast<std::uint32_t>(errno));
-        };
-        EXPECT_TRUE(gone(lib_.get_status(res_id, &status)));
-        EXPECT_TRUE(gone(lib_.open_osd(res_id, &param, &new_handle, &word, &word)));
-        EXPECT_EQ(new_handle, 0u) << "stays 0 on failure";
-        EXPECT_TRUE(gone(lib_.get_osd_mem(res_id, handle, &mem)));
-        EXPECT_TRUE(gone(lib_.set_osd(res_id, handle, {0, 0})));
-        EXPECT_TRUE(gone(lib_.clear_osd(res_id, handle)));
-        EXPECT_TRUE(gone(lib_.close_osd(res_id, handle)));
-    }
-
-    Library lib_;
-    bool up_ = false;
-};
+using namespace support;
 
 TEST_F(CodecLibrary, announces_four_running_posts_on_a_thread_of_its_own)
 {
@@ -473,14 +279,12 @@ TEST_F(CodecLibrary, device_is_open_in_one_process_at_a_time)
     take_down();
     EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0) << "no more";
 
-    ASSERT_EQ(lib_.library_init(), 0);
     testing::internal::CaptureStderr();
-    EXPECT_TRUE(failed(lib_.open_device(), 0x81E00003));
+    EXPECT_TRUE(failed(lib_.library_init(), 0x81E00003));
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "qm5sim: /tmp/codec/state: Device or resource busy\n");
     close(other);
-    EXPECT_EQ(lib_.open_device(), 0);
-    EXPECT_EQ(lib_.close_device(), 0);
+    EXPECT_EQ(lib_.library_init(), 0);
     EXPECT_EQ(lib_.library_exit(), 0);
 }
 
@@ -533,11 +337,9 @@ TEST_F(CodecLibrary, folder_is_that_of_the_opening_whatever_becomes_of_the_envir
 TEST_F(CodecLibrary, folder_with_too_long_a_name_is_refused)
 {
     setenv("QM5SIM_STATE", ("/tmp/" + std::string(SIM_PATH_SIZE - 15, 'x')).c_str(), 1);
-    ASSERT_EQ(lib_.library_init(), 0);
     testing::internal::CaptureStderr();
-    EXPECT_TRUE(failed(lib_.open_device(), 0x81E00003));
+    EXPECT_TRUE(failed(lib_.library_init(), 0x81E00003));
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "qm5sim: state folder: File name too long\n");
-    EXPECT_EQ(lib_.library_exit(), 0);
 }
 
 TEST_F(CodecLibrary, full_disk_fails_an_open_and_leaves_no_half_of_a_file)
@@ -605,12 +407,10 @@ TEST_F(CodecLibrary, calls_out_of_their_order_fail)
 TEST_F(CodecLibrary, state_folder_that_cannot_be_made_is_told)
 {
     setenv("QM5SIM_STATE", "/tmp/none/codec", 1);
-    ASSERT_EQ(lib_.library_init(), 0);
     testing::internal::CaptureStderr();
-    EXPECT_TRUE(failed(lib_.open_device(), 0x81E00003));
+    EXPECT_TRUE(failed(lib_.library_init(), 0x81E00003));
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "qm5sim: /tmp/none/codec: No such file or directory\n");
-    EXPECT_EQ(lib_.library_exit(), 0);
 }
 
 } // namespace

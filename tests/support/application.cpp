@@ -1,5 +1,7 @@
 #include "support/application.h"
 
+#include "support/files.h"
+
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
@@ -37,6 +39,7 @@ void ApplicationTest::TearDown()
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
+    EXPECT_FALSE(fs::exists(state_ + "/breaches")) << read_file(state_ + "/breaches");
     fs::remove_all(state_);
     fs::remove(LOG);
     std::string files;

@@ -1,0 +1,112 @@
+// What the application may not do with the codec library. The appliance's own library need not
+// notice; here each breach is told.
+#include "sim_library.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+// The thread of qm5_cl_library_init.
+static pthread_t sim_server;
+
+// The last handles that the application has closed.
+static std::uint32_t sim_closed[64];
+static std::size_t sim_closed_count;
+
+static void sim_write_breach(const char *line, std::size_t length)
+{
+    char path[SIM_PATH_SIZE];
+    sim_get_path(path, "breaches");
+    const int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd == -1 || write(fd, line, length) != static_cast<ssize_t>(length))
+        sim_fail_system(path);
+    if (fd != -1)
+        close(fd);
+}
+
+void sim_breach(sim_operation operation, const char *format, ...)
+{
+    char line[256];
+    const int head =
+        snprintf(line, sizeof line, "qm5sim: breach: %s: ", sim_operation_names[operation]);
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(line + head, sizeof line - static_cast<std::size_t>(head) - 1, format, arguments);
+    va_end(arguments);
+    strcat(line, "\n");
+    fputs(line, stderr);
+    fflush(stderr);
+    if (sim) {
+        sim_write_breach(line, strlen(line));
+        sim_begin();
+        sim->breaches++;
+        sim_end();
+    }
+    if (sim_setting.strict != 0)
+        abort();
+}
+
+void sim_check_thread(sim_operation operation)
+{
+    if (operation == SIM_LIBRARY_INIT)
+        sim_server = pthread_self();
+    else if (!pthread_equal(sim_server, pthread_self()))
+        sim_breach(operation, "called from another thread than library_init");
+}
+
+void sim_check_zero(sim_operation operation, const char *name, const void *record, std::size_t size)
+{
+    const auto *bytes = static_cast<const std::uint8_t *>(record);
+    for (std::size_t i = 0; i < size; i++) {
+        if (bytes[i] != 0) {
+            sim_breach(operation, "%s: not all zero before the call", name);
+            return;
+        }
+    }
+}
+
+// Was this ID or handle ever given out?
+static bool sim_was_given(std::uint32_t id, std::uint32_t first)
+{
+    return id > first && id <= first + sim->last_id;
+}
+
+void sim_check_res_id(sim_operation operation, std::uint32_t res_id)
+{
+    // An application that has been told by an errno that the thread is gone may go on with 0.
+    if (res_id != 0 && !sim_was_given(res_id, SIM_FIRST_RES_ID))
+        sim_breach(operation, "resource ID 0x%08X: there has never been one", res_id);
+}
+
+static bool sim_was_closed(std::uint32_t handle)
+{
+    for (const std::uint32_t closed : sim_closed) {
+        if (handle == closed)
+            return true;
+    }
+    return false;
+}
+
+void sim_check_handle(sim_operation operation, std::uint32_t handle)
+{
+    if (!sim_was_given(handle, SIM_FIRST_HANDLE))
+        sim_breach(operation, "handle 0x%08X: there has never been one", handle);
+    else if (sim_was_closed(handle))
+        sim_breach(operation, "handle 0x%08X: it has been closed", handle);
+}
+
+void sim_check_old_handle(sim_operation operation, std::uint32_t word)
+{
+    if (word != 0 && (!sim_was_given(word, SIM_FIRST_HANDLE) || sim_was_closed(word)))
+        sim_breach(operation, "handle: 0x%08X before the call, neither 0 nor gone with its post",
+                   word);
+}
+
+void sim_note_closed(std::uint32_t handle)
+{
+    sim_closed[sim_closed_count++ % (sizeof sim_closed / sizeof *sim_closed)] = handle;
+}

@@ -1,0 +1,151 @@
+// What the parts of the simulated codec library share. The application calls from one thread; the
+// library has another, the notification thread, while notification is on.
+#pragma once
+
+#include "display/qm5codec.h"
+#include "sim_state.h"
+
+// Errors of the simulator's own.
+constexpr std::uint32_t SIM_ERROR_ORDER = 0x81E00001;    // a call out of its order
+constexpr std::uint32_t SIM_ERROR_ARGUMENT = 0x81E00002; // an argument out of range
+constexpr std::uint32_t SIM_ERROR_BUSY = 0x81E03201;     // the post has an open OSD of this number
+constexpr std::uint32_t SIM_ERROR_SYSTEM = 0x81E00003;   // the state folder; said on stderr
+
+// Sets errno to a code and returns -1.
+int sim_fail(std::uint32_t code);
+
+// Says "qm5sim: what: why" on stderr, with the system's reason, and fails with SIM_ERROR_SYSTEM.
+int sim_fail_system(const char *what);
+
+// ---- State --------------------------------------------------------------------------------------
+
+// The mapped state; NULL while the library is down. A change is between sim_begin and sim_end.
+// While the notification thread runs, a change is also between sim_lock and sim_unlock, and so is
+// every access but that thread's own to the words that it alone writes: a post's res_id, width and
+// height.
+extern sim_state *sim;
+
+void sim_lock();
+void sim_unlock();
+void sim_begin();
+void sim_end();
+
+// Waits, having the lock, until the other thread tells that a post has vanished.
+void sim_wait_vanished();
+void sim_tell_vanished();
+
+// Maps and unmaps the state, made anew if the folder has none. -1 with errno for a failure, which
+// it is too if another process has the state.
+int sim_map_state();
+void sim_unmap_state();
+
+// Forgets all OSDs in the state.
+void sim_forget_osds();
+
+// The state folder, from the environment at sim_map_state: later the application changes its
+// environment while the notification thread runs.
+const char *sim_folder();
+
+// The path of a file in it, into SIM_PATH_SIZE bytes; cut if it is too long, which sim_map_state
+// doesn't let happen.
+[[gnu::format(printf, 2, 3)]] void sim_get_path(char *path, const char *format, ...);
+
+// The text of a small file of the folder, at most `size` - 1 bytes and a terminator; 0 bytes for no
+// file. The number of bytes, or -1 after saying why.
+long sim_read_text(const char *path, char *text, std::size_t size);
+
+std::uint32_t sim_new_id();
+
+// ---- Settings and faults ------------------------------------------------------------------------
+
+extern sim_settings sim_setting;
+
+// Takes up what the files `settings` and `faults` say. A file that can't be understood is told on
+// stderr, and what was in force stays. With the lock, if the notification thread runs.
+void sim_read_control();
+
+// What is to go wrong with a call.
+struct sim_trouble {
+    std::uint32_t code; // errno; 0: it doesn't fail
+    std::uint32_t delay_ms;
+    std::int32_t size;
+    std::int32_t line;
+    bool vanish;
+    bool vanish_after;
+    bool twice;
+    std::uint32_t late_ms;
+};
+
+// Counts a call of an operation, of a post's or SIM_ANY_POST, and tells what is to go wrong. With
+// the lock, if the notification thread runs.
+sim_trouble sim_meet_faults(sim_operation operation, std::uint32_t post);
+
+void sim_sleep(std::uint32_t ms);
+
+// ---- Contract -----------------------------------------------------------------------------------
+
+// Tells one breach of the contract as "qm5sim: breach: call: what", on stderr and in the file
+// `breaches`; ends the process if the settings say so. With the lock, if the notification thread
+// runs.
+[[gnu::format(printf, 2, 3)]] void sim_breach(sim_operation operation, const char *format, ...);
+
+// Is the call made by the thread of qm5_cl_library_init? If not, that's a breach.
+void sim_check_thread(sim_operation operation);
+
+// Is a record all zero, as the caller must hand it over? If not, that's a breach.
+void sim_check_zero(sim_operation operation, const char *name, const void *record,
+                    std::size_t size);
+
+// Tells what is wrong with a resource ID or a handle of a post that nobody knows: that it has gone
+// with its post thread is no breach; that the application has closed it, or that there has never
+// been such a one, is.
+void sim_check_res_id(sim_operation operation, std::uint32_t res_id);
+void sim_check_handle(sim_operation operation, std::uint32_t handle);
+
+// Checks the word that is to hold the handle of an open. It is 0, but for one case that is no
+// breach: a post thread closed and came anew before the application looked, and the word still
+// holds what has gone with it.
+void sim_check_old_handle(sim_operation operation, std::uint32_t word);
+
+// Resource IDs and handles are these numbers and a count; the count never comes twice.
+constexpr std::uint32_t SIM_FIRST_RES_ID = 0x50000000;
+constexpr std::uint32_t SIM_FIRST_HANDLE = 0x60000000;
+
+// Remembers a handle that the application has closed.
+void sim_note_closed(std::uint32_t handle);
+
+// ---- OSD memory ---------------------------------------------------------------------------------
+
+// What an open OSD has in this process. The memory of a post thread that has gone stays readable
+// and writable until the next call of the library, for the server may be drawing into it. It ends,
+// to the word, with a page that nobody may touch, and begins behind another one and a few bytes.
+struct sim_memory {
+    std::uint32_t handle; // 0: none
+    std::uint8_t *draw;   // what the server draws into
+    std::uint8_t *shown;  // mapped file: what the picture shows
+    std::size_t size;
+    bool lent;  // the server may write into it: from get_osd_mem to set_osd
+    bool equal; // what is drawn is what is shown, unless somebody has written without asking
+};
+
+// Opens and closes the memory of an OSD whose entry in the state is filled. -1 with errno for a
+// failure.
+int sim_open_memory(std::uint32_t post, std::uint32_t number);
+void sim_close_memory(std::uint32_t post, std::uint32_t number);
+sim_memory *sim_get_memory(std::uint32_t post, std::uint32_t number);
+
+// Looks for writes where and when nobody may write; each is a breach.
+void sim_check_memory(sim_operation operation, const sim_memory *memory);
+
+// Gives back the memory of OSDs that have gone with their post thread.
+void sim_reap_memory();
+
+// ---- Post threads -------------------------------------------------------------------------------
+
+// Starts and stops the thread that keeps the posts as the folder's files say and announces each
+// change, and first of all what runs already. -1 with errno for a failure.
+int sim_start_posts(qm5_cl_post_notify_function *callback, std::uint32_t mask);
+void sim_stop_posts();
+
+// Closes a post thread, and its file says so, and waits until that is announced. Without the lock.
+void sim_vanish_post(std::uint32_t post);

@@ -1,0 +1,75 @@
+// Faults by name, as a text of one line each; for the library, which commits them, and the tool,
+// which writes the text.
+//
+//   ID OPERATION WHEN EFFECT [post N]
+//
+//   WHEN     next, 3 (the third call from now on), every, 25% (a fraction, in a fixed sequence)
+//   EFFECT   fail CODE    gone1, gone2, gone3, refused, or a number as 0x81E00042
+//            delay MS     before the call does anything
+//            size BYTES   get_osd_mem tells a size that is so many bytes off, as -16
+//            line BYTES   open_osd tells a line length that is so many bytes off
+//            vanish       the post thread is gone and announced as such before the call
+//            vanish-after the same between the call's work and its return
+//            double       notify: the callback is called twice
+//            late MS      notify: the callback is called so much later
+//
+// An operation is named as in the library without its qm5_cl_ and post_, sys_: open_osd; `notify`
+// is a call of the application's callback. `post N` limits a fault to one post's calls.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+enum sim_operation : std::uint32_t {
+    SIM_LIBRARY_INIT,
+    SIM_OPEN_DEVICE,
+    SIM_NOTIFY_CALLBACK,
+    SIM_SET_NOTIFY,
+    SIM_THREAD_GET_STATUS,
+    SIM_OPEN_OSD,
+    SIM_CLOSE_OSD,
+    SIM_CLEAR_OSD,
+    SIM_GET_OSD_MEM,
+    SIM_SET_OSD,
+    SIM_CLOSE_DEVICE,
+    SIM_LIBRARY_EXIT,
+    SIM_NOTIFY,
+    SIM_OPERATIONS
+};
+extern const char *const sim_operation_names[SIM_OPERATIONS];
+
+enum sim_when : std::uint32_t {
+    SIM_NTH, // `next` is the first
+    SIM_EVERY,
+    SIM_PERCENT,
+};
+
+enum sim_effect : std::uint32_t {
+    SIM_FAIL,
+    SIM_DELAY,
+    SIM_SIZE,
+    SIM_LINE,
+    SIM_VANISH,
+    SIM_VANISH_AFTER,
+    SIM_DOUBLE,
+    SIM_LATE,
+    SIM_EFFECTS
+};
+
+constexpr std::uint32_t SIM_ANY_POST = 4;
+
+struct sim_fault {
+    std::uint32_t id; // not 0
+    std::uint32_t operation;
+    std::uint32_t when;
+    std::uint32_t number; // of SIM_NTH and SIM_PERCENT
+    std::uint32_t effect;
+    std::int32_t value; // errno, milliseconds or bytes
+    std::uint32_t post; // or SIM_ANY_POST
+};
+
+constexpr std::size_t SIM_FAULTS = 32; // at a time
+constexpr std::size_t SIM_FAULT_LINE = 128;
+
+// Reads a line, with or without its line feed. NULL, or why it can't be understood.
+const char *sim_parse_fault(const char *line, sim_fault *fault);

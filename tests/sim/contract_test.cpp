@@ -1,0 +1,273 @@
+// What the simulated codec library says to an application that breaks the contract.
+#include "codec_library.h"
+
+#include <csignal>
+#include <sys/wait.h>
+
+namespace
+{
+
+using namespace support;
+
+class Contract : public CodecLibrary
+{
+protected:
+    void SetUp() override
+    {
+        CodecLibrary::SetUp();
+        ids_ = bring_up_with_posts();
+    }
+
+    void TearDown() override
+    {
+        const std::string breaches = std::string(STATE) + "/breaches";
+        EXPECT_EQ(fs::exists(breaches) ? read_file(breaches) : "", "") << "a breach too many";
+        CodecLibrary::TearDown();
+    }
+
+    // What an action is told, on stderr and in the file alike.
+    std::string breach_of(const std::function<void()> &action)
+    {
+        const std::string file = std::string(STATE) + "/breaches";
+        testing::internal::CaptureStderr();
+        action();
+        const std::string told = testing::internal::GetCapturedStderr();
+        if (!fs::exists(file))
+            return told;
+        EXPECT_EQ(read_file(file), told);
+        fs::remove(file);
+        return told;
+    }
+
+    qm5_cl_osd_mem borrow(const Opened &opened)
+    {
+        qm5_cl_osd_mem mem{};
+        EXPECT_EQ(lib_.get_osd_mem(ids_[0], opened.handle, &mem), 0);
+        return mem;
+    }
+
+    static std::string hex(std::uint32_t word)
+    {
+        char text[16];
+        std::snprintf(text, sizeof text, "0x%08X", word);
+        return text;
+    }
+
+    std::vector<std::uint32_t> ids_;
+};
+
+TEST_F(Contract, life_in_order_breaks_nothing)
+{
+    EXPECT_EQ(breach_of([this] {
+                  qm5_cl_post_status status{};
+                  EXPECT_EQ(lib_.get_status(ids_[0], &status), 0);
+                  const Opened opened = open_osd(ids_[0], {2, 33, 7, 0});
+                  for (unsigned i = 0; i < 3; i++) {
+                      const qm5_cl_osd_mem mem = borrow(opened);
+                      std::memset(mem.memory, 1, mem.size);
+                      EXPECT_EQ(lib_.set_osd(ids_[0], opened.handle, {1, 1}), 0);
+                  }
+                  EXPECT_EQ(lib_.clear_osd(ids_[0], opened.handle), 0);
+                  EXPECT_EQ(lib_.close_osd(ids_[0], opened.handle), 0);
+                  take_down();
+              }),
+              "");
+}
+
+TEST_F(Contract, calls_have_their_order)
+{
+    EXPECT_EQ(breach_of([this] {
+                  lib_.library_init();
+                  lib_.open_device();
+                  lib_.set_notify(15);
+                  lib_.library_exit();
+              }),
+              "qm5sim: breach: library_init: out of its order\n"
+              "qm5sim: breach: open_device: out of its order\n"
+              "qm5sim: breach: set_notify: out of its order\n"
+              "qm5sim: breach: library_exit: out of its order\n");
+}
+
+TEST_F(Contract, records_are_zero_before_the_call)
+{
+    const Opened opened = open_osd(ids_[0], {0, 16, 1, 0});
+    EXPECT_EQ(breach_of([&] {
+                  qm5_cl_post_status status{};
+                  reinterpret_cast<char *>(&status)[27] = 1;
+                  EXPECT_EQ(lib_.get_status(ids_[0], &status), 0);
+                  qm5_cl_osd_mem mem{};
+                  mem.size = 16;
+                  EXPECT_EQ(lib_.get_osd_mem(ids_[0], opened.handle, &mem), 0);
+                  const qm5_cl_osd_param param = {1, 16, 1, 0};
+                  std::uint32_t handle = 5;
+                  std::uint32_t word = 0;
+                  EXPECT_EQ(lib_.open_osd(ids_[0], &param, &handle, &word, &word), 0);
+                  EXPECT_EQ(lib_.close_osd(ids_[0], handle), 0);
+              }),
+              "qm5sim: breach: thread_get_status: status: not all zero before the call\n"
+              "qm5sim: breach: get_osd_mem: mem: not all zero before the call\n"
+              "qm5sim: breach: open_osd: handle: 0x00000005 before the call, neither 0 nor gone "
+              "with its post\n");
+    EXPECT_EQ(lib_.close_osd(ids_[0], opened.handle), 0);
+}
+
+TEST_F(Contract, osds_have_their_numbers)
+{
+    const Opened opened = open_osd(ids_[0], {2, 16, 1, 0});
+    EXPECT_EQ(breach_of([&] {
+                  std::uint32_t handle = 0;
+                  std::uint32_t word = 0;
+                  for (const qm5_cl_osd_param param :
+                       {qm5_cl_osd_param{4, 16, 1, 0}, {0, 16, 1, 3}, {2, 16, 1, 0}})
+                      EXPECT_NE(lib_.open_osd(ids_[0], &param, &handle, &word, &word), 0);
+              }),
+              "qm5sim: breach: open_osd: param: OSD number 4\n"
+              "qm5sim: breach: open_osd: param: colour type 3\n"
+              "qm5sim: breach: open_osd: param: OSD 2 of post 0 is open\n");
+    EXPECT_EQ(lib_.close_osd(ids_[0], opened.handle), 0);
+}
+
+TEST_F(Contract, handles_are_those_given_and_not_closed)
+{
+    const Opened opened = open_osd(ids_[0], {2, 16, 1, 0});
+    EXPECT_EQ(lib_.close_osd(ids_[0], opened.handle), 0);
+    EXPECT_EQ(breach_of([&] {
+                  EXPECT_NE(lib_.clear_osd(ids_[0], opened.handle), 0);
+                  EXPECT_NE(lib_.clear_osd(ids_[0], 7), 0);
+                  EXPECT_NE(lib_.clear_osd(7, 7), 0);
+              }),
+              "qm5sim: breach: clear_osd: handle " + hex(opened.handle) +
+                  ": it has been closed\n"
+                  "qm5sim: breach: clear_osd: handle 0x00000007: there has never been one\n"
+                  "qm5sim: breach: clear_osd: resource ID 0x00000007: there has never been one\n");
+}
+
+TEST_F(Contract, post_that_has_gone_is_no_breach)
+{
+    const Opened opened = open_osd(ids_[0], {2, 16, 1, 0});
+    EXPECT_EQ(breach_of([&] {
+                  sim_reader::write_size(STATE, 0, 800, 600);
+                  const std::uint32_t id = wait_for_notice(6).res_id;
+                  EXPECT_NE(lib_.clear_osd(ids_[0], opened.handle), 0);
+                  EXPECT_NE(lib_.clear_osd(0, 0), 0);
+                  EXPECT_NE(lib_.clear_osd(id, opened.handle), 0);
+              }),
+              "");
+}
+
+TEST_F(Contract, open_may_find_the_handle_that_has_gone_with_its_post_but_no_closed_one)
+{
+    const qm5_cl_osd_param param = {2, 16, 1, 0};
+    std::uint32_t handle = open_osd(ids_[0], param).handle;
+    std::uint32_t word = 0;
+    sim_reader::write_size(STATE, 0, 800, 600);
+    const std::uint32_t id = wait_for_notice(6).res_id;
+    EXPECT_EQ(breach_of([&] { lib_.open_osd(id, &param, &handle, &word, &word); }), "");
+    EXPECT_EQ(lib_.close_osd(id, handle), 0);
+    const std::string closed = hex(handle);
+    EXPECT_EQ(breach_of([&] { lib_.open_osd(id, &param, &handle, &word, &word); }),
+              "qm5sim: breach: open_osd: handle: " + closed +
+                  " before the call, neither 0 nor gone with its post\n");
+    EXPECT_EQ(lib_.close_osd(id, handle), 0);
+}
+
+TEST_F(Contract, memory_is_written_only_between_get_and_set)
+{
+    const Opened opened = open_osd(ids_[0], {0, 16, 1, 0});
+    EXPECT_EQ(breach_of([&] {
+                  lib_.set_osd(ids_[0], opened.handle, {0, 0});
+              }),
+              "qm5sim: breach: set_osd: handle " + hex(opened.handle) +
+                  ": without get_osd_mem before it\n");
+    qm5_cl_osd_mem mem = borrow(opened);
+    EXPECT_EQ(lib_.set_osd(ids_[0], opened.handle, {0, 0}), 0);
+    static_cast<char *>(mem.memory)[3] ^= 1;
+    EXPECT_EQ(breach_of([&] { mem = borrow(opened); }),
+              "qm5sim: breach: get_osd_mem: handle " + hex(opened.handle) +
+                  ": its memory has been written after set_osd\n");
+    EXPECT_EQ(lib_.close_osd(ids_[0], opened.handle), 0);
+}
+
+TEST_F(Contract, bytes_before_the_memory_and_in_its_last_word_are_nobodys)
+{
+    write_file(std::string(STATE) + "/settings", "alignment 1 16 16\n");
+    sim_reader::write_size(STATE, 3, 0, 0); // the notice comes behind the new setting
+    wait_for_notice(5);
+    const Opened opened = open_osd(ids_[0], {0, 12, 2, 0});
+    EXPECT_EQ(opened.line_bytes, 3u);
+    auto *memory = static_cast<unsigned char *>(borrow(opened).memory);
+    memory[-1] = 0;
+    EXPECT_EQ(breach_of([&] {
+                  lib_.set_osd(ids_[0], opened.handle, {0, 0});
+              }),
+              "qm5sim: breach: set_osd: handle " + hex(opened.handle) +
+                  ": bytes before its memory have been written\n");
+    memory[-1] = 0x5C;
+    memory[7] = 0;
+    EXPECT_EQ(breach_of([&] { lib_.close_osd(ids_[0], opened.handle); }),
+              "qm5sim: breach: close_osd: handle " + hex(opened.handle) +
+                  ": byte 1 behind its memory has been written\n");
+}
+
+// Ends a child by what it does to a page, and gives the signal.
+int signal_of(const std::function<void()> &action)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        std::signal(SIGSEGV, SIG_DFL);
+        std::signal(SIGBUS, SIG_DFL);
+        action();
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+}
+
+TEST_F(Contract, memory_ends_at_a_page_that_nobody_may_touch)
+{
+    const Opened opened = open_osd(ids_[0], {0, 720, 28, 0});
+    const qm5_cl_osd_mem mem = borrow(opened);
+    auto *memory = static_cast<volatile unsigned char *>(mem.memory);
+    EXPECT_EQ(signal_of([=] { memory[mem.size - 1] = 0; }), 0);
+    EXPECT_EQ(signal_of([=] { memory[mem.size] = 0; }), SIGSEGV);
+    EXPECT_EQ(signal_of([=] { memory[-4096] = 0; }), SIGSEGV);
+    EXPECT_EQ(lib_.close_osd(ids_[0], opened.handle), 0);
+}
+
+TEST_F(Contract, osds_are_closed_before_the_device)
+{
+    const Opened opened = open_osd(ids_[2], {3, 16, 1, 0});
+    EXPECT_EQ(breach_of([this] { take_down(); }),
+              "qm5sim: breach: close_device: post 2, OSD 3, handle " + hex(opened.handle) +
+                  ": left open\n");
+}
+
+TEST_F(Contract, calls_come_from_one_thread)
+{
+    EXPECT_EQ(breach_of([this] {
+                  std::thread([this] {
+                      qm5_cl_post_status status{};
+                      EXPECT_EQ(lib_.get_status(ids_[0], &status), 0);
+                  }).join();
+              }),
+              "qm5sim: breach: thread_get_status: called from another thread than library_init\n");
+}
+
+TEST_F(Contract, strict_library_ends_the_process_at_the_first_breach)
+{
+    take_down();
+    write_file(std::string(STATE) + "/settings", "strict 1\n");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(signal_of([this] {
+                  lib_.library_init();
+                  lib_.set_notify(15);
+                  lib_.set_notify(15);
+              }),
+              SIGABRT);
+    const std::string told = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(told, "qm5sim: breach: set_notify: out of its order\n");
+    fs::remove(std::string(STATE) + "/breaches");
+}
+
+} // namespace

@@ -1,0 +1,286 @@
+// Faults of the simulated codec library: their words, when they happen and what they do.
+#include "codec_library.h"
+
+#include <chrono>
+
+namespace
+{
+
+using namespace support;
+
+std::string why_not(const char *line)
+{
+    sim_fault fault;
+    const char *why = sim_parse_fault(line, &fault);
+    return why ? why : "";
+}
+
+TEST(FaultLine, names_operation_occasion_effect_and_post)
+{
+    sim_fault fault;
+    ASSERT_EQ(sim_parse_fault("7 open_osd next fail refused\n", &fault), nullptr);
+    EXPECT_EQ(fault.id, 7u);
+    EXPECT_EQ(fault.operation, SIM_OPEN_OSD);
+    EXPECT_EQ(fault.when, SIM_NTH);
+    EXPECT_EQ(fault.number, 1u);
+    EXPECT_EQ(fault.effect, SIM_FAIL);
+    EXPECT_EQ(static_cast<std::uint32_t>(fault.value), 0x81E03246u);
+    EXPECT_EQ(fault.post, SIM_ANY_POST);
+
+    ASSERT_EQ(sim_parse_fault("1 get_osd_mem 25% size -16 post 3", &fault), nullptr);
+    EXPECT_EQ(fault.when, SIM_PERCENT);
+    EXPECT_EQ(fault.number, 25u);
+    EXPECT_EQ(fault.value, -16);
+    EXPECT_EQ(fault.post, 3u);
+    ASSERT_EQ(sim_parse_fault("1 notify 4 late 300", &fault), nullptr);
+    EXPECT_EQ(fault.number, 4u);
+    EXPECT_EQ(fault.effect, SIM_LATE);
+    ASSERT_EQ(sim_parse_fault("1 set_osd every fail 0x81E00042", &fault), nullptr);
+    EXPECT_EQ(static_cast<std::uint32_t>(fault.value), 0x81E00042u);
+}
+
+TEST(FaultLine, is_refused_whole_for_one_wrong_word)
+{
+    EXPECT_EQ(why_not(""), "not ID OPERATION WHEN EFFECT");
+    EXPECT_EQ(why_not("0 set_osd next vanish"), "bad ID");
+    EXPECT_EQ(why_not("1 set_ost next vanish"), "unknown operation");
+    for (const char *when : {"never", "0", "-1", "0%", "101%", "%", "1x"})
+        EXPECT_EQ(why_not(("1 set_osd " + std::string(when) + " vanish").c_str()), "bad WHEN");
+    EXPECT_EQ(why_not("1 set_osd next burn"), "unknown effect");
+    EXPECT_EQ(why_not("1 set_osd next size 4"), "the operation has no such effect");
+    EXPECT_EQ(why_not("1 notify next fail gone1"), "the operation has no such effect");
+    EXPECT_EQ(why_not("1 open_device next vanish"), "the operation has no such effect");
+    for (const char *value : {"", " gone4", " 0", " 0x100000000", " -1"})
+        EXPECT_EQ(why_not(("1 set_osd next fail" + std::string(value)).c_str()),
+                  "bad value of the effect");
+    EXPECT_EQ(why_not("1 set_osd next vanish post"), "bad words behind the effect");
+    EXPECT_EQ(why_not("1 set_osd next vanish post 4"), "bad words behind the effect");
+    EXPECT_EQ(why_not("1 set_osd next vanish post 0 x"), "bad words behind the effect");
+    EXPECT_EQ(why_not("1 open_device next delay 1 post 0"), "the operation is no post's");
+    EXPECT_EQ(why_not(std::string(200, 'x').c_str()), "line is too long");
+}
+
+TEST(Setting, is_understood_whole_or_not_at_all)
+{
+    sim_settings settings = SIM_DEFAULT_SETTINGS;
+    EXPECT_EQ(sim_parse_setting("alignment 4 8 4096", &settings), nullptr);
+    EXPECT_EQ(settings.alignment[2], 4096u);
+    EXPECT_EQ(sim_parse_setting("strict 1", &settings), nullptr);
+    EXPECT_EQ(sim_parse_setting("faults 0", &settings), nullptr);
+    EXPECT_EQ(settings.strict, 1u);
+    EXPECT_EQ(settings.faults, 0u);
+    EXPECT_STREQ(sim_parse_setting("alignment 4 8 0", &settings),
+                 "an alignment is 1 to 4096 bytes");
+    for (const char *line : {"alignment 4 8", "alignment 1 2 3 4", "strict 2", "strict", "fast 1"})
+        EXPECT_STREQ(sim_parse_setting(line, &settings), "no setting, or not its values") << line;
+    EXPECT_EQ(settings.alignment[2], 4096u);
+}
+
+class Faults : public CodecLibrary
+{
+protected:
+    // Puts faults in force before the library comes up, so that no wait is needed.
+    std::vector<std::uint32_t> bring_up_with(const std::string &faults)
+    {
+        fs::create_directory(STATE);
+        write_file(std::string(STATE) + "/faults", faults);
+        return bring_up_with_posts();
+    }
+
+    // And while it is up.
+    void change_faults(const std::string &faults)
+    {
+        write_file(std::string(STATE) + "/faults.new", faults);
+        fs::rename(std::string(STATE) + "/faults.new", std::string(STATE) + "/faults");
+        const std::uint32_t hash = sim_hash("", 0, faults.data(), faults.size());
+        EXPECT_TRUE(wait_until([hash] { return control() == hash; }));
+    }
+
+    static sim_state state()
+    {
+        const std::string bytes = read_file(std::string(STATE) + "/state");
+        sim_state record{};
+        std::memcpy(&record, bytes.data(), std::min(sizeof record, bytes.size()));
+        return record;
+    }
+
+    static std::uint32_t control()
+    {
+        return state().control;
+    }
+
+    // Which of so many calls of get_status fail.
+    std::string failures(std::uint32_t res_id, unsigned calls)
+    {
+        std::string told;
+        for (unsigned i = 0; i < calls; i++) {
+            qm5_cl_post_status status{};
+            told += lib_.get_status(res_id, &status) == 0 ? '.' : 'x';
+        }
+        return told;
+    }
+};
+
+TEST_F(Faults, each_of_the_twelve_calls_fails_with_the_errno_asked_for)
+{
+    fs::create_directory(STATE);
+    write_file(std::string(STATE) + "/faults", "1 library_init next fail 0x81E00042\n"
+                                               "2 open_device next fail refused\n"
+                                               "3 notify_callback next fail gone1\n"
+                                               "4 set_notify next fail gone2\n"
+                                               "5 thread_get_status next fail gone3\n"
+                                               "6 open_osd next fail refused\n"
+                                               "7 get_osd_mem next fail 0x81E00043\n"
+                                               "8 set_osd next fail 0x81E00044\n"
+                                               "9 clear_osd next fail 0x81E00045\n"
+                                               "10 close_osd next fail 0x81E00046\n"
+                                               "11 close_device next fail 0x81E00047\n"
+                                               "12 library_exit next fail 0x81E00048\n");
+    EXPECT_TRUE(failed(lib_.library_init(), 0x81E00042));
+    ASSERT_EQ(lib_.library_init(), 0);
+    EXPECT_TRUE(failed(lib_.open_device(), QM5_CL_ERROR_OPEN_REFUSED));
+    ASSERT_EQ(lib_.open_device(), 0);
+    EXPECT_TRUE(failed(lib_.notify_callback(keep_notice), QM5_CL_ERROR_GONE_1));
+    ASSERT_EQ(lib_.notify_callback(keep_notice), 0);
+    EXPECT_TRUE(failed(lib_.set_notify(15), QM5_CL_ERROR_GONE_2));
+    ASSERT_EQ(lib_.set_notify(15), 0);
+    const std::uint32_t id = wait_for_notice(1).res_id;
+
+    qm5_cl_post_status status{};
+    EXPECT_TRUE(failed(lib_.get_status(id, &status), QM5_CL_ERROR_GONE_3));
+    const qm5_cl_osd_param param = {0, 16, 1, 0};
+    std::uint32_t handle = 0;
+    std::uint32_t word = 0;
+    EXPECT_TRUE(
+        failed(lib_.open_osd(id, &param, &handle, &word, &word), QM5_CL_ERROR_OPEN_REFUSED));
+    EXPECT_EQ(handle, 0u);
+    const Opened opened = open_osd(id, param);
+    qm5_cl_osd_mem mem{};
+    EXPECT_TRUE(failed(lib_.get_osd_mem(id, opened.handle, &mem), 0x81E00043));
+    EXPECT_EQ(mem.memory, nullptr);
+    EXPECT_EQ(lib_.get_osd_mem(id, opened.handle, &mem), 0);
+    EXPECT_TRUE(failed(lib_.set_osd(id, opened.handle, {0, 0}), 0x81E00044));
+    EXPECT_EQ(lib_.set_osd(id, opened.handle, {0, 0}), 0);
+    EXPECT_TRUE(failed(lib_.clear_osd(id, opened.handle), 0x81E00045));
+    EXPECT_EQ(lib_.clear_osd(id, opened.handle), 0);
+    EXPECT_TRUE(failed(lib_.close_osd(id, opened.handle), 0x81E00046));
+    EXPECT_EQ(lib_.close_osd(id, opened.handle), 0);
+    EXPECT_TRUE(failed(lib_.close_device(), 0x81E00047));
+    EXPECT_TRUE(failed(lib_.library_exit(), 0x81E00048));
+    for (std::size_t i = 0; i < 12; i++) {
+        EXPECT_EQ(state().fault[i].id, i + 1);
+        EXPECT_EQ(state().fault[i].happened, 1u) << i + 1;
+    }
+}
+
+TEST_F(Faults, happen_at_their_occasions)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with("1 thread_get_status 3 fail gone1\n");
+    EXPECT_EQ(failures(ids[0], 6), "..x...");
+    change_faults("2 thread_get_status every fail gone1 post 1\n");
+    EXPECT_EQ(failures(ids[0], 2), "..");
+    EXPECT_EQ(failures(ids[1], 2), "xx");
+    change_faults("3 thread_get_status 30% fail gone1\n");
+    const std::string third = failures(ids[0], 1000);
+    EXPECT_NEAR(static_cast<double>(std::count(third.begin(), third.end(), 'x')), 300, 60);
+    change_faults("");
+    EXPECT_EQ(failures(ids[0], 3), "...");
+}
+
+TEST_F(Faults, go_on_counting_when_others_come_and_over_a_restart)
+{
+    std::vector<std::uint32_t> ids = bring_up_with("1 thread_get_status 4 fail gone1\n");
+    EXPECT_EQ(failures(ids[0], 2), "..");
+    change_faults("1 thread_get_status 4 fail gone1\n2 set_osd next vanish\n");
+    EXPECT_EQ(failures(ids[0], 1), ".");
+    take_down();
+    notices.clear();
+    ids = bring_up_with_posts();
+    EXPECT_EQ(failures(ids[0], 3), "x..");
+}
+
+TEST_F(Faults, are_all_turned_off_by_one_switch)
+{
+    fs::create_directory(STATE);
+    write_file(std::string(STATE) + "/settings", "faults 0\n");
+    const std::vector<std::uint32_t> ids = bring_up_with("1 thread_get_status every fail gone1\n");
+    EXPECT_EQ(failures(ids[0], 3), "...");
+    EXPECT_EQ(state().fault[0].met, 0u);
+}
+
+TEST_F(Faults, file_that_is_wrong_is_told_and_leaves_those_in_force)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with("1 thread_get_status every fail gone1\n");
+    testing::internal::CaptureStderr();
+    change_faults("; a comment\n\n1 thread_get_status every fail nobody\n");
+    change_faults("1 set_osd next vanish\n1 set_osd next vanish\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "qm5sim: /tmp/codec/faults:3: bad value of the effect\n"
+              "qm5sim: /tmp/codec/faults:2: the ID is there already\n");
+    EXPECT_EQ(failures(ids[0], 1), "x");
+}
+
+TEST_F(Faults, sizes_and_lines_are_told_wrong)
+{
+    const std::vector<std::uint32_t> ids =
+        bring_up_with("1 open_osd next line -8\n2 get_osd_mem next size 12\n");
+    const Opened opened = open_osd(ids[0], {0, 64, 2, 0});
+    EXPECT_EQ(opened.line_bytes, 8u);
+    qm5_cl_osd_mem mem{};
+    ASSERT_EQ(lib_.get_osd_mem(ids[0], opened.handle, &mem), 0);
+    EXPECT_EQ(mem.size, 32u + 12u);
+}
+
+TEST_F(Faults, call_is_delayed)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with("1 thread_get_status next delay 60\n");
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(failures(ids[0], 1), ".");
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(60));
+}
+
+TEST_F(Faults, post_vanishes_before_a_call)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with("1 get_osd_mem next vanish post 1\n");
+    const Opened kept = open_osd(ids[0], {0, 64, 2, 0});
+    const Opened lost = open_osd(ids[1], {0, 64, 2, 0});
+    qm5_cl_osd_mem mem{};
+    EXPECT_EQ(lib_.get_osd_mem(ids[0], kept.handle, &mem), 0);
+    mem = {};
+    EXPECT_TRUE(failed(lib_.get_osd_mem(ids[1], lost.handle, &mem), QM5_CL_ERROR_GONE_1));
+    EXPECT_EQ(notices_so_far().size(), 5u) << "told before the call went on";
+    EXPECT_FALSE(notices_so_far()[4].opened);
+    EXPECT_EQ(read_file(std::string(STATE) + "/post1"), "closed\n");
+    sim_reader::write_size(STATE, 1, 640, 480);
+    EXPECT_TRUE(wait_for_notice(6).opened);
+}
+
+TEST_F(Faults, post_vanishes_during_a_drawing)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with("1 get_osd_mem next vanish-after\n");
+    const Opened opened = open_osd(ids[2], {0, 64, 2, 0});
+    qm5_cl_osd_mem mem{};
+    ASSERT_EQ(lib_.get_osd_mem(ids[2], opened.handle, &mem), 0);
+    EXPECT_EQ(notices_so_far().size(), 5u);
+    std::memset(mem.memory, 1, mem.size);
+    EXPECT_TRUE(failed(lib_.set_osd(ids[2], opened.handle, {0, 0}), QM5_CL_ERROR_GONE_1));
+}
+
+TEST_F(Faults, notice_is_doubled_or_late)
+{
+    bring_up_with("1 notify every double post 3\n2 notify 5 late 60\n");
+    wait_for_notice(5);
+    EXPECT_EQ(notices_so_far()[3].post, 3u);
+    EXPECT_EQ(notices_so_far()[4].post, 3u);
+    EXPECT_EQ(notices_so_far()[4].res_id, notices_so_far()[3].res_id);
+    const auto before = std::chrono::steady_clock::now();
+    sim_reader::write_size(STATE, 0, 0, 0);
+    EXPECT_FALSE(wait_for_notice(6).opened);
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(60));
+    change_faults("3 notify every late 600000\n");
+    sim_reader::write_size(STATE, 0, 640, 480);
+    EXPECT_TRUE(wait_until([] { return state().fault[0].met == 1; }));
+    take_down(); // doesn't wait that long
+}
+
+} // namespace
