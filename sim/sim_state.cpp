@@ -49,6 +49,19 @@ bool sim_parse_size(const char *text, std::uint32_t *width, std::uint32_t *heigh
     return true;
 }
 
+// Reads a line of a name and 0 or 1.
+static bool sim_parse_switch(const char *line, const char *name, std::uint32_t *place)
+{
+    const std::size_t length = strlen(name);
+    if (strncmp(line, name, length) != 0 || line[length] != ' ')
+        return false;
+    line += length + 1;
+    if ((line[0] != '0' && line[0] != '1') || line[1 + strspn(line + 1, " \t\r\n")] != '\0')
+        return false;
+    *place = line[0] == '1';
+    return true;
+}
+
 const char *sim_parse_setting(const char *line, sim_settings *settings)
 {
     std::uint32_t value[3] = {};
@@ -62,13 +75,17 @@ const char *sim_parse_setting(const char *line, sim_settings *settings)
         memcpy(settings->alignment, value, sizeof value);
         return nullptr;
     }
-    if (sscanf(line, "strict %1u %n", &value[0], &end) == 1 && line[end] == '\0' && value[0] < 2) {
-        settings->strict = value[0];
-        return nullptr;
-    }
-    if (sscanf(line, "faults %1u %n", &value[0], &end) == 1 && line[end] == '\0' && value[0] < 2) {
-        settings->faults = value[0];
-        return nullptr;
+    const struct {
+        const char *name;
+        std::uint32_t *place;
+    } switches[] = {
+        {"strict", &settings->strict},
+        {"faults", &settings->faults},
+        {"record", &settings->record},
+    };
+    for (const auto &row : switches) {
+        if (sim_parse_switch(line, row.name, row.place))
+            return nullptr;
     }
     return "no setting, or not its values";
 }

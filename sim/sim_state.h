@@ -11,6 +11,7 @@
 //   settings            how the codec behaves, a line each; see below. No file: the defaults
 //   faults              what is to go wrong, a line each; see sim_faults.h. No file: nothing
 //   breaches            what the application did that the codec library doesn't allow, a line each
+//   calls, calls.data   the record of calls, see sim_calls.h
 //   post0-osd0 ...      what each open OSD shows, as last set; line_bytes * height bytes at least
 //
 // Only the library writes `state` and the pixels. It makes `sequence` odd before and even after
@@ -24,6 +25,7 @@
 //   alignment 16 16 16  bytes to which a line of OSD memory is rounded, per colour type; 1 to 4096
 //   strict 0            1: the first breach ends the process (SIGABRT)
 //   faults 1            0: none of the faults happens
+//   record 0            1, at qm5_cl_library_init: calls are recorded, see sim_calls.h
 #pragma once
 
 #include "sim_faults.h"
@@ -91,8 +93,9 @@ struct sim_settings {
     std::uint32_t alignment[3];
     std::uint32_t strict;
     std::uint32_t faults;
+    std::uint32_t record;
 };
-constexpr sim_settings SIM_DEFAULT_SETTINGS = {{16, 16, 16}, 0, 1};
+constexpr sim_settings SIM_DEFAULT_SETTINGS = {{16, 16, 16}, 0, 1, 0};
 
 // Reads one line of the settings into its place. NULL, or why it can't be understood.
 const char *sim_parse_setting(const char *line, sim_settings *settings);

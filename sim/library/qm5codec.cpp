@@ -1,11 +1,10 @@
-// The twelve operations of the codec library, on a simulated codec: what the application calls on
-// a PC. Everything between the calls is in the state folder, see sim_state.h.
+// The twelve operations of the codec library, on a simulated codec. Everything between the calls
+// is in the state folder, see sim_state.h.
+#include "sim_codec.h"
 #include "sim_library.h"
 
 #include <cerrno>
 #include <cstring>
-
-#define SIM_EXPORT extern "C" [[gnu::visibility("default")]]
 
 constexpr std::uint32_t SIM_COLOR_TYPES = 3;
 
@@ -41,7 +40,7 @@ static int sim_begin_plain_call(sim_operation operation)
     return trouble.code != 0 ? sim_fail(trouble.code) : 0;
 }
 
-SIM_EXPORT int qm5_cl_library_init(void)
+static int sim_library_init()
 {
     if (sim_stage != SIM_DOWN)
         return sim_fail_order(SIM_LIBRARY_INIT);
@@ -55,7 +54,7 @@ SIM_EXPORT int qm5_cl_library_init(void)
     return 0;
 }
 
-SIM_EXPORT int qm5_cl_sys_open_device(void)
+static int sim_open_device()
 {
     if (sim_stage != SIM_INITIALISED)
         return sim_fail_order(SIM_OPEN_DEVICE);
@@ -65,7 +64,7 @@ SIM_EXPORT int qm5_cl_sys_open_device(void)
     return 0;
 }
 
-SIM_EXPORT int qm5_cl_post_notify_callback(qm5_cl_post_notify_function *callback)
+static int sim_notify_callback(qm5_cl_post_notify_function *callback)
 {
     if (sim_stage != SIM_DEVICE_IS_OPEN)
         return sim_fail_order(SIM_NOTIFY_CALLBACK);
@@ -81,7 +80,7 @@ SIM_EXPORT int qm5_cl_post_notify_callback(qm5_cl_post_notify_function *callback
     return 0;
 }
 
-SIM_EXPORT int qm5_cl_post_set_notify(std::uint32_t mask)
+static int sim_set_notify(std::uint32_t mask)
 {
     if (!sim_notify || sim_notifying)
         return sim_fail_order(SIM_SET_NOTIFY);
@@ -109,7 +108,7 @@ static void sim_end_osds()
 }
 
 // Whatever its result, the device is closed.
-SIM_EXPORT int qm5_cl_sys_close_device(void)
+static int sim_close_device()
 {
     if (sim_stage != SIM_DEVICE_IS_OPEN)
         return sim_fail_order(SIM_CLOSE_DEVICE);
@@ -125,7 +124,7 @@ SIM_EXPORT int qm5_cl_sys_close_device(void)
 }
 
 // Whatever its result, the library is down.
-SIM_EXPORT int qm5_cl_library_exit(void)
+static int sim_library_exit()
 {
     if (sim_stage != SIM_INITIALISED)
         return sim_fail_order(SIM_LIBRARY_EXIT);
@@ -223,7 +222,7 @@ static int sim_begin_osd_call(sim_operation operation, std::uint32_t res_id, std
     return sim_end_call(call, sim_fail(QM5_CL_ERROR_GONE_2));
 }
 
-SIM_EXPORT int qm5_cl_post_thread_get_status(std::uint32_t res_id, qm5_cl_post_status *status)
+static int sim_thread_get_status(std::uint32_t res_id, qm5_cl_post_status *status)
 {
     sim_call call;
     if (sim_begin_call(SIM_THREAD_GET_STATUS, res_id, &call) != 0)
@@ -243,7 +242,7 @@ static std::uint32_t sim_get_line_bytes(const qm5_cl_osd_param *param)
 }
 
 // Opens the OSD in the state; no change is left behind by a failure.
-static int sim_open_osd(const sim_call *call, const qm5_cl_osd_param *param)
+static int sim_make_osd(const sim_call *call, const qm5_cl_osd_param *param)
 {
     sim_osd *osd = &call->post->osd[param->number];
     sim_begin();
@@ -279,9 +278,8 @@ static std::uint32_t sim_check_param(const sim_call *call, const qm5_cl_osd_para
     return 0;
 }
 
-SIM_EXPORT int qm5_cl_post_open_osd(std::uint32_t res_id, const qm5_cl_osd_param *param,
-                                    std::uint32_t *handle, std::uint32_t *aux,
-                                    std::uint32_t *line_bytes)
+static int sim_open_osd(std::uint32_t res_id, const qm5_cl_osd_param *param, std::uint32_t *handle,
+                        std::uint32_t *aux, std::uint32_t *line_bytes)
 {
     sim_call call;
     if (sim_begin_call(SIM_OPEN_OSD, res_id, &call) != 0)
@@ -290,7 +288,7 @@ SIM_EXPORT int qm5_cl_post_open_osd(std::uint32_t res_id, const qm5_cl_osd_param
     if (error != 0)
         return sim_end_call(&call, sim_fail(error));
     sim_check_old_handle(call.operation, *handle);
-    if (sim_open_osd(&call, param) != 0)
+    if (sim_make_osd(&call, param) != 0)
         return sim_end_call(&call, -1);
     const sim_osd *osd = &call.post->osd[param->number];
     *handle = osd->handle;
@@ -299,7 +297,7 @@ SIM_EXPORT int qm5_cl_post_open_osd(std::uint32_t res_id, const qm5_cl_osd_param
     return sim_end_call(&call, 0);
 }
 
-SIM_EXPORT int qm5_cl_post_close_osd(std::uint32_t res_id, std::uint32_t handle)
+static int sim_close_osd(std::uint32_t res_id, std::uint32_t handle)
 {
     sim_call call;
     if (sim_begin_osd_call(SIM_CLOSE_OSD, res_id, handle, &call) != 0)
@@ -313,7 +311,7 @@ SIM_EXPORT int qm5_cl_post_close_osd(std::uint32_t res_id, std::uint32_t handle)
     return sim_end_call(&call, 0);
 }
 
-SIM_EXPORT int qm5_cl_post_clear_osd(std::uint32_t res_id, std::uint32_t handle)
+static int sim_clear_osd(std::uint32_t res_id, std::uint32_t handle)
 {
     sim_call call;
     if (sim_begin_osd_call(SIM_CLEAR_OSD, res_id, handle, &call) != 0)
@@ -324,8 +322,7 @@ SIM_EXPORT int qm5_cl_post_clear_osd(std::uint32_t res_id, std::uint32_t handle)
     return sim_end_call(&call, 0);
 }
 
-SIM_EXPORT int qm5_cl_post_get_osd_mem(std::uint32_t res_id, std::uint32_t handle,
-                                       qm5_cl_osd_mem *mem)
+static int sim_get_osd_mem(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_mem *mem)
 {
     sim_call call;
     if (sim_begin_osd_call(SIM_GET_OSD_MEM, res_id, handle, &call) != 0)
@@ -353,7 +350,7 @@ static void sim_show(const sim_call *call, sim_memory *memory, qm5_cl_osd_pos po
     memory->equal = true;
 }
 
-SIM_EXPORT int qm5_cl_post_set_osd(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_pos pos)
+static int sim_set_osd(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_pos pos)
 {
     sim_call call;
     if (sim_begin_osd_call(SIM_SET_OSD, res_id, handle, &call) != 0)
@@ -365,3 +362,38 @@ SIM_EXPORT int qm5_cl_post_set_osd(std::uint32_t res_id, std::uint32_t handle, q
     sim_show(&call, memory, pos);
     return sim_end_call(&call, 0);
 }
+
+// ---- What stands behind the library's names -----------------------------------------------------
+
+int sim_codec_prepare()
+{
+    return 0;
+}
+
+const char *sim_codec_record_folder()
+{
+    return sim_setting.record != 0 ? sim_folder() : nullptr;
+}
+
+const void *sim_codec_shown(std::uint32_t handle, std::size_t *size)
+{
+    const void *shown = nullptr;
+    sim_lock();
+    for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
+        for (std::uint32_t number = 0; number < SIM_OSDS; number++) {
+            const sim_memory *memory = sim_get_memory(post, number);
+            if (handle != 0 && memory->handle == handle) {
+                shown = memory->shown;
+                *size = memory->size;
+            }
+        }
+    }
+    sim_unlock();
+    return shown;
+}
+
+sim_codec_table sim_codec = {
+    sim_library_init,      sim_open_device, sim_notify_callback, sim_set_notify,
+    sim_thread_get_status, sim_open_osd,    sim_close_osd,       sim_clear_osd,
+    sim_get_osd_mem,       sim_set_osd,     sim_close_device,    sim_library_exit,
+};
