@@ -45,10 +45,28 @@ struct Library {
 };
 
 template <typename Function>
-void load(void *handle, const char *name, Function &function)
+void find(void *handle, const char *name, Function &function)
 {
     function = reinterpret_cast<Function>(dlsym(handle, name));
     ASSERT_NE(function, nullptr) << name;
+}
+
+inline void load(Library &library, const char *path)
+{
+    library.handle = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(library.handle, nullptr) << dlerror();
+    find(library.handle, "qm5_cl_library_init", library.library_init);
+    find(library.handle, "qm5_cl_sys_open_device", library.open_device);
+    find(library.handle, "qm5_cl_post_notify_callback", library.notify_callback);
+    find(library.handle, "qm5_cl_post_set_notify", library.set_notify);
+    find(library.handle, "qm5_cl_post_thread_get_status", library.get_status);
+    find(library.handle, "qm5_cl_post_open_osd", library.open_osd);
+    find(library.handle, "qm5_cl_post_close_osd", library.close_osd);
+    find(library.handle, "qm5_cl_post_clear_osd", library.clear_osd);
+    find(library.handle, "qm5_cl_post_get_osd_mem", library.get_osd_mem);
+    find(library.handle, "qm5_cl_post_set_osd", library.set_osd);
+    find(library.handle, "qm5_cl_sys_close_device", library.close_device);
+    find(library.handle, "qm5_cl_library_exit", library.library_exit);
 }
 
 // What the callback was told, in its order.
@@ -83,6 +101,12 @@ inline std::size_t mappings_of(const std::string &path)
     return count;
 }
 
+inline bool is_gone_error(std::uint32_t error)
+{
+    return error == QM5_CL_ERROR_GONE_1 || error == QM5_CL_ERROR_GONE_2 ||
+           error == QM5_CL_ERROR_GONE_3;
+}
+
 class CodecLibrary : public testing::Test
 {
 protected:
@@ -90,20 +114,7 @@ protected:
     {
         setenv("QM5SIM_STATE", STATE, 1);
         notices.clear();
-        lib_.handle = dlopen(QM5OSD_STAGE "/osd/lib/libqm5codec.so.1.2", RTLD_NOW | RTLD_LOCAL);
-        ASSERT_NE(lib_.handle, nullptr) << dlerror();
-        load(lib_.handle, "qm5_cl_library_init", lib_.library_init);
-        load(lib_.handle, "qm5_cl_sys_open_device", lib_.open_device);
-        load(lib_.handle, "qm5_cl_post_notify_callback", lib_.notify_callback);
-        load(lib_.handle, "qm5_cl_post_set_notify", lib_.set_notify);
-        load(lib_.handle, "qm5_cl_post_thread_get_status", lib_.get_status);
-        load(lib_.handle, "qm5_cl_post_open_osd", lib_.open_osd);
-        load(lib_.handle, "qm5_cl_post_close_osd", lib_.close_osd);
-        load(lib_.handle, "qm5_cl_post_clear_osd", lib_.clear_osd);
-        load(lib_.handle, "qm5_cl_post_get_osd_mem", lib_.get_osd_mem);
-        load(lib_.handle, "qm5_cl_post_set_osd", lib_.set_osd);
-        load(lib_.handle, "qm5_cl_sys_close_device", lib_.close_device);
-        load(lib_.handle, "qm5_cl_library_exit", lib_.library_exit);
+        load(lib_, QM5OSD_STAGE "/osd/lib/libqm5codec.so.1.2");
     }
 
     void TearDown() override
@@ -171,12 +182,6 @@ protected:
         if (result != 0 && found == error)
             return testing::AssertionSuccess();
         return testing::AssertionFailure() << result << ", errno 0x" << std::hex << found;
-    }
-
-    static bool is_gone_error(std::uint32_t error)
-    {
-        return error == QM5_CL_ERROR_GONE_1 || error == QM5_CL_ERROR_GONE_2 ||
-               error == QM5_CL_ERROR_GONE_3;
     }
 
     // Every operation on a post thread or an OSD of it fails as for a thread that has gone.
