@@ -337,6 +337,9 @@ static int sim_get_osd_mem(std::uint32_t res_id, std::uint32_t handle, qm5_cl_os
     return sim_end_call(&call, 0);
 }
 
+// What the last set_osd has shown; it stays mapped until the next call.
+static sim_memory sim_last_shown;
+
 static void sim_show(const sim_call *call, sim_memory *memory, qm5_cl_osd_pos pos)
 {
     sim_begin();
@@ -348,6 +351,7 @@ static void sim_show(const sim_call *call, sim_memory *memory, qm5_cl_osd_pos po
     sim_end();
     memory->lent = false;
     memory->equal = true;
+    sim_last_shown = *memory;
 }
 
 static int sim_set_osd(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_pos pos)
@@ -377,19 +381,10 @@ const char *sim_codec_record_folder()
 
 const void *sim_codec_shown(std::uint32_t handle, std::size_t *size)
 {
-    const void *shown = nullptr;
-    sim_lock();
-    for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
-        for (std::uint32_t number = 0; number < SIM_OSDS; number++) {
-            const sim_memory *memory = sim_get_memory(post, number);
-            if (handle != 0 && memory->handle == handle) {
-                shown = memory->shown;
-                *size = memory->size;
-            }
-        }
-    }
-    sim_unlock();
-    return shown;
+    if (sim_last_shown.handle != handle)
+        return nullptr;
+    *size = sim_last_shown.size;
+    return sim_last_shown.shown;
 }
 
 sim_codec_table sim_codec = {

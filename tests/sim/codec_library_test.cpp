@@ -1,6 +1,8 @@
 // The simulated codec library, held against what the application counts on.
 #include "codec_library.h"
 
+#include <algorithm>
+#include <atomic>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mount.h>
@@ -98,6 +100,41 @@ TEST_F(CodecLibrary, what_is_drawn_is_shown_by_set_alone)
     ASSERT_EQ(lib_.set_osd(ids[2], opened.handle, {6, 9}), 0);
     EXPECT_EQ(sim_reader::read_post(STATE, 2).osd[1].pixels, std::vector<std::uint8_t>(64, 8));
     EXPECT_EQ(sim_reader::read_post(STATE, 2).osd[1].record.x, 6u);
+}
+
+TEST_F(CodecLibrary, ten_readers_at_once_see_whole_pictures)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    const Opened opened = open_osd(ids[0], {0, 720, 50, 2});
+    std::atomic<bool> over = false;
+    std::atomic<unsigned> torn = 0;
+    std::atomic<unsigned> seen = 0;
+    std::vector<std::thread> readers;
+    for (unsigned i = 0; i < 10; i++) {
+        readers.emplace_back([&] {
+            do {
+                const std::vector<std::uint8_t> pixels =
+                    sim_reader::read_post(STATE, 0).osd[0].pixels;
+                torn += std::any_of(pixels.begin(), pixels.end(),
+                                    [&](std::uint8_t pixel) { return pixel != pixels[0]; });
+                seen += !pixels.empty();
+            } while (!over);
+        });
+    }
+    // A reader needs a moment without a change; the server's passes leave it nearly a second.
+    for (int i = 0; i < 200; i++) {
+        qm5_cl_osd_mem mem{};
+        ASSERT_EQ(lib_.get_osd_mem(ids[0], opened.handle, &mem), 0);
+        std::memset(mem.memory, i, mem.size);
+        ASSERT_EQ(lib_.set_osd(ids[0], opened.handle, {0, 0}), 0);
+        std::this_thread::yield();
+    }
+    over = true;
+    for (std::thread &reader : readers)
+        reader.join();
+    EXPECT_EQ(torn, 0u);
+    EXPECT_GT(seen, 0u);
+    EXPECT_EQ(lib_.close_osd(ids[0], opened.handle), 0);
 }
 
 TEST_F(CodecLibrary, cleared_osd_stays_open_and_can_be_shown_again)
