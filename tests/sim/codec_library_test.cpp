@@ -106,6 +106,13 @@ TEST_F(CodecLibrary, ten_readers_at_once_see_whole_pictures)
 {
     const std::vector<std::uint32_t> ids = bring_up_with_posts();
     const Opened opened = open_osd(ids[0], {0, 720, 50, 2});
+    const auto draw = [&](int byte) {
+        qm5_cl_osd_mem mem{};
+        ASSERT_EQ(lib_.get_osd_mem(ids[0], opened.handle, &mem), 0);
+        std::memset(mem.memory, byte, mem.size);
+        ASSERT_EQ(lib_.set_osd(ids[0], opened.handle, {0, 0}), 0);
+    };
+    draw(0);
     std::atomic<bool> over = false;
     std::atomic<unsigned> torn = 0;
     std::atomic<unsigned> seen = 0;
@@ -123,10 +130,7 @@ TEST_F(CodecLibrary, ten_readers_at_once_see_whole_pictures)
     }
     // A reader needs a moment without a change; the server's passes leave it nearly a second.
     for (int i = 0; i < 200; i++) {
-        qm5_cl_osd_mem mem{};
-        ASSERT_EQ(lib_.get_osd_mem(ids[0], opened.handle, &mem), 0);
-        std::memset(mem.memory, i, mem.size);
-        ASSERT_EQ(lib_.set_osd(ids[0], opened.handle, {0, 0}), 0);
+        draw(i);
         std::this_thread::yield();
     }
     over = true;
