@@ -29,14 +29,16 @@ void snapshot(const Context &context, const Arguments &arguments)
 
 } // namespace
 
-void add_snapshot(CLI::App &app, const Context &context)
+void add_snapshot(CLI::App &app, Context &context)
 {
     const auto arguments = std::make_shared<Arguments>();
     CLI::App *command = app.add_subcommand("snapshot", "Write what a post shows as a PNG file.");
     command->footer("Example: qm5sim snapshot 0 tvout.png");
     add_post_number(command, arguments->post);
     command->add_option("file", arguments->file, "PNG file to write")->required();
-    command->callback([&context, arguments] { snapshot(context, *arguments); });
+    command->callback([&context, arguments] {
+        context.action = [&context, arguments] { snapshot(context, *arguments); };
+    });
 }
 
 } // namespace commands

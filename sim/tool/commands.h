@@ -1,23 +1,28 @@
-// The commands of qm5sim. Each has a file of its own, which adds it to the command line; a command
-// runs as soon as its words are read.
+// The commands of qm5sim. Each has a file of its own, which adds it to the command line. To read a
+// command's words and to do what they ask for are two steps, so that a scenario can be checked as a
+// whole before any of it is done.
 #pragma once
 
 #include <CLI/CLI.hpp>
 
 #include <filesystem>
+#include <functional>
 
 namespace commands
 {
 
 // What all commands share.
 struct Context {
-    std::filesystem::path folder; // state folder of the simulated codec
+    std::filesystem::path folder;   // state folder of the simulated codec
+    std::function<void()> action{}; // what the words that were read ask for
 };
 
-// A command fails by throwing: CLI::ParseError for words that make no sense (exit status 2), any
-// other std::exception for what can't be done (1). The text of either is "what: why".
-void add_post(CLI::App &app, const Context &context);
-void add_snapshot(CLI::App &app, const Context &context);
+// A command's callback refuses words that make no sense by CLI::ParseError (exit status 2), does
+// nothing else, and leaves in the context what is to be done. That action may run long after the
+// command line has gone; it fails by any other std::exception (1). The text of either is
+// "what: why".
+void add_post(CLI::App &app, Context &context);
+void add_snapshot(CLI::App &app, Context &context);
 
 // Adds the number of a post as a command's next word.
 void add_post_number(CLI::App *command, unsigned &post);

@@ -4,12 +4,19 @@
 #include "sim_reader.h"
 
 #include <iostream>
+#include <stdexcept>
 
 namespace
 {
 
 constexpr int EXIT_FAILED = 1;
 constexpr int EXIT_MISUSE = 2;
+
+void add_commands(CLI::App &app, commands::Context &context)
+{
+    commands::add_post(app, context);
+    commands::add_snapshot(app, context);
+}
 
 } // namespace
 
@@ -21,10 +28,12 @@ int main(int argc, char **argv)
     app.add_option("--state", context.folder, "state folder of the simulated codec")
         ->envname("QM5SIM_STATE")
         ->capture_default_str();
-    commands::add_post(app, context);
-    commands::add_snapshot(app, context);
+    add_commands(app, context);
     try {
         app.parse(argc, argv);
+        context.action();
+        if (!std::cout.flush())
+            throw std::runtime_error("standard output: it can't be written");
         return 0;
     } catch (const CLI::ParseError &error) {
         if (error.get_exit_code() == 0) // help was asked for
