@@ -21,6 +21,7 @@ struct Context {
 // nothing else, and leaves in the context what is to be done. That action may run long after the
 // command line has gone; it fails by any other std::exception (1). The text of either is
 // "what: why".
+void add_clock(CLI::App &app, Context &context);
 void add_post(CLI::App &app, Context &context);
 void add_snapshot(CLI::App &app, Context &context);
 

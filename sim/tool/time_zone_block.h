@@ -1,0 +1,29 @@
+// The block of shared memory that hands the time zone to the application, from the other side: what
+// the appliance's own program does with it.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace time_zone_block
+{
+
+// The longest text that the block holds, in bytes.
+extern const std::size_t MAX_TEXT;
+
+struct Content {
+    std::string text; // value for TZ
+    unsigned change = 0;
+};
+
+// All of these throw std::runtime_error, as "time zone block: why".
+
+Content read();
+
+// Hands over a text of up to MAX_TEXT bytes; makes the block if there is none.
+void write(const std::string &text);
+
+// Programs that have attached the block keep it to their end.
+void remove();
+
+} // namespace time_zone_block
