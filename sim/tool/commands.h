@@ -25,6 +25,9 @@ void add_clock(CLI::App &app, Context &context);
 void add_post(CLI::App &app, Context &context);
 void add_snapshot(CLI::App &app, Context &context);
 
+// `add_others` adds the commands that a scenario may use.
+void add_play(CLI::App &app, Context &context, void (*add_others)(CLI::App &, Context &));
+
 // Adds the number of a post as a command's next word.
 void add_post_number(CLI::App *command, unsigned &post);
 

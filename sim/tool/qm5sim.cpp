@@ -30,6 +30,7 @@ int main(int argc, char **argv)
         ->envname("QM5SIM_STATE")
         ->capture_default_str();
     add_commands(app, context);
+    commands::add_play(app, context, add_commands);
     try {
         app.parse(argc, argv);
         context.action();
