@@ -1,6 +1,7 @@
-// What the simulated codec costs: the calls of a drawing, without and with a record of them.
+// What the simulated codec costs: the calls of a drawing, without and with a record of them; and a
+// picture.
 #include "display/qm5codec.h"
-#include "sim_state.h"
+#include "sim_reader.h"
 
 #include <benchmark/benchmark.h>
 
@@ -101,6 +102,26 @@ void clearing(benchmark::State &state)
     state.SetLabel("clear_osd");
 }
 BENCHMARK(clearing)->ArgName("record")->Arg(0)->Arg(1)->Iterations(100000);
+
+// A picture of 1920 by 1080 pixels with four OSDs as large, from the pixels to the PNG file.
+void snapshot(benchmark::State &state)
+{
+    sim_reader::Post post{1, 1920, 1080, {}};
+    for (sim_reader::Osd &osd : post.osd) {
+        osd.record.color_type = 2;
+        osd.record.line_bytes = 1920;
+        osd.record.height = 1080;
+        osd.record.shown = 1;
+        osd.pixels.resize(std::size_t{1920} * 1080);
+        for (std::size_t i = 0; i < osd.pixels.size(); i++)
+            osd.pixels[i] = static_cast<std::uint8_t>(i * 2654435761u >> 24);
+    }
+    const fs::path file = fs::temp_directory_path() / "codec-bench.png";
+    for (auto _ : state)
+        sim_reader::write_png(sim_reader::compose(post), file);
+    fs::remove(file);
+}
+BENCHMARK(snapshot)->Unit(benchmark::kMillisecond);
 
 } // namespace
 

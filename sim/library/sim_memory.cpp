@@ -165,7 +165,13 @@ static int sim_lock_state(const char *path)
     const int fd = sim_open_file(path);
     if (fd == -1)
         return -1;
-    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    // A tool that looks whether somebody has it holds it for a moment.
+    int result = flock(fd, LOCK_EX | LOCK_NB);
+    for (int i = 0; i < 20 && result != 0 && errno == EWOULDBLOCK; i++) {
+        sim_sleep(10);
+        result = flock(fd, LOCK_EX | LOCK_NB);
+    }
+    if (result != 0) {
         const int error = errno == EWOULDBLOCK ? EBUSY : errno;
         close(fd);
         errno = error;

@@ -1,10 +1,14 @@
-// qm5sim snapshot: writes what a post shows as a PNG file.
+// qm5sim snapshot: writes what a post shows, or one OSD of it, as a PNG file, or compares it with
+// one.
 #include "commands.h"
 
+#include "file_io.h"
 #include "sim_reader.h"
 
+#include <algorithm>
+#include <charconv>
 #include <memory>
-#include <stdexcept>
+#include <optional>
 #include <string>
 
 namespace commands
@@ -13,30 +17,240 @@ namespace commands
 namespace
 {
 
+namespace fs = std::filesystem;
+using sim_reader::fail;
+
 struct Arguments {
     unsigned post = 0;
-    std::string file;
+    std::optional<unsigned> osd;
+    std::string file; // empty: none
+    std::optional<std::string> back;
+    std::optional<std::string> reference;
+    bool guides = false;
+    std::optional<std::string> safe;
+    std::optional<std::string> cell;
 };
+
+// ---- Words --------------------------------------------------------------------------------------
+
+// Four numbers, with commas between them.
+std::optional<sim_reader::SafeSpace> parse_safe_space(const std::string &text)
+{
+    std::array<std::uint32_t, 4> numbers{};
+    const char *at = text.data();
+    const char *const end = at + text.size();
+    for (std::size_t i = 0; i < numbers.size(); i++) {
+        if (i > 0 && (at == end || *at++ != ','))
+            return std::nullopt;
+        const auto [stop, error] = std::from_chars(at, end, numbers[i]);
+        if (error != std::errc{})
+            return std::nullopt;
+        at = stop;
+    }
+    if (at != end)
+        return std::nullopt;
+    return sim_reader::SafeSpace{numbers[0], numbers[1], numbers[2], numbers[3]};
+}
+
+std::optional<sim_reader::Cell> parse_cell(const std::string &text)
+{
+    sim_reader::Cell cell{};
+    if (!sim_parse_size(text.c_str(), &cell.width, &cell.height) || cell.width == 0)
+        return std::nullopt;
+    return cell;
+}
+
+sim_reader::Guides parse_guides(const Arguments &arguments)
+{
+    sim_reader::Guides guides;
+    if (arguments.safe) {
+        guides.safe = parse_safe_space(*arguments.safe);
+        if (!guides.safe)
+            throw CLI::ValidationError("--safe " + *arguments.safe, "not UP,DOWN,LEFT,RIGHT");
+    }
+    if (arguments.cell) {
+        guides.cell = parse_cell(*arguments.cell);
+        if (!guides.cell)
+            throw CLI::ValidationError("--cell " + *arguments.cell, "not WIDTHxHEIGHT");
+    }
+    return guides;
+}
+
+// ---- Pictures -----------------------------------------------------------------------------------
+
+std::string post_name(const Arguments &arguments)
+{
+    return "post " + std::to_string(arguments.post);
+}
+
+std::string osd_name(const Arguments &arguments)
+{
+    return "OSD " + std::to_string(*arguments.osd) + " of " + post_name(arguments);
+}
+
+sim_reader::Post read_running_post(const Context &context, const Arguments &arguments)
+{
+    sim_reader::Post post = sim_reader::read_post(context.folder, arguments.post);
+    if (post.res_id == 0)
+        fail(post_name(arguments), "it has no post thread");
+    return post;
+}
+
+// Fails unless the PNG file has the size of what `name` names.
+void require_size(const sim_reader::PngFile &png, const std::string &file, unsigned width,
+                  unsigned height, const std::string &name)
+{
+    const auto size = [](unsigned w, unsigned h) {
+        return std::to_string(w) + 'x' + std::to_string(h);
+    };
+    if (png.width() != width || png.height() != height)
+        fail(file,
+             size(png.width(), png.height()) + ", but " + name + " is " + size(width, height));
+}
+
+sim_reader::Picture background(const Arguments &arguments, const sim_reader::Post &post)
+{
+    if (!arguments.back)
+        return sim_reader::test_pattern(post.width, post.height);
+    sim_reader::PngFile png(*arguments.back);
+    require_size(png, *arguments.back, post.width, post.height, post_name(arguments));
+    return png.read_picture();
+}
+
+sim_reader::Picture compose(const Context &context, const Arguments &arguments)
+{
+    const sim_reader::Guides guides = parse_guides(arguments);
+    const sim_reader::Post post = read_running_post(context, arguments);
+    sim_reader::Picture picture = background(arguments, post);
+    sim_reader::lay_over(picture, post, sim_reader::read_palette(context.folder));
+    if (arguments.guides)
+        sim_reader::draw_guides(picture, post, guides);
+    return picture;
+}
+
+sim_reader::IndexedPicture take_osd(const Context &context, const Arguments &arguments)
+{
+    const sim_reader::Post post = read_running_post(context, arguments);
+    const sim_reader::Osd &osd = post.osd.at(*arguments.osd);
+    if (osd.record.handle == 0)
+        fail(osd_name(arguments), "it is not open");
+    if (osd.record.shown == 0)
+        fail(osd_name(arguments), "it is not shown");
+    if (osd.pixels.empty())
+        fail(osd_name(arguments), "it has no pixels");
+    return sim_reader::take_osd(osd, sim_reader::read_palette(context.folder));
+}
+
+// ---- Checks -------------------------------------------------------------------------------------
+
+// Tells of pixels that differ, if there are any, after showing them in the file.
+void expect_none(const Arguments &arguments, const sim_reader::Picture &picture,
+                 const std::vector<bool> &differing)
+{
+    const auto first = std::find(differing.begin(), differing.end(), true);
+    if (first == differing.end())
+        return;
+    if (!arguments.file.empty())
+        sim_reader::write_png(sim_reader::mark_differences(picture, differing), arguments.file);
+    const auto count = std::count(first, differing.end(), true);
+    const auto at = static_cast<std::size_t>(first - differing.begin());
+    fail(*arguments.reference, std::to_string(count) +
+                                   (count == 1 ? " pixel differs" : " pixels differ") +
+                                   ", first at " + std::to_string(at % picture.width) + ',' +
+                                   std::to_string(at / picture.width));
+}
+
+void check_post(const Arguments &arguments, const sim_reader::Picture &picture)
+{
+    sim_reader::PngFile png(*arguments.reference);
+    require_size(png, *arguments.reference, picture.width, picture.height, post_name(arguments));
+    expect_none(arguments, picture, sim_reader::find_differences(picture, png.read_picture()));
+}
+
+void check_osd(const Arguments &arguments, const sim_reader::IndexedPicture &picture)
+{
+    sim_reader::PngFile png(*arguments.reference);
+    require_size(png, *arguments.reference, picture.width, picture.height, osd_name(arguments));
+    if (png.index_bits() != picture.bits)
+        fail(*arguments.reference, "no palette PNG of " + std::to_string(picture.bits) +
+                                       " bits, as " + osd_name(arguments) + " is");
+    expect_none(arguments, sim_reader::flatten(picture),
+                sim_reader::find_differences(picture, png.read_indexed()));
+}
+
+// ---- The command --------------------------------------------------------------------------------
+
+void require_file(const Arguments &arguments)
+{
+    if (arguments.file.empty() && !arguments.reference)
+        throw CLI::RequiredError("file");
+    std::error_code none; // one that isn't there is no other
+    if (arguments.reference && fs::equivalent(arguments.file, *arguments.reference, none))
+        throw CLI::ValidationError(arguments.file, "the difference would replace what to compare");
+}
 
 void snapshot(const Context &context, const Arguments &arguments)
 {
-    const sim_reader::Post post = sim_reader::read_post(context.folder, arguments.post);
-    if (post.res_id == 0)
-        throw std::runtime_error("post " + std::to_string(arguments.post) +
-                                 ": it has no post thread");
-    sim_reader::write_png(sim_reader::compose(post), arguments.file);
+    if (arguments.osd) {
+        const sim_reader::IndexedPicture picture = take_osd(context, arguments);
+        if (arguments.reference)
+            check_osd(arguments, picture);
+        else
+            sim_reader::write_png(picture, arguments.file);
+        return;
+    }
+    const sim_reader::Picture picture = compose(context, arguments);
+    if (arguments.reference)
+        check_post(arguments, picture);
+    else
+        sim_reader::write_png(picture, arguments.file);
 }
+
+constexpr const char *FOOTER =
+    "Pictures are in the palette in force, see qm5sim palette.\n"
+    "Guides frame each shown OSD, 0 red, 1 green, 2 blue, 3 yellow, and hatch what\n"
+    "two share; the frame of the safe space is magenta.\n"
+    "A check fails for a pixel of another colour, with --osd also of another index.\n"
+    "\n"
+    "Examples: qm5sim snapshot 0 tvout.png\n"
+    "          qm5sim snapshot 0 --over street.png tvout.png\n"
+    "          qm5sim snapshot 0 --guides --safe 16,16,24,24 --cell 17x27 tvout.png\n"
+    "          qm5sim snapshot 0 --osd 3 time.png\n"
+    "          qm5sim snapshot 0 --check expected.png difference.png";
 
 } // namespace
 
 void add_snapshot(CLI::App &app, Context &context)
 {
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App *command = app.add_subcommand("snapshot", "Write what a post shows as a PNG file.");
-    command->footer("Example: qm5sim snapshot 0 tvout.png");
+    CLI::App *command = app.add_subcommand(
+        "snapshot", "Write what a post shows as a PNG file, or compare it with one.");
+    command->footer(FOOTER);
     add_post_number(command, arguments->post);
-    command->add_option("file", arguments->file, "PNG file to write")->required();
+    command->add_option("file", arguments->file,
+                        "PNG file to write; with --check, for the difference, if there is one");
+    const auto option = [command](const char *name, std::optional<std::string> &value,
+                                  const char *form, const char *what) {
+        return command->add_option(name, value, what)->type_name(form);
+    };
+    CLI::Option *over = option("--over", arguments->back, "PNG",
+                               "picture below the OSDs, instead of a test pattern");
+    CLI::Option *osd =
+        command
+            ->add_option("--osd", arguments->osd, "this OSD alone, as a palette PNG of its depth")
+            ->check(CLI::Range(0u, SIM_OSDS - 1));
+    CLI::Option *guides =
+        command->add_flag("--guides", arguments->guides, "mark where the shown OSDs are");
+    option("--safe", arguments->safe, "UP,DOWN,LEFT,RIGHT", "mark what these margins leave too")
+        ->needs(guides);
+    option("--cell", arguments->cell, "WIDTHxHEIGHT",
+           "divide each OSD that is a row of such text cells too")
+        ->needs(guides);
+    option("--check", arguments->reference, "PNG", "compare with this picture and write nothing");
+    osd->excludes(over)->excludes(guides);
     command->callback([&context, arguments] {
+        require_file(*arguments);
+        parse_guides(*arguments);
         context.action = [&context, arguments] { snapshot(context, *arguments); };
     });
 }

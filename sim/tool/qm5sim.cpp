@@ -15,8 +15,10 @@ constexpr int EXIT_MISUSE = 2;
 void add_commands(CLI::App &app, commands::Context &context)
 {
     commands::add_clock(app, context);
+    commands::add_palette(app, context);
     commands::add_post(app, context);
     commands::add_snapshot(app, context);
+    commands::add_state(app, context);
 }
 
 } // namespace
@@ -24,7 +26,7 @@ void add_commands(CLI::App &app, commands::Context &context)
 int main(int argc, char **argv)
 {
     commands::Context context{sim_reader::default_folder()};
-    CLI::App app("Pictures, post threads and time zone of the simulated codec.", "qm5sim");
+    CLI::App app("Looks into the simulated codec, and turns its screws.", "qm5sim");
     app.require_subcommand(1);
     app.add_option("--state", context.folder, "state folder of the simulated codec")
         ->envname("QM5SIM_STATE")

@@ -1,0 +1,187 @@
+// qm5sim state: prints the post threads and their OSDs, for people or for programs.
+#include "commands.h"
+
+#include "file_io.h"
+#include "sim_reader.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+namespace commands
+{
+
+namespace
+{
+
+struct Arguments {
+    bool json = false;
+};
+
+std::uint64_t memory_size(const sim_osd &osd)
+{
+    return std::uint64_t{osd.line_bytes} * osd.height;
+}
+
+// ---- For people ---------------------------------------------------------------------------------
+
+typedef std::vector<std::string> Row;
+
+// Rows of as many words each, the first of them the heads, in columns two blanks apart.
+std::string format_table(const std::vector<Row> &rows)
+{
+    std::vector<std::size_t> widths(rows.front().size());
+    for (const Row &row : rows) {
+        for (std::size_t i = 0; i < row.size(); i++)
+            widths[i] = std::max(widths[i], row[i].size());
+    }
+    std::string text;
+    for (const Row &row : rows) {
+        for (std::size_t i = 0; i + 1 < row.size(); i++)
+            text += row[i] + std::string(widths[i] + 2 - row[i].size(), ' ');
+        text += row.back() + '\n';
+    }
+    return text;
+}
+
+std::string format_id(std::uint32_t id)
+{
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%08X", id);
+    return text;
+}
+
+std::string format_pair(std::uint32_t one, char between, std::uint32_t other)
+{
+    return std::to_string(one) + between + std::to_string(other);
+}
+
+std::vector<Row> post_rows(const sim_state &state)
+{
+    std::vector<Row> rows = {{"POST", "RESOURCE", "SIZE"}};
+    for (unsigned i = 0; i < SIM_POSTS; i++) {
+        const sim_post &post = state.post[i];
+        if (post.res_id == 0)
+            rows.push_back({std::to_string(i), "-", "closed"});
+        else
+            rows.push_back({std::to_string(i), format_id(post.res_id),
+                            format_pair(post.width, 'x', post.height)});
+    }
+    return rows;
+}
+
+Row osd_row(unsigned post, unsigned number, const sim_osd &osd)
+{
+    return {std::to_string(post),
+            std::to_string(number),
+            format_id(osd.handle),
+            std::to_string(sim_reader::bits_per_pixel(osd)),
+            format_pair(osd.width, 'x', osd.height),
+            std::to_string(osd.line_bytes),
+            std::to_string(sim_reader::pixels_per_line(osd)),
+            std::to_string(memory_size(osd)),
+            osd.shown != 0 ? "yes" : "no",
+            format_pair(osd.x, ',', osd.y),
+            std::to_string(osd.sets)};
+}
+
+std::vector<Row> osd_rows(const sim_state &state)
+{
+    std::vector<Row> rows = {{"POST", "OSD", "HANDLE", "BITS", "REQUESTED", "LINE BYTES",
+                              "LINE PIXELS", "MEMORY", "SHOWN", "POSITION", "SETS"}};
+    for (unsigned i = 0; i < SIM_POSTS; i++) {
+        for (unsigned j = 0; j < SIM_OSDS; j++) {
+            const sim_osd &osd = state.post[i].osd[j];
+            if (osd.handle != 0)
+                rows.push_back(osd_row(i, j, osd));
+        }
+    }
+    return rows;
+}
+
+std::string format_text(const sim_state &state, bool device_open)
+{
+    std::string text =
+        device_open ? "A process has the device open.\n\n" : "No process has the device open.\n\n";
+    text += format_table(post_rows(state));
+    const std::vector<Row> osds = osd_rows(state);
+    if (osds.size() > 1) // than the heads
+        text += '\n' + format_table(osds);
+    return text;
+}
+
+// ---- For programs -------------------------------------------------------------------------------
+
+typedef nlohmann::ordered_json Json;
+
+Json make_osd(unsigned number, const sim_osd &osd)
+{
+    return {{"number", number},
+            {"handle", osd.handle},
+            {"bits_per_pixel", sim_reader::bits_per_pixel(osd)},
+            {"width", osd.width},
+            {"height", osd.height},
+            {"line_bytes", osd.line_bytes},
+            {"line_pixels", sim_reader::pixels_per_line(osd)},
+            {"memory_bytes", memory_size(osd)},
+            {"shown", osd.shown != 0},
+            {"x", osd.x},
+            {"y", osd.y},
+            {"sets", osd.sets}};
+}
+
+Json make_post(unsigned number, const sim_post &post)
+{
+    Json osds = Json::array();
+    for (unsigned i = 0; i < SIM_OSDS; i++) {
+        if (post.osd[i].handle != 0)
+            osds.push_back(make_osd(i, post.osd[i]));
+    }
+    return {{"number", number},    {"open", post.res_id != 0}, {"resource_id", post.res_id},
+            {"width", post.width}, {"height", post.height},    {"osds", osds}};
+}
+
+std::string format_json(const sim_state &state, bool device_open)
+{
+    Json posts = Json::array();
+    for (unsigned i = 0; i < SIM_POSTS; i++)
+        posts.push_back(make_post(i, state.post[i]));
+    const Json all = {{"device_open", device_open}, {"posts", posts}};
+    return all.dump(2) + '\n';
+}
+
+// ---- The command --------------------------------------------------------------------------------
+
+void print(const Context &context, const Arguments &arguments)
+{
+    const sim_state state = sim_reader::read_state(context.folder);
+    const bool device_open = sim_reader::is_device_open(context.folder);
+    sim_reader::write_output(arguments.json ? format_json(state, device_open)
+                                            : format_text(state, device_open));
+}
+
+constexpr const char *FOOTER =
+    "Only open OSDs are listed. A line of an OSD holds at least the pixels of the requested "
+    "width.\n"
+    "What a server that died has left stays in the state until the device is opened again.\n"
+    "\n"
+    "Examples: qm5sim state\n"
+    "          qm5sim state --json | jq '.posts[].osds[] | select(.shown)'";
+
+} // namespace
+
+void add_state(CLI::App &app, Context &context)
+{
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App *command = app.add_subcommand("state", "Print the post threads and their OSDs.");
+    command->footer(FOOTER);
+    command->add_flag("--json", arguments->json, "print JSON, for programs");
+    command->callback([&context, arguments] {
+        context.action = [&context, arguments] { print(context, *arguments); };
+    });
+}
+
+} // namespace commands

@@ -1,0 +1,145 @@
+#include "file_io.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace sim_reader
+{
+
+namespace fs = std::filesystem;
+
+namespace
+{
+
+constexpr mode_t FILE_MODE = 0666; // less the user's mask
+
+// A file descriptor, closed at its end.
+class Descriptor
+{
+public:
+    explicit Descriptor(int fd) : fd_(fd)
+    {
+    }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    ~Descriptor()
+    {
+        if (fd_ != -1)
+            close(fd_);
+    }
+
+    int get() const
+    {
+        return fd_;
+    }
+
+private:
+    int fd_;
+};
+
+// 0, or an errno value.
+int write_all(int fd, std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const ssize_t written = write(fd, bytes.data(), bytes.size());
+        if (written > 0)
+            bytes.remove_prefix(static_cast<std::size_t>(written));
+        else if (written == 0 || errno != EINTR)
+            return written == 0 ? EIO : errno;
+    }
+    return 0;
+}
+
+int open_and_write(const fs::path &file, int flags, std::string_view bytes)
+{
+    const Descriptor out(open(file.c_str(), O_WRONLY | O_CLOEXEC | flags, FILE_MODE));
+    return out.get() == -1 ? errno : write_all(out.get(), bytes);
+}
+
+int rename_to(const fs::path &draft, const fs::path &file)
+{
+    return rename(draft.c_str(), file.c_str()) == 0 ? 0 : errno;
+}
+
+int replace(const fs::path &file, std::string_view bytes)
+{
+    fs::path draft = file;
+    draft += "." + std::to_string(getpid());
+    int error = open_and_write(draft, O_CREAT | O_EXCL, bytes);
+    if (error == EEXIST) // somebody else's, perhaps
+        return error;
+    if (error == 0)
+        error = rename_to(draft, file);
+    if (error != 0)
+        unlink(draft.c_str());
+    return error;
+}
+
+std::optional<std::string> read_open_file(const fs::path &file, int fd)
+{
+    std::string bytes;
+    char part[1 << 16];
+    for (;;) {
+        const ssize_t length = read(fd, part, sizeof part);
+        if (length == 0)
+            return bytes;
+        if (length > 0)
+            bytes.append(part, static_cast<std::size_t>(length));
+        else if (errno != EINTR)
+            fail(file, std::strerror(errno));
+    }
+}
+
+} // namespace
+
+void fail(const fs::path &what, const std::string &why)
+{
+    throw std::runtime_error(what.string() + ": " + why);
+}
+
+std::optional<std::string> read_file_if_there(const fs::path &file)
+{
+    const Descriptor in(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (in.get() != -1)
+        return read_open_file(file, in.get());
+    if (errno != ENOENT)
+        fail(file, std::strerror(errno));
+    return std::nullopt;
+}
+
+std::string read_file(const fs::path &file)
+{
+    std::optional<std::string> bytes = read_file_if_there(file);
+    if (!bytes)
+        fail(file, std::strerror(ENOENT));
+    return std::move(*bytes);
+}
+
+void write_file(const fs::path &file, std::string_view bytes)
+{
+    std::error_code unknown; // the writing tells it better
+    const fs::file_status status = fs::status(file, unknown);
+    int error = 0;
+    if (!fs::exists(status))
+        error = replace(file, bytes);
+    else if (!fs::is_regular_file(status))
+        error = open_and_write(file, 0, bytes);
+    else if (access(file.c_str(), W_OK) != 0)
+        error = errno;
+    else
+        error = replace(fs::canonical(file, unknown), bytes);
+    if (error != 0)
+        fail(file, std::strerror(error));
+}
+
+void write_output(std::string_view bytes)
+{
+    const int error = write_all(STDOUT_FILENO, bytes);
+    if (error != 0)
+        fail("standard output", std::strerror(error));
+}
+
+} // namespace sim_reader

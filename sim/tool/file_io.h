@@ -1,0 +1,26 @@
+// Whole files, read and written at once. What fails throws std::runtime_error, "what: why".
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace sim_reader
+{
+
+[[noreturn]] void fail(const std::filesystem::path &what, const std::string &why);
+
+std::string read_file(const std::filesystem::path &file);
+
+// The same; nothing if there is no such file.
+std::optional<std::string> read_file_if_there(const std::filesystem::path &file);
+
+// Writes a file whole or not at all: a draft beside it takes its place once it is complete. A link
+// is followed, and what is no regular file, as a device or a pipe, is written to as it stands.
+void write_file(const std::filesystem::path &file, std::string_view bytes);
+
+// Writes to standard output.
+void write_output(std::string_view bytes);
+
+} // namespace sim_reader

@@ -1,0 +1,56 @@
+// Pictures: what a post shows, what an OSD holds, and where two of them differ.
+#pragma once
+
+#include "palette.h"
+#include "state_reader.h"
+
+#include <cstdint>
+#include <vector>
+
+namespace sim_reader
+{
+
+struct Picture {
+    unsigned width = 0;
+    unsigned height = 0;
+    std::vector<std::uint8_t> rgb;
+};
+
+// One OSD by itself.
+struct IndexedPicture {
+    unsigned width = 0;
+    unsigned height = 0;
+    unsigned bits = 0;                 // per pixel: 2, 4 or 8
+    std::vector<std::uint8_t> indices; // a byte a pixel
+    Palette colors{};                  // the first 1 << bits count
+};
+
+// Eight bars of muted colours over a ramp of grey, so that light and dark texts can be judged.
+Picture test_pattern(unsigned width, unsigned height);
+
+// Lays the shown OSDs over a picture, in the order of their numbers.
+void lay_over(Picture &picture, const Post &post, const Palette &palette);
+
+// The post's picture over the test pattern.
+Picture compose(const Post &post, const Palette &palette = sim_reader::palette());
+
+// A shown OSD, with all pixels of its lines.
+IndexedPicture take_osd(const Osd &osd, const Palette &palette);
+
+// Its colours over black.
+Picture flatten(const IndexedPicture &picture);
+
+// Lays a colour over a pixel; one outside the picture is passed over.
+void blend_pixel(Picture &picture, std::int64_t x, std::int64_t y, const Color &color);
+
+// ---- Differences --------------------------------------------------------------------------------
+
+// Which pixels differ between two pictures of one size, and for indexed ones also of one depth: in
+// colour, or in index.
+std::vector<bool> find_differences(const Picture &one, const Picture &other);
+std::vector<bool> find_differences(const IndexedPicture &one, const IndexedPicture &other);
+
+// The differing pixels in red over the picture in a dimmed grey.
+Picture mark_differences(Picture picture, const std::vector<bool> &differing);
+
+} // namespace sim_reader

@@ -1,0 +1,236 @@
+#include "state_reader.h"
+
+#include "file_io.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <string>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+namespace sim_reader
+{
+
+namespace fs = std::filesystem;
+
+// ---- The record ---------------------------------------------------------------------------------
+
+namespace
+{
+
+constexpr int ATTEMPTS = 200;
+constexpr std::chrono::milliseconds PACE{5};
+
+int open_state(const fs::path &path)
+{
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd == -1)
+        fail(path, std::strerror(errno));
+    return fd;
+}
+
+// The state record, mapped to read.
+class StateMap
+{
+public:
+    explicit StateMap(const fs::path &path)
+    {
+        const int fd = open_state(path);
+        struct stat status = {};
+        const bool whole = fstat(fd, &status) == 0 &&
+                           static_cast<std::size_t>(status.st_size) >= sizeof(sim_state);
+        void *map =
+            whole ? mmap(nullptr, sizeof(sim_state), PROT_READ, MAP_SHARED, fd, 0) : MAP_FAILED;
+        close(fd);
+        if (map == MAP_FAILED)
+            fail(path, "no state of a simulated codec");
+        state_ = static_cast<const sim_state *>(map);
+        if (state_->magic != SIM_MAGIC || state_->version != SIM_VERSION) {
+            munmap(map, sizeof(sim_state));
+            fail(path, "no state of a simulated codec, or of another version");
+        }
+    }
+    StateMap(const StateMap &) = delete;
+    StateMap &operator=(const StateMap &) = delete;
+    ~StateMap()
+    {
+        munmap(const_cast<sim_state *>(state_), sizeof(sim_state));
+    }
+
+    std::uint32_t sequence() const
+    {
+        return __atomic_load_n(&state_->sequence, __ATOMIC_ACQUIRE);
+    }
+    const sim_state &get() const
+    {
+        return *state_;
+    }
+
+private:
+    const sim_state *state_ = nullptr;
+};
+
+// What `take` makes of a state that no change came across.
+template <typename Take>
+auto take_still(const fs::path &folder, Take take)
+{
+    const StateMap map(folder / "state");
+    for (int attempt = 0; attempt < ATTEMPTS; attempt++) {
+        const std::uint32_t before = map.sequence();
+        if (before % 2 == 0) {
+            auto taken = take(map.get());
+            __atomic_thread_fence(__ATOMIC_ACQUIRE);
+            if (map.sequence() == before)
+                return taken;
+        }
+        std::this_thread::sleep_for(PACE);
+    }
+    fail(folder / "state", "left in the middle of a change");
+}
+
+} // namespace
+
+sim_state read_state(const fs::path &folder)
+{
+    return take_still(folder, [](const sim_state &state) {
+        sim_state copy;
+        std::memcpy(&copy, &state, sizeof copy);
+        return copy;
+    });
+}
+
+bool is_device_open(const fs::path &folder)
+{
+    const fs::path path = folder / "state";
+    const int fd = open_state(path);
+    const int error = flock(fd, LOCK_SH | LOCK_NB) == 0 ? 0 : errno;
+    close(fd); // at once: while it is held, no process can open the device
+    if (error != 0 && error != EWOULDBLOCK)
+        fail(path, std::strerror(error));
+    return error != 0;
+}
+
+// ---- Posts --------------------------------------------------------------------------------------
+
+namespace
+{
+
+fs::path pixel_file(const fs::path &folder, unsigned post, unsigned osd)
+{
+    return folder / ("post" + std::to_string(post) + "-osd" + std::to_string(osd));
+}
+
+std::size_t memory_size(const sim_osd &osd)
+{
+    return std::size_t{osd.line_bytes} * osd.height;
+}
+
+// Up to `size` bytes; no more is taken than the file has, for a size that was read across a change
+// can be anything.
+std::vector<std::uint8_t> read_pixels(const fs::path &path, std::size_t size)
+{
+    std::error_code error;
+    const std::uintmax_t there = fs::file_size(path, error);
+    std::vector<std::uint8_t> pixels(error ? 0 : std::min<std::uintmax_t>(size, there));
+    std::ifstream file(path, std::ios::binary);
+    file.read(reinterpret_cast<char *>(pixels.data()), static_cast<std::streamsize>(pixels.size()));
+    pixels.resize(static_cast<std::size_t>(file.gcount()));
+    return pixels;
+}
+
+Post copy_post(const fs::path &folder, const sim_state &state, unsigned number)
+{
+    sim_post record;
+    std::memcpy(&record, &state.post[number], sizeof record);
+
+    Post post;
+    post.res_id = record.res_id;
+    post.width = record.width;
+    post.height = record.height;
+    for (unsigned i = 0; i < SIM_OSDS; i++) {
+        const sim_osd &osd = record.osd[i];
+        post.osd[i].record = osd;
+        if (osd.shown != 0)
+            post.osd[i].pixels = read_pixels(pixel_file(folder, number, i), memory_size(osd));
+    }
+    return post;
+}
+
+} // namespace
+
+Post read_post(const fs::path &folder, unsigned number)
+{
+    Post post = take_still(
+        folder, [&](const sim_state &state) { return copy_post(folder, state, number); });
+    for (unsigned i = 0; i < SIM_OSDS; i++) {
+        const Osd &osd = post.osd[i];
+        if (osd.record.shown != 0 && osd.pixels.size() < memory_size(osd.record))
+            fail(pixel_file(folder, number, i), "not all pixels of the OSD are there");
+    }
+    return post;
+}
+
+unsigned bits_per_pixel(const sim_osd &osd)
+{
+    return 2u << osd.color_type;
+}
+
+unsigned pixels_per_line(const sim_osd &osd)
+{
+    return osd.line_bytes * 8 / bits_per_pixel(osd);
+}
+
+unsigned Osd::width_of_line() const
+{
+    return pixels_per_line(record);
+}
+
+unsigned Osd::index_at(unsigned x, unsigned y) const
+{
+    const unsigned bits = bits_per_pixel(record);
+    const std::size_t bit = (std::size_t{y} * width_of_line() + x) * bits;
+    return unsigned{pixels.at(bit / 8)} >> bit % 8 & ((1u << bits) - 1);
+}
+
+std::vector<std::uint8_t> Osd::indices_of_line(unsigned y) const
+{
+    const unsigned bits = bits_per_pixel(record);
+    const unsigned per_byte = 8 / bits;
+    const unsigned mask = (1u << bits) - 1;
+    const std::uint8_t *line = pixels.data() + std::size_t{y} * record.line_bytes;
+    std::vector<std::uint8_t> indices(width_of_line());
+    for (unsigned x = 0; x < indices.size(); x++)
+        indices[x] =
+            static_cast<std::uint8_t>(unsigned{line[x / per_byte]} >> x % per_byte * bits & mask);
+    return indices;
+}
+
+// ---- The folder ---------------------------------------------------------------------------------
+
+fs::path default_folder()
+{
+    std::array<char, SIM_PATH_SIZE> path{};
+    sim_get_folder(path.data());
+    return path.data();
+}
+
+void make_folder(const fs::path &folder)
+{
+    mkdir(folder.c_str(), SIM_FOLDER_MODE);
+}
+
+void write_size(const fs::path &folder, unsigned number, unsigned width, unsigned height)
+{
+    make_folder(folder);
+    write_file(folder / ("post" + std::to_string(number)),
+               width == 0 ? "closed\n"
+                          : std::to_string(width) + 'x' + std::to_string(height) + '\n');
+}
+
+} // namespace sim_reader

@@ -1,0 +1,55 @@
+// Reading the state of a simulated codec, each time as one moment had it.
+#pragma once
+
+#include "sim_state.h"
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <vector>
+
+namespace sim_reader
+{
+
+// One OSD as it is shown.
+struct Osd {
+    sim_osd record{};
+    std::vector<std::uint8_t> pixels; // line_bytes * height bytes; empty while it isn't shown
+
+    // Colour index of a pixel; x up to width_of_line().
+    unsigned index_at(unsigned x, unsigned y) const;
+    std::vector<std::uint8_t> indices_of_line(unsigned y) const;
+    unsigned width_of_line() const;
+};
+
+unsigned bits_per_pixel(const sim_osd &osd);
+unsigned pixels_per_line(const sim_osd &osd);
+
+struct Post {
+    std::uint32_t res_id = 0; // 0: no post thread
+    unsigned width = 0;
+    unsigned height = 0;
+    std::array<Osd, SIM_OSDS> osd;
+};
+
+// All posts and their OSDs, without the pixels. This and read_post throw std::runtime_error, with
+// the reason as text, if the folder holds no state, or one that doesn't stand still.
+sim_state read_state(const std::filesystem::path &folder);
+
+// A post with the pixels of its OSDs.
+Post read_post(const std::filesystem::path &folder, unsigned number);
+
+// Does a process have the device open now? Throws std::runtime_error if the folder holds no state.
+bool is_device_open(const std::filesystem::path &folder);
+
+// The folder that the library uses with the present environment.
+std::filesystem::path default_folder();
+
+// Makes the folder if it isn't there. A failure is left to the first use of a file in it.
+void make_folder(const std::filesystem::path &folder);
+
+// Tells the post thread to take this size, or to close for 0 by 0. Throws std::runtime_error.
+void write_size(const std::filesystem::path &folder, unsigned number, unsigned width,
+                unsigned height);
+
+} // namespace sim_reader
