@@ -22,8 +22,10 @@ struct Context {
 // command line has gone; it fails by any other std::exception (1). The text of either is
 // "what: why".
 void add_clock(CLI::App &app, Context &context);
+void add_fault(CLI::App &app, Context &context);
 void add_palette(CLI::App &app, Context &context);
 void add_post(CLI::App &app, Context &context);
+void add_setting(CLI::App &app, Context &context);
 void add_snapshot(CLI::App &app, Context &context);
 void add_state(CLI::App &app, Context &context);
 

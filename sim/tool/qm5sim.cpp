@@ -15,8 +15,10 @@ constexpr int EXIT_MISUSE = 2;
 void add_commands(CLI::App &app, commands::Context &context)
 {
     commands::add_clock(app, context);
+    commands::add_fault(app, context);
     commands::add_palette(app, context);
     commands::add_post(app, context);
+    commands::add_setting(app, context);
     commands::add_snapshot(app, context);
     commands::add_state(app, context);
 }
