@@ -1,25 +1,23 @@
 #include "control_files.h"
 
+#include "file_io.h"
+#include "sim_reader.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstddef>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
 #include <sstream>
-#include <stdexcept>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <thread>
-#include <unistd.h>
 #include <utility>
 
 namespace control_files
 {
 
 namespace fs = std::filesystem;
+using sim_reader::fail;
 
 namespace
 {
@@ -29,39 +27,6 @@ constexpr std::chrono::seconds PATIENCE{2};
 
 // The library reads no more of a file.
 constexpr std::size_t LONGEST_TEXT = SIM_FAULTS * SIM_FAULT_LINE - 1;
-
-[[noreturn]] void fail(const std::string &what, const std::string &why)
-{
-    throw std::runtime_error(what + ": " + why);
-}
-
-// An open file or folder, if it could be opened; otherwise errno says why.
-class Descriptor
-{
-public:
-    Descriptor(const fs::path &path, int flags) : fd_(open(path.c_str(), flags | O_CLOEXEC))
-    {
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    ~Descriptor()
-    {
-        if (fd_ != -1)
-            close(fd_);
-    }
-
-    explicit operator bool() const
-    {
-        return fd_ != -1;
-    }
-    int get() const
-    {
-        return fd_;
-    }
-
-private:
-    int fd_;
-};
 
 } // namespace
 
@@ -162,49 +127,23 @@ std::string replace_setting(const std::string &text, const std::string &line)
 
 std::string read(const fs::path &file)
 {
-    const Descriptor in(file, O_RDONLY);
-    if (!in && errno == ENOENT)
-        return "";
-    if (!in)
-        fail(file, std::strerror(errno));
-    std::string text;
-    char part[4096];
-    ssize_t length = 0;
-    while ((length = ::read(in.get(), part, sizeof part)) > 0)
-        text.append(part, static_cast<std::size_t>(length));
-    if (length == -1)
-        fail(file, std::strerror(errno));
-    return text;
+    return sim_reader::read_file_if_there(file).value_or("");
 }
 
 namespace
 {
 
-void write(const fs::path &file, const std::string &text)
-{
-    fs::path draft = file;
-    draft += '.' + std::to_string(getpid());
-    std::ofstream out(draft);
-    out << text;
-    out.close();
-    if (out && rename(draft.c_str(), file.c_str()) == 0) // whole or not at all
-        return;
-    const int error = errno;
-    unlink(draft.c_str());
-    fail(file, std::strerror(error));
-}
-
 template <typename Parse>
 void change(const fs::path &folder, const char *name, const Edit &edit, Parse parse)
 {
-    mkdir(folder.c_str(), SIM_FOLDER_MODE); // if it can't be made, it can't be opened
-    const Descriptor locked(folder, O_RDONLY | O_DIRECTORY);
-    if (!locked || flock(locked.get(), LOCK_EX) != 0)
+    sim_reader::make_folder(folder);
+    const sim_reader::Descriptor locked(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (locked.get() == -1 || flock(locked.get(), LOCK_EX) != 0)
         fail(folder, std::strerror(errno));
     const fs::path file = folder / name;
     const std::string text = edit(read(file));
     parse(file, text);
-    write(file, text);
+    sim_reader::write_file(file, text);
 }
 
 } // namespace
@@ -224,27 +163,11 @@ void change_settings(const fs::path &folder, const Edit &edit)
 namespace
 {
 
-// A word of the state file; 0 if it isn't there.
-std::uint32_t read_word(const Descriptor &state, std::size_t offset)
-{
-    std::uint32_t word = 0;
-    const ssize_t length = pread(state.get(), &word, sizeof word, static_cast<off_t>(offset));
-    return length == sizeof word ? word : 0;
-}
-
-bool is_locked(const Descriptor &state)
-{
-    if (flock(state.get(), LOCK_SH | LOCK_NB) != 0)
-        return errno == EWOULDBLOCK;
-    flock(state.get(), LOCK_UN);
-    return false;
-}
-
-bool is_in_force(const fs::path &folder, const Descriptor &state)
+bool is_in_force(const fs::path &folder)
 {
     const std::string settings = read(folder / "settings");
     const std::string faults = read(folder / "faults");
-    return read_word(state, offsetof(sim_state, control)) ==
+    return sim_reader::read_state(folder).control ==
            sim_hash(settings.data(), settings.size(), faults.data(), faults.size());
 }
 
@@ -252,34 +175,19 @@ bool is_in_force(const fs::path &folder, const Descriptor &state)
 
 std::optional<sim_state> read_state(const fs::path &folder)
 {
-    const Descriptor file(folder / "state", O_RDONLY);
-    if (!file && errno == ENOENT)
+    if (!fs::exists(folder / "state"))
         return std::nullopt;
-    if (!file)
-        fail(folder / "state", std::strerror(errno));
-    const auto end = std::chrono::steady_clock::now() + PATIENCE;
-    while (std::chrono::steady_clock::now() < end) {
-        const std::uint32_t before = read_word(file, offsetof(sim_state, sequence));
-        sim_state state;
-        if (pread(file.get(), &state, sizeof state, 0) != sizeof state ||
-            state.magic != SIM_MAGIC || state.version != SIM_VERSION)
-            return std::nullopt;
-        if (before % 2 == 0 && read_word(file, offsetof(sim_state, sequence)) == before)
-            return state;
-        std::this_thread::sleep_for(PACE);
-    }
-    fail(folder / "state", "left in the middle of a change");
+    return sim_reader::read_state(folder);
 }
 
 void wait_until_in_force(const fs::path &folder, const std::string &what)
 {
-    const Descriptor state(folder / "state", O_RDONLY);
-    if (!state || is_in_force(folder, state) || !is_locked(state))
+    if (!fs::exists(folder / "state") || is_in_force(folder) || !sim_reader::is_device_open(folder))
         return;
     const auto end = std::chrono::steady_clock::now() + PATIENCE;
-    while (!is_in_force(folder, state)) {
+    while (!is_in_force(folder)) {
         if (std::chrono::steady_clock::now() > end) {
-            if (!is_locked(state)) // it has ended; the next one takes them up
+            if (!sim_reader::is_device_open(folder)) // it has ended; the next one takes them up
                 return;
             fail(what, "the server has not taken it up");
         }

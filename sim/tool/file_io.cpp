@@ -16,30 +16,6 @@ namespace
 
 constexpr mode_t FILE_MODE = 0666; // less the user's mask
 
-// A file descriptor, closed at its end.
-class Descriptor
-{
-public:
-    explicit Descriptor(int fd) : fd_(fd)
-    {
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    ~Descriptor()
-    {
-        if (fd_ != -1)
-            close(fd_);
-    }
-
-    int get() const
-    {
-        return fd_;
-    }
-
-private:
-    int fd_;
-};
-
 // 0, or an errno value.
 int write_all(int fd, std::string_view bytes)
 {
@@ -94,6 +70,12 @@ std::optional<std::string> read_open_file(const fs::path &file, int fd)
 }
 
 } // namespace
+
+Descriptor::~Descriptor()
+{
+    if (fd_ != -1)
+        close(fd_);
+}
 
 void fail(const fs::path &what, const std::string &why)
 {

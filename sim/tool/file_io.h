@@ -9,6 +9,26 @@
 namespace sim_reader
 {
 
+// A file descriptor, or -1, closed at its end.
+class Descriptor
+{
+public:
+    explicit Descriptor(int fd) : fd_(fd)
+    {
+    }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    ~Descriptor();
+
+    int get() const
+    {
+        return fd_;
+    }
+
+private:
+    int fd_;
+};
+
 [[noreturn]] void fail(const std::filesystem::path &what, const std::string &why);
 
 std::string read_file(const std::filesystem::path &file);

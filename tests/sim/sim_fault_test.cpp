@@ -287,7 +287,10 @@ TEST_F(FaultCommand, id_that_has_been_counted_does_not_come_again)
 
 TEST_F(FaultCommand, server_that_does_not_take_a_change_up_is_told)
 {
-    write_state_file("state", std::string(sizeof(sim_state), '\0'));
+    sim_state record{};
+    record.magic = SIM_MAGIC;
+    record.version = SIM_VERSION;
+    write_state_file("state", std::string(reinterpret_cast<const char *>(&record), sizeof record));
     const int state = open((std::string(STATE) + "/state").c_str(), O_RDONLY | O_CLOEXEC);
     ASSERT_EQ(flock(state, LOCK_EX), 0);
     const Ended added = sim({"fault", "add", "set_osd", "next", "vanish"});
