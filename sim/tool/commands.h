@@ -20,11 +20,14 @@ struct Context {
 // A command's callback refuses words that make no sense by CLI::ParseError (exit status 2), does
 // nothing else, and leaves in the context what is to be done. That action may run long after the
 // command line has gone; it fails by any other std::exception (1). The text of either is
-// "what: why".
+// "what: why". One that has said all there is to say throws CLI::RuntimeError with its exit status.
+void add_calls(CLI::App &app, Context &context);
 void add_clock(CLI::App &app, Context &context);
+void add_diff(CLI::App &app, Context &context);
 void add_fault(CLI::App &app, Context &context);
 void add_palette(CLI::App &app, Context &context);
 void add_post(CLI::App &app, Context &context);
+void add_replay(CLI::App &app, Context &context);
 void add_setting(CLI::App &app, Context &context);
 void add_snapshot(CLI::App &app, Context &context);
 void add_state(CLI::App &app, Context &context);

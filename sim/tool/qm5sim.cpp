@@ -14,10 +14,13 @@ constexpr int EXIT_MISUSE = 2;
 
 void add_commands(CLI::App &app, commands::Context &context)
 {
+    commands::add_calls(app, context);
     commands::add_clock(app, context);
+    commands::add_diff(app, context);
     commands::add_fault(app, context);
     commands::add_palette(app, context);
     commands::add_post(app, context);
+    commands::add_replay(app, context);
     commands::add_setting(app, context);
     commands::add_snapshot(app, context);
     commands::add_state(app, context);
@@ -41,6 +44,8 @@ int main(int argc, char **argv)
         if (!std::cout.flush())
             throw std::runtime_error("standard output: it can't be written");
         return 0;
+    } catch (const CLI::RuntimeError &error) {
+        return error.get_exit_code();
     } catch (const CLI::ParseError &error) {
         if (error.get_exit_code() == 0) // help was asked for
             return app.exit(error);

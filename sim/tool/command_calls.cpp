@@ -1,0 +1,310 @@
+// qm5sim calls: prints the recorded calls of the codec library, a JSON line each.
+#include "commands.h"
+
+#include "call_reader.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <poll.h>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+namespace commands
+{
+
+namespace
+{
+
+using call_reader::Calls;
+using Json = nlohmann::ordered_json;
+
+// ---- A call's line ------------------------------------------------------------------------------
+
+struct Field {
+    const char *name = nullptr;
+    bool is_word = false; // shown in hexadecimal: it is compared, not counted with
+};
+
+struct Fields {
+    std::array<Field, 5> argument;
+    std::array<Field, 3> given;
+};
+
+constexpr Field RES_ID = {"res_id", true};
+constexpr Field HANDLE = {"handle", true};
+
+Fields fields_of(std::uint32_t operation)
+{
+    switch (operation) {
+    case SIM_SET_NOTIFY:
+        return {{{{"mask"}}}, {}};
+    case SIM_THREAD_GET_STATUS:
+        return {{{RES_ID}}, {{{"width"}, {"height"}}}};
+    case SIM_OPEN_OSD:
+        return {{{RES_ID, {"number"}, {"width"}, {"height"}, {"color_type"}}},
+                {{HANDLE, {"aux", true}, {"line_bytes"}}}};
+    case SIM_CLOSE_OSD:
+    case SIM_CLEAR_OSD:
+        return {{{RES_ID, HANDLE}}, {}};
+    case SIM_GET_OSD_MEM:
+        return {{{RES_ID, HANDLE}}, {{{"size"}}}};
+    case SIM_SET_OSD:
+        return {{{RES_ID, HANDLE, {"x"}, {"y"}}}, {}};
+    case SIM_NOTIFY:
+        return {{{RES_ID, {"post"}, {"opened"}}}, {}};
+    default:
+        return {};
+    }
+}
+
+std::string hexadecimal(std::uint32_t word)
+{
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), "0x%08X", word);
+    return text.data();
+}
+
+std::string hash_text(std::uint64_t hash)
+{
+    std::array<char, 24> text{};
+    std::snprintf(text.data(), text.size(), "%016llx", static_cast<unsigned long long>(hash));
+    return text.data();
+}
+
+// RFC 3339, to the microsecond.
+std::string time_text(std::uint64_t nanoseconds)
+{
+    constexpr std::uint64_t second = 1000000000;
+    const auto seconds = static_cast<std::time_t>(nanoseconds / second);
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    std::array<char, 32> date{};
+    std::strftime(date.data(), date.size(), "%Y-%m-%dT%H:%M:%S", &utc);
+    std::array<char, 16> fraction{};
+    std::snprintf(fraction.data(), fraction.size(), ".%06uZ",
+                  static_cast<unsigned>(nanoseconds % second / 1000));
+    return std::string(date.data()) + fraction.data();
+}
+
+// Microseconds, rounded to one decimal.
+double microseconds(std::uint64_t nanoseconds)
+{
+    const std::uint64_t tenths = nanoseconds / 100 + (nanoseconds % 100 >= 50 ? 1 : 0);
+    return static_cast<double>(tenths) / 10;
+}
+
+template <std::size_t SIZE>
+void add_fields(Json &line, const std::array<Field, SIZE> &fields, const std::uint32_t *values)
+{
+    for (std::size_t i = 0; i < SIZE && fields[i].name; i++) {
+        if (fields[i].is_word)
+            line[fields[i].name] = hexadecimal(values[i]);
+        else
+            line[fields[i].name] = values[i];
+    }
+}
+
+std::string line_of(const Calls &calls, std::uint64_t number, const sim_call_record &call)
+{
+    const Fields fields = fields_of(call.operation);
+    Json line;
+    line["n"] = number;
+    line["time"] = time_text(call.time);
+    line["thread"] = call.thread;
+    line["call"] = calls.name_of(number, call);
+    add_fields(line, fields.argument, call.argument);
+    line["result"] = call.result;
+    if (call.result != 0)
+        line["errno"] = hexadecimal(call.error);
+    else
+        add_fields(line, fields.given, call.given);
+    if (call.operation == SIM_SET_OSD)
+        line["hash"] = hash_text(call.hash);
+    line["us"] = microseconds(call.duration);
+    return line.dump() + '\n';
+}
+
+// ---- What is there ------------------------------------------------------------------------------
+
+constexpr std::uint64_t AT_ONCE = 256;
+
+[[noreturn]] void fail_output()
+{
+    throw std::runtime_error(std::string("standard output: ") + std::strerror(errno));
+}
+
+void print_calls(const std::filesystem::path &file, std::uint64_t next)
+{
+    Calls calls(file);
+    const std::uint64_t last = calls.count();
+    while (next <= last) {
+        for (const sim_call_record &call : calls.read(next, std::min(AT_ONCE, last - next + 1)))
+            std::cout << line_of(calls, next++, call);
+        if (!std::cout.flush())
+            fail_output();
+    }
+}
+
+// ---- What is to come ----------------------------------------------------------------------------
+
+// Standard output, until SIGINT or SIGTERM comes or nobody reads it any more. No wait for a reader
+// that has stopped holds a signal up, and no line is left half written.
+class Output
+{
+public:
+    Output()
+    {
+        sigset_t ends;
+        sigemptyset(&ends);
+        sigaddset(&ends, SIGINT);
+        sigaddset(&ends, SIGTERM);
+        sigprocmask(SIG_BLOCK, &ends, nullptr);
+        signals_ = signalfd(-1, &ends, SFD_CLOEXEC);
+        if (signals_ == -1)
+            throw std::runtime_error(std::string("signals: ") + std::strerror(errno));
+    }
+    Output(const Output &) = delete;
+    Output &operator=(const Output &) = delete;
+    ~Output()
+    {
+        close(signals_);
+    }
+
+    // Writes a line, which a pipe takes whole or not at all; false at the end.
+    bool put(std::string_view line)
+    {
+        if (!wait(POLLOUT, -1))
+            return false;
+        while (!line.empty()) {
+            const ssize_t length = write(STDOUT_FILENO, line.data(), line.size());
+            if (length == -1 && errno != EINTR)
+                fail_output();
+            line.remove_prefix(length > 0 ? static_cast<std::size_t>(length) : 0);
+        }
+        return true;
+    }
+
+    // Lets some time pass; false at the end.
+    bool pause()
+    {
+        constexpr int milliseconds = 50;
+        return wait(0, milliseconds);
+    }
+
+private:
+    bool wait(short what, int milliseconds)
+    {
+        std::array<pollfd, 2> wanted = {{{signals_, POLLIN, 0}, {STDOUT_FILENO, what, 0}}};
+        while (poll(wanted.data(), wanted.size(), milliseconds) == -1 && errno == EINTR)
+            continue;
+        return wanted[0].revents == 0 && (wanted[1].revents & (POLLERR | POLLHUP)) == 0;
+    }
+
+    int signals_ = -1;
+};
+
+// A record that calls are added to, and that begins anew with another server.
+class Followed
+{
+public:
+    Followed(const std::filesystem::path &file, std::uint64_t first)
+        : file_(file), calls_(std::make_unique<Calls>(file)), next_(first)
+    {
+    }
+
+    // Prints what has come; false at the end of the output.
+    bool print(Output &output)
+    {
+        for (;;) {
+            const std::vector<sim_call_record> come = read();
+            if (come.empty())
+                return true;
+            for (const sim_call_record &call : come) {
+                if (!output.put(line_of(*calls_, next_, call)))
+                    return false;
+                next_++;
+            }
+        }
+    }
+
+private:
+    // The next calls; none of a record that has begun anew while it was read.
+    std::vector<sim_call_record> read()
+    {
+        std::vector<sim_call_record> come;
+        try {
+            if (!calls_->is_empty())
+                come = calls_->read(next_, AT_ONCE);
+        } catch (const std::runtime_error &) {
+            if (!calls_->has_begun_anew() && !calls_->is_empty())
+                throw;
+        }
+        if (!calls_->has_begun_anew())
+            return come;
+        calls_ = std::make_unique<Calls>(file_);
+        next_ = 1;
+        return {};
+    }
+
+    std::filesystem::path file_;
+    std::unique_ptr<Calls> calls_;
+    std::uint64_t next_;
+};
+
+void follow_calls(const std::filesystem::path &file, std::uint64_t first)
+{
+    Output output;
+    Followed followed(file, first);
+    while (followed.print(output) && output.pause())
+        continue;
+}
+
+// ---- Command line -------------------------------------------------------------------------------
+
+struct Arguments {
+    bool follow = false;
+    std::uint64_t from = 1;
+    std::string file;
+};
+
+void calls(const Context &context, const Arguments &arguments)
+{
+    const std::filesystem::path file =
+        arguments.file.empty() ? context.folder / "calls" : std::filesystem::path(arguments.file);
+    if (arguments.follow)
+        follow_calls(file, arguments.from);
+    else
+        print_calls(file, arguments.from);
+}
+
+} // namespace
+
+void add_calls(CLI::App &app, Context &context)
+{
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App *command = app.add_subcommand(
+        "calls", "Print the recorded calls of the codec library, as JSON lines.");
+    command->footer("Examples: qm5sim calls > before.jsonl\n"
+                    "          qm5sim calls --follow --from 100");
+    command->add_flag("--follow", arguments->follow,
+                      "go on as calls come, until SIGINT or SIGTERM");
+    command->add_option("--from", arguments->from, "number of the first call to print")
+        ->check(CLI::PositiveNumber);
+    command->add_option("--file", arguments->file, "record to read, instead of the state folder's");
+    command->callback([&context, arguments] {
+        context.action = [&context, arguments] { calls(context, *arguments); };
+    });
+}
+
+} // namespace commands
