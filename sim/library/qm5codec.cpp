@@ -98,9 +98,11 @@ static void sim_end_osds()
             const std::uint32_t handle = sim->post[post].osd[number].handle;
             if (handle == 0)
                 continue;
-            sim_check_memory(SIM_CLOSE_DEVICE, sim_get_memory(post, number));
-            sim_breach(SIM_CLOSE_DEVICE, "post %u, OSD %u, handle 0x%08X: left open", post, number,
-                       handle);
+            const sim_memory *memory = sim_get_memory(post, number);
+            sim_check_memory(SIM_CLOSE_DEVICE, memory);
+            if (!memory->excused)
+                sim_breach(SIM_CLOSE_DEVICE, "post %u, OSD %u, handle 0x%08X: left open", post,
+                           number, handle);
         }
     }
     sim_forget_osds();
@@ -159,11 +161,41 @@ static std::uint32_t sim_find_post(std::uint32_t res_id)
     return SIM_ANY_POST;
 }
 
+// After an open that has failed the application may forget what is open of the post.
+static void sim_excuse_post(std::uint32_t post)
+{
+    for (std::uint32_t number = 0; number < SIM_OSDS; number++)
+        sim_get_memory(post, number)->excused = true;
+}
+
+// And after a close that has failed, the OSD. Keeps errno.
+static void sim_excuse_osd(std::uint32_t handle)
+{
+    sim_lock();
+    for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
+        for (std::uint32_t number = 0; number < SIM_OSDS; number++) {
+            if (sim_get_memory(post, number)->handle == handle)
+                sim_get_memory(post, number)->excused = true;
+        }
+    }
+    sim_unlock();
+}
+
+// Closes an OSD of the state.
+static void sim_end_osd(std::uint32_t post, std::uint32_t number)
+{
+    sim_begin();
+    sim->post[post].osd[number] = {};
+    sim_end();
+    sim_close_memory(post, number);
+}
+
 // Lets go wrong what is to go wrong before the call. Having the lock, which it gives back in
 // between; -1 with errno if the call is to fail.
 static int sim_suffer_faults(std::uint32_t res_id, sim_call *call)
 {
     const std::uint32_t post = sim_find_post(res_id);
+    call->post_number = post;
     call->trouble = sim_meet_faults(call->operation, post);
     if (call->trouble.delay_ms != 0 || call->trouble.vanish) {
         sim_unlock();
@@ -172,15 +204,22 @@ static int sim_suffer_faults(std::uint32_t res_id, sim_call *call)
             sim_vanish_post(post);
         sim_lock();
     }
-    return call->trouble.code != 0 ? sim_fail(call->trouble.code) : 0;
+    if (call->trouble.code == 0)
+        return 0;
+    if (call->operation == SIM_OPEN_OSD && post != SIM_ANY_POST)
+        sim_excuse_post(post);
+    return sim_fail(call->trouble.code);
 }
 
 // Ends a call: gives the lock back, and lets a post vanish if that is to come behind its work.
 static int sim_end_call(const sim_call *call, int result)
 {
     sim_unlock();
-    if (call->trouble.vanish_after && call->post)
+    if (call->trouble.vanish_after && call->post_number != SIM_ANY_POST) {
+        const int error = errno;
         sim_vanish_post(call->post_number);
+        errno = error;
+    }
     return result;
 }
 
@@ -189,6 +228,7 @@ static int sim_begin_call(sim_operation operation, std::uint32_t res_id, sim_cal
 {
     *call = {};
     call->operation = operation;
+    call->post_number = SIM_ANY_POST;
     if (sim_stage != SIM_DEVICE_IS_OPEN)
         return sim_fail_order(operation);
     sim_lock();
@@ -270,6 +310,9 @@ static std::uint32_t sim_check_param(const sim_call *call, const qm5_cl_osd_para
         sim_breach(call->operation, "param: colour type %u", param->color_type);
         return SIM_ERROR_ARGUMENT;
     }
+    if (call->post->osd[param->number].handle != 0 &&
+        sim_get_memory(call->post_number, param->number)->excused)
+        sim_end_osd(call->post_number, param->number);
     if (call->post->osd[param->number].handle != 0) {
         sim_breach(call->operation, "param: OSD %u of post %u is open", param->number,
                    call->post_number);
@@ -288,8 +331,10 @@ static int sim_open_osd(std::uint32_t res_id, const qm5_cl_osd_param *param, std
     if (error != 0)
         return sim_end_call(&call, sim_fail(error));
     sim_check_old_handle(call.operation, *handle);
-    if (sim_make_osd(&call, param) != 0)
+    if (sim_make_osd(&call, param) != 0) {
+        sim_excuse_post(call.post_number);
         return sim_end_call(&call, -1);
+    }
     const sim_osd *osd = &call.post->osd[param->number];
     *handle = osd->handle;
     *aux = 0xA0000000 + param->number;
@@ -300,14 +345,13 @@ static int sim_open_osd(std::uint32_t res_id, const qm5_cl_osd_param *param, std
 static int sim_close_osd(std::uint32_t res_id, std::uint32_t handle)
 {
     sim_call call;
-    if (sim_begin_osd_call(SIM_CLOSE_OSD, res_id, handle, &call) != 0)
+    if (sim_begin_osd_call(SIM_CLOSE_OSD, res_id, handle, &call) != 0) {
+        sim_excuse_osd(handle);
         return -1;
+    }
     sim_check_memory(call.operation, sim_get_memory(call.post_number, call.osd_number));
     sim_note_closed(handle);
-    sim_begin();
-    *call.osd = {};
-    sim_end();
-    sim_close_memory(call.post_number, call.osd_number);
+    sim_end_osd(call.post_number, call.osd_number);
     return sim_end_call(&call, 0);
 }
 

@@ -11,7 +11,7 @@ sim_settings sim_setting = SIM_DEFAULT_SETTINGS;
 static sim_fault sim_faults[SIM_FAULTS];
 static std::size_t sim_fault_count_in_force;
 
-// A text of so many lines fits; a longer one is cut, and then refused for its last line.
+// Room for a text of so many lines.
 constexpr std::size_t SIM_TEXT = SIM_FAULTS * SIM_FAULT_LINE;
 
 // Calls `parse` for each line that is no comment and not empty; false, said on stderr, at the first

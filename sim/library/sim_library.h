@@ -50,8 +50,8 @@ const char *sim_folder();
 // doesn't let happen.
 [[gnu::format(printf, 2, 3)]] void sim_get_path(char *path, const char *format, ...);
 
-// The text of a small file of the folder, at most `size` - 1 bytes and a terminator; 0 bytes for no
-// file. The number of bytes, or -1 after saying why.
+// The text of a small file of the folder, fewer than `size` - 1 bytes and a terminator; 0 bytes for
+// no file. The number of bytes, or -1 after saying why.
 long sim_read_text(const char *path, char *text, std::size_t size);
 
 std::uint32_t sim_new_id();
@@ -124,8 +124,9 @@ struct sim_memory {
     std::uint8_t *draw;   // what the server draws into
     std::uint8_t *shown;  // mapped file: what the picture shows
     std::size_t size;
-    bool lent;  // the server may write into it: from get_osd_mem to set_osd
-    bool equal; // what is drawn is what is shown, unless somebody has written without asking
+    bool lent;    // the server may write into it: from get_osd_mem to set_osd
+    bool equal;   // what is drawn is what is shown, unless somebody has written without asking
+    bool excused; // a failure that the library told has left it open: the application may forget it
 };
 
 // Opens and closes the memory of an OSD whose entry in the state is filled. -1 with errno for a

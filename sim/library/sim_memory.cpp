@@ -17,7 +17,7 @@ sim_state *sim;
 static pthread_mutex_t sim_mutex = PTHREAD_MUTEX_INITIALIZER;
 static pthread_cond_t sim_vanished = PTHREAD_COND_INITIALIZER;
 static char sim_folder_path[SIM_PATH_SIZE];
-static int sim_state_fd = -1; // locked while the device is open
+static int sim_state_fd = -1; // locked while the library is up
 
 static sim_memory sim_memories[SIM_POSTS][SIM_OSDS];
 
@@ -99,6 +99,10 @@ long sim_read_text(const char *path, char *text, std::size_t size)
         sim_fail_system(path);
     close(fd);
     text[length > 0 ? length : 0] = '\0';
+    if (static_cast<std::size_t>(length) == size - 1) {
+        errno = EFBIG; // there may be more
+        return sim_fail_system(path);
+    }
     return length;
 }
 

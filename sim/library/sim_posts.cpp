@@ -80,12 +80,16 @@ static bool sim_read_size(std::uint32_t post, std::uint32_t *width, std::uint32_
 
 // ---- Changes ------------------------------------------------------------------------------------
 
-// Sleeps, but not beyond the end of the thread.
+// Sleeps, but not beyond the end of the thread, and takes up settings and faults meanwhile.
 static void sim_wait(std::uint32_t ms)
 {
     constexpr std::uint32_t slice = 20;
-    for (; ms > 0 && !sim_ending; ms -= ms < slice ? ms : slice)
+    for (; ms > 0 && !sim_ending; ms -= ms < slice ? ms : slice) {
         sim_sleep(ms < slice ? ms : slice);
+        sim_lock();
+        sim_read_control();
+        sim_unlock();
+    }
 }
 
 static void sim_announce(std::uint32_t post, std::uint32_t res_id)
@@ -168,9 +172,12 @@ static void sim_write_closed(std::uint32_t post)
     sim_get_path(path, "post%u", post);
     sim_get_path(draft, "post%u.new", post);
     const int fd = open(draft, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    errno = ENOSPC; // what a short write means
-    if (fd == -1 || write(fd, "closed\n", 7) != 7 || rename(draft, path) != 0)
+    if (fd != -1)
+        errno = ENOSPC; // what a short write means
+    if (fd == -1 || write(fd, "closed\n", 7) != 7 || rename(draft, path) != 0) {
         sim_fail_system(draft);
+        unlink(draft);
+    }
     if (fd != -1)
         close(fd);
 }
@@ -243,7 +250,8 @@ static int sim_open_descriptors()
     sim_wake_up = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     sim_watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (sim_wake_up == -1 || sim_watch == -1 ||
-        inotify_add_watch(sim_watch, sim_folder(), IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE) == -1)
+        inotify_add_watch(sim_watch, sim_folder(),
+                          IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE) == -1)
         return sim_fail_system(sim_folder());
     return 0;
 }

@@ -107,7 +107,7 @@ std::uint64_t sim_record_time()
 
 static std::uint32_t sim_thread_id()
 {
-    static thread_local std::uint32_t id;
+    [[gnu::tls_model("initial-exec")]] static thread_local std::uint32_t id;
     if (id == 0)
         id = static_cast<std::uint32_t>(gettid());
     return id;

@@ -20,6 +20,11 @@ constexpr int WRAPPER_ERROR = static_cast<int>(0x81E00003);
 sim_codec_table sim_codec;
 
 static decltype(&qm5_cl_post_get_osd_mem) wrapper_get_osd_mem;
+static decltype(&qm5_cl_post_set_osd) wrapper_set_osd;
+
+// What the last set_osd has shown; NULL if that isn't known.
+static void *wrapper_shown;
+static std::size_t wrapper_shown_size;
 
 // The memory that get_osd_mem has given for each of the last handles.
 static struct {
@@ -41,6 +46,18 @@ static int wrapper_keep_memory(std::uint32_t res_id, std::uint32_t handle, qm5_c
     if (result == 0)
         wrapper_memories[handle % 16] = {handle, mem->memory, mem->size};
     return result;
+}
+
+// The memory is the application's only until set_osd, so what is shown is copied before it.
+static int wrapper_copy_memory(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_pos pos)
+{
+    const auto &kept = wrapper_memories[handle % 16];
+    free(wrapper_shown);
+    wrapper_shown = kept.handle == handle ? malloc(kept.size) : nullptr;
+    wrapper_shown_size = kept.size;
+    if (wrapper_shown)
+        memcpy(wrapper_shown, kept.memory, kept.size);
+    return wrapper_set_osd(res_id, handle, pos);
 }
 
 template <typename Function>
@@ -76,7 +93,11 @@ int sim_codec_prepare()
         !wrapper_load(library, "qm5_cl_sys_close_device", &table.close_device) ||
         !wrapper_load(library, "qm5_cl_library_exit", &table.library_exit))
         return -1;
+    if (table.library_init == qm5_cl_library_init)
+        return wrapper_fail(path, "that is the wrapper itself");
     table.get_osd_mem = wrapper_keep_memory;
+    wrapper_set_osd = table.set_osd;
+    table.set_osd = wrapper_copy_memory;
     sim_codec = table;
     return 0;
 }
@@ -90,11 +111,8 @@ const char *sim_codec_record_folder()
     return folder;
 }
 
-const void *sim_codec_shown(std::uint32_t handle, std::size_t *size)
+const void *sim_codec_shown(std::uint32_t, std::size_t *size)
 {
-    const auto &kept = wrapper_memories[handle % 16];
-    if (kept.handle != handle)
-        return nullptr;
-    *size = kept.size;
-    return kept.memory;
+    *size = wrapper_shown_size;
+    return wrapper_shown;
 }

@@ -333,7 +333,7 @@ TEST_F(CodecLibrary, file_that_is_gone_closes_its_post_and_one_that_cannot_be_re
 {
     const std::vector<std::uint32_t> ids = bring_up_with_posts();
     testing::internal::CaptureStderr();
-    fs::remove(std::string(STATE) + "/post1");
+    fs::rename(std::string(STATE) + "/post1", std::string(STATE) + "/moved");
     EXPECT_EQ(wait_for_notice(5).post, 1u);
     fs::create_directory(std::string(STATE) + "/made");
     ASSERT_EQ(renameat2(AT_FDCWD, "/tmp/codec/made", AT_FDCWD, "/tmp/codec/post0", RENAME_EXCHANGE),

@@ -231,6 +231,38 @@ TEST_F(Faults, sizes_and_lines_are_told_wrong)
     EXPECT_EQ(mem.size, 32u + 12u);
 }
 
+// The application empties a slot whose close has failed, and forgets a post whose open was refused.
+TEST_F(Faults, what_a_failure_has_left_open_is_no_breach)
+{
+    const std::vector<std::uint32_t> ids =
+        bring_up_with("1 close_osd next fail 0x81E00042\n2 open_osd 4 fail refused\n");
+    const qm5_cl_osd_param param = {0, 64, 2, 0};
+    const Opened lost = open_osd(ids[0], param);
+    EXPECT_TRUE(failed(lib_.close_osd(ids[0], lost.handle), 0x81E00042));
+    const Opened other = open_osd(ids[0], param);
+    EXPECT_NE(other.handle, lost.handle);
+    open_osd(ids[1], param);
+    std::uint32_t handle = 0;
+    std::uint32_t word = 0;
+    EXPECT_TRUE(
+        failed(lib_.open_osd(ids[1], &param, &handle, &word, &word), QM5_CL_ERROR_OPEN_REFUSED));
+    EXPECT_EQ(lib_.close_osd(ids[0], other.handle), 0);
+    take_down();
+    EXPECT_FALSE(fs::exists(std::string(STATE) + "/breaches"));
+}
+
+TEST_F(Faults, text_that_is_too_long_is_refused_whole)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with("1 thread_get_status every fail gone1\n");
+    testing::internal::CaptureStderr();
+    write_file(std::string(STATE) + "/faults", "; " + std::string(4096, 'x') + "\n");
+    sim_reader::write_size(STATE, 3, 0, 0); // its notice comes behind the look at the faults
+    wait_for_notice(5);
+    const std::string told = testing::internal::GetCapturedStderr();
+    EXPECT_NE(told.find("qm5sim: /tmp/codec/faults: File too large\n"), std::string::npos) << told;
+    EXPECT_EQ(failures(ids[0], 1), "x");
+}
+
 TEST_F(Faults, call_is_delayed)
 {
     const std::vector<std::uint32_t> ids = bring_up_with("1 thread_get_status next delay 60\n");
@@ -280,7 +312,8 @@ TEST_F(Faults, notice_is_doubled_or_late)
     change_faults("3 notify every late 600000\n");
     sim_reader::write_size(STATE, 0, 640, 480);
     EXPECT_TRUE(wait_until([] { return state().fault[0].met == 1; }));
-    take_down(); // doesn't wait that long
+    change_faults(""); // nor does anything else wait that long
+    take_down();
 }
 
 } // namespace

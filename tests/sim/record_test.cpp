@@ -244,6 +244,8 @@ TEST_F(Wrapper, says_what_keeps_it_from_the_other_library)
         std::string why;
     } rows[] = {
         {nullptr, "QM5SIM_WRAPPED: names no library"},
+        {QM5SIM_WRAPPER "/libqm5codec.so.1.2",
+         QM5SIM_WRAPPER "/libqm5codec.so.1.2: that is the wrapper itself"},
         {"/none.so",
          "/none.so: /none.so: cannot open shared object file: No such file or directory"},
     };
