@@ -21,6 +21,7 @@ sim_codec_table sim_codec;
 
 static decltype(&qm5_cl_post_get_osd_mem) wrapper_get_osd_mem;
 static decltype(&qm5_cl_post_set_osd) wrapper_set_osd;
+static decltype(&qm5_cl_library_exit) wrapper_library_exit;
 
 // What the last set_osd has shown; NULL if that isn't known.
 static void *wrapper_shown;
@@ -53,11 +54,19 @@ static int wrapper_copy_memory(std::uint32_t res_id, std::uint32_t handle, qm5_c
 {
     const auto &kept = wrapper_memories[handle % 16];
     free(wrapper_shown);
-    wrapper_shown = kept.handle == handle ? malloc(kept.size) : nullptr;
+    const bool known = handle != 0 && kept.handle == handle;
+    wrapper_shown = known ? malloc(kept.size) : nullptr;
     wrapper_shown_size = kept.size;
     if (wrapper_shown)
         memcpy(wrapper_shown, kept.memory, kept.size);
     return wrapper_set_osd(res_id, handle, pos);
+}
+
+static int wrapper_exit()
+{
+    free(wrapper_shown);
+    wrapper_shown = nullptr;
+    return wrapper_library_exit();
 }
 
 template <typename Function>
@@ -98,6 +107,8 @@ int sim_codec_prepare()
     table.get_osd_mem = wrapper_keep_memory;
     wrapper_set_osd = table.set_osd;
     table.set_osd = wrapper_copy_memory;
+    wrapper_library_exit = table.library_exit;
+    table.library_exit = wrapper_exit;
     sim_codec = table;
     return 0;
 }
