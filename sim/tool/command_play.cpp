@@ -31,7 +31,7 @@ constexpr const char *FOOTER =
     "\n"
     "    0    clock EAST-9\n"
     "    0    run qm5osd start --Post0TimeOn=1 --Post0StringOn=1 \"--Post0String=Gate 2\"\n"
-    "    5.5  post 0 1280x720                 ; the TV output changes its size\n"
+    "    5.5  post 0 resize 1280x720          ; the TV output changes its size\n"
     "    10   snapshot 0 tvout.png\n"
     "    11   run qm5osd stop\n"
     "\n"

@@ -1,6 +1,7 @@
 // qm5sim: looks into the simulated codec, and turns its screws.
 #include "commands.h"
 
+#include "misuse.h"
 #include "sim_reader.h"
 
 #include <iostream>
@@ -49,7 +50,7 @@ int main(int argc, char **argv)
     } catch (const CLI::ParseError &error) {
         if (error.get_exit_code() == 0) // help was asked for
             return app.exit(error);
-        std::cerr << "qm5sim: " << error.what() << '\n';
+        std::cerr << "qm5sim: " << commands::describe(error) << '\n';
         return EXIT_MISUSE;
     } catch (const std::exception &error) {
         std::cerr << "qm5sim: " << error.what() << '\n';

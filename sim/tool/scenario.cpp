@@ -1,5 +1,7 @@
 #include "scenario.h"
 
+#include "misuse.h"
+
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
@@ -99,7 +101,7 @@ void read(const std::string &file, const std::function<void(const Line &)> &take
             before = take_seconds(words, before);
             take({place, before, words});
         } catch (const CLI::ParseError &error) {
-            throw CLI::ValidationError(place, error.what());
+            throw CLI::ValidationError(place, commands::describe(error));
         }
     }
     if (in.bad())

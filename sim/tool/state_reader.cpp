@@ -121,6 +121,11 @@ bool is_device_open(const fs::path &folder)
 namespace
 {
 
+fs::path size_file(const fs::path &folder, unsigned post)
+{
+    return folder / ("post" + std::to_string(post));
+}
+
 fs::path pixel_file(const fs::path &folder, unsigned post, unsigned osd)
 {
     return folder / ("post" + std::to_string(post) + "-osd" + std::to_string(osd));
@@ -225,12 +230,26 @@ void make_folder(const fs::path &folder)
     mkdir(folder.c_str(), SIM_FOLDER_MODE);
 }
 
+std::string format_size(const Size &size)
+{
+    if (size.width == 0)
+        return "closed";
+    return std::to_string(size.width) + 'x' + std::to_string(size.height);
+}
+
+std::optional<Size> read_size(const fs::path &folder, unsigned number)
+{
+    const std::optional<std::string> text = read_file_if_there(size_file(folder, number));
+    Size size{};
+    if (!text || !sim_parse_size(text->c_str(), &size.width, &size.height))
+        return std::nullopt;
+    return size;
+}
+
 void write_size(const fs::path &folder, unsigned number, unsigned width, unsigned height)
 {
     make_folder(folder);
-    write_file(folder / ("post" + std::to_string(number)),
-               width == 0 ? "closed\n"
-                          : std::to_string(width) + 'x' + std::to_string(height) + '\n');
+    write_file(size_file(folder, number), format_size({width, height}) + '\n');
 }
 
 } // namespace sim_reader

@@ -6,6 +6,8 @@
 #include <array>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
+#include <string>
 #include <vector>
 
 namespace sim_reader
@@ -47,6 +49,18 @@ std::filesystem::path default_folder();
 
 // Makes the folder if it isn't there. A failure is left to the first use of a file in it.
 void make_folder(const std::filesystem::path &folder);
+
+// Size of a video in pixels; 0 by 0 for a closed post.
+struct Size {
+    std::uint32_t width, height;
+
+    bool operator==(const Size &) const = default;
+};
+std::string format_size(const Size &size);
+
+// What a post thread is told to be; nothing for one that was never told, or in words that the
+// library doesn't understand. Throws std::runtime_error.
+std::optional<Size> read_size(const std::filesystem::path &folder, unsigned number);
 
 // Tells the post thread to take this size, or to close for 0 by 0. Throws std::runtime_error.
 void write_size(const std::filesystem::path &folder, unsigned number, unsigned width,

@@ -107,7 +107,7 @@ TEST_F(FaultCommand, add_refuses_words_that_are_no_fault)
                    "notify next double clear: bad words behind the effect");
     expect_failure({"fault", "add", "open_device", "next", "delay", "1", "post", "0"}, 2,
                    "open_device next delay 1 post 0: the operation is no post's");
-    expect_failure({"fault", "add", "set_osd", "next"}, 2, "EFFECT is required");
+    expect_failure({"fault", "add", "set_osd", "next"}, 2, "EFFECT: it is required");
     EXPECT_FALSE(fs::exists(STATE));
 }
 

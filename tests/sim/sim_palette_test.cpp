@@ -191,7 +191,7 @@ TEST_F(SimPalette, says_what_is_wrong)
                    "qm5sim: /tmp/none/codec/palette: No such file or directory\n");
     const Ended both = sim({"palette", "--load", out("colours"), "--default"});
     EXPECT_EQ(both.status, 2);
-    EXPECT_EQ(both.err, "qm5sim: --load excludes --default\n");
+    EXPECT_EQ(both.err, "qm5sim: --load: not with --default\n");
     const Ended full =
         support::run({"/bin/sh", "-c", std::string(QM5SIM_PROGRAM) + " palette > /dev/full"});
     EXPECT_EQ(full.status, 1);

@@ -126,7 +126,7 @@ TEST_F(SimPlay, lines_are_done_in_their_order_and_not_before_their_times)
 {
     const auto before = Clock::now();
     expect_good(play("0 run touch /tmp/play/a\n"
-                     "0.3 post 0 640x480\n"
+                     "0.3 post 0 resize 640x480\n"
                      "0.3 run mv /tmp/codec/post0 /tmp/play/b\n"
                      "0.50 run touch /tmp/play/c\n"));
     EXPECT_LE(stamp("a"), stamp("b"));
@@ -235,12 +235,13 @@ TEST_F(SimPlay, whole_file_is_checked_before_anything_is_done)
     expect_refused("1 run \"\" true", "run: no program");
     expect_refused("1 play /tmp/play/scenario", "play: not within a scenario");
     expect_refused("1 bogus", "bogus: no command");
-    expect_refused("1 --state /tmp post 0 closed", "--state: no command");
-    expect_refused("1 post 0 big", "big: neither WIDTHxHEIGHT nor closed");
-    expect_refused("1 post 4 closed", "post: Value 4 not in range 0 to 3");
-    expect_refused("1 post 0", "size is required");
-    expect_refused("1 post 0 closed snapshot", "The following argument was not expected: snapshot");
-    expect_refused("1 snapshot 0 x.png --help", "The following argument was not expected: --help");
+    expect_refused("1 --state /tmp post 0 close", "--state: no command");
+    expect_refused("1 post 0 open big", "big: not WIDTHxHEIGHT");
+    expect_refused("1 post 4 close", "post: Value 4 not in range 0 to 3");
+    expect_refused("1 post 0 open", "size: it is required");
+    expect_refused("1 post 0", "subcommand: it is required");
+    expect_refused("1 post 0 close now", "now: it was not expected");
+    expect_refused("1 snapshot 0 x.png --help", "--help: it was not expected");
     const std::string zone(64, 'z');
     expect_refused("1 clock " + zone, zone + ": longer than 63 bytes");
 }
@@ -249,7 +250,7 @@ TEST_F(SimPlay, dry_run_does_nothing)
 {
     expect_good(play("0 run touch /tmp/play/done\n"
                      "0 clock EAST-9\n"
-                     "1000000 post 0 closed\n",
+                     "1000000 post 0 close\n",
                      {"--dry-run"}));
     EXPECT_FALSE(exists("done"));
     EXPECT_FALSE(fs::exists(state_));
@@ -282,7 +283,7 @@ TEST_F(SimPlay, helps_by_an_example)
 {
     const Ended ended = run_sim({"play", "--help"});
     EXPECT_EQ(ended.status, 0);
-    EXPECT_NE(ended.out.find("    5.5  post 0 1280x720 "), std::string::npos) << ended.out;
+    EXPECT_NE(ended.out.find("    5.5  post 0 resize 1280x720 "), std::string::npos) << ended.out;
     EXPECT_NE(ended.out.find("Example: qm5sim play --speed 10 day.txt"), std::string::npos);
 }
 
@@ -318,7 +319,7 @@ TEST_F(SimPlay, signal_ends_it_while_it_waits_for_a_time)
 {
     for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
         Process process = begin("0 run rm -f /tmp/play/a\n" // a program leaves no signal held
-                                "0 post 0 closed\n"
+                                "0 post 0 close\n"
                                 "0 run touch /tmp/play/a\n"
                                 "1000 run touch /tmp/play/b\n");
         EXPECT_TRUE(wait_until([] { return exists("a"); }));
@@ -407,7 +408,7 @@ TEST_F(SimPlay, scenario_leads_a_server_through_its_life)
                             "0 run sh -c \"" +
                             until("resize") +
                             "\"\n"
-                            "0 post 0 640x480\n"
+                            "0 post 0 resize 640x480\n"
                             "0 clock WEST3\n"
                             "0 run sh -c \"" +
                             until("end") +

@@ -393,13 +393,13 @@ TEST_F(SimSnapshot, guides_that_make_no_sense_are_told)
     for (const char *safe : {"24,24,0,0", "0,0,1,63", "4294967295,4294967295,0,0"})
         expect_failure(words("--safe", safe), 1, "qm5sim: --safe: leaves nothing of 64x48\n");
     expect_failure({"snapshot", "0", out("x.png"), "--safe", "1,1,1,1"}, 2,
-                   "qm5sim: --safe requires --guides\n");
+                   "qm5sim: --safe: only with --guides\n");
     expect_failure({"snapshot", "0", out("x.png"), "--cell", "7x12"}, 2,
-                   "qm5sim: --cell requires --guides\n");
+                   "qm5sim: --cell: only with --guides\n");
     expect_failure({"snapshot", "0", out("x.png"), "--osd", "0", "--guides"}, 2,
-                   "qm5sim: --osd excludes --guides\n");
+                   "qm5sim: --osd: not with --guides\n");
     expect_failure({"snapshot", "0", out("x.png"), "--osd", "0", "--over", "back.png"}, 2,
-                   "qm5sim: --over excludes --osd\n");
+                   "qm5sim: --over: not with --osd\n");
     EXPECT_EQ(out_files(), std::vector<std::string>{});
 }
 
@@ -547,7 +547,7 @@ TEST_F(SimSnapshot, target_that_cannot_be_written_is_told)
     expect_failure({"snapshot", "0", "/tmp/out"}, 1, "qm5sim: /tmp/out: Is a directory\n");
     expect_failure({"snapshot", "0", "/dev/full"}, 1,
                    "qm5sim: /dev/full: No space left on device\n");
-    expect_failure({"snapshot", "0"}, 2, "qm5sim: file is required\n");
+    expect_failure({"snapshot", "0"}, 2, "qm5sim: file: it is required\n");
     EXPECT_EQ(out_files(), std::vector<std::string>{});
 }
 

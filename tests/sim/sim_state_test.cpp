@@ -165,8 +165,7 @@ TEST_F(SimStateCommand, that_cannot_be_read_is_told)
         expect_failure(words, 1, "qm5sim: /tmp/codec/state: no state of a simulated codec\n");
         support::remove_file(codec_.state_file());
     }
-    expect_failure({"state", "--bogus"}, 2,
-                   "qm5sim: The following argument was not expected: --bogus\n");
+    expect_failure({"state", "--bogus"}, 2, "qm5sim: --bogus: it was not expected\n");
 }
 
 TEST_F(SimStateCommand, that_cannot_be_printed_is_told)

@@ -72,16 +72,51 @@ TEST_F(SimTool, snapshot_is_the_picture_of_the_post)
 TEST_F(SimTool, post_opens_resizes_and_closes)
 {
     start({"--Post1TypeOn=1"});
-    EXPECT_EQ(sim({"post", "1", "400x300"}).status, 0);
+    EXPECT_EQ(sim({"post", "1", "resize", "400x300"}).status, 0);
     EXPECT_TRUE(shows(1, [](const sim_reader::Post &post) {
         return post.width == 400 && post.height == 300 && count_shown(post) == 1;
     }));
-    EXPECT_EQ(sim({"post", "1", "closed"}).status, 0);
+    EXPECT_EQ(sim({"post", "1", "close"}).status, 0);
     EXPECT_TRUE(shows(1, [](const sim_reader::Post &post) { return post.res_id == 0; }));
+    EXPECT_EQ(sim({"post", "1", "close"}).status, 0);
     const Ended ended = sim({"snapshot", "1", "/tmp/one.png"});
     EXPECT_EQ(ended.status, 1);
     EXPECT_EQ(ended.err, "qm5sim: post 1: it has no post thread\n");
     stop();
+}
+
+TEST_F(SimTool, posts_of_a_codec_that_has_never_run_can_be_opened_resized_and_closed)
+{
+    for (const Words &words : {Words{"post", "0", "open", "352x288"}, Words{"post", "1", "close"},
+                               Words{"post", "2", "resize", "320x180"}}) {
+        const Ended ended = sim(words);
+        EXPECT_EQ(ended.status, 0) << ended.err;
+        EXPECT_EQ(ended.out, "");
+    }
+    start({});
+    EXPECT_TRUE(shows(
+        0, [](const sim_reader::Post &post) { return post.width == 352 && post.height == 288; }));
+    EXPECT_TRUE(shows(
+        2, [](const sim_reader::Post &post) { return post.width == 320 && post.height == 180; }));
+    EXPECT_EQ(sim_reader::read_post("/tmp/codec", 1).res_id, 0u);
+    stop();
+}
+
+TEST_F(SimTool, an_open_post_opens_only_with_the_size_it_has_and_a_closed_one_cannot_be_resized)
+{
+    EXPECT_EQ(sim({"post", "1", "close"}).status, 0);
+    const Ended resize = sim({"post", "1", "resize", "640x360"});
+    EXPECT_EQ(resize.status, 1);
+    EXPECT_EQ(resize.err, "qm5sim: post 1: it is closed\n");
+
+    EXPECT_EQ(sim({"post", "1", "open", "640x360"}).status, 0);
+    EXPECT_EQ(sim({"post", "1", "open", "640x360"}).status, 0);
+    const Ended open = sim({"post", "1", "open", "640x361"});
+    EXPECT_EQ(open.status, 1);
+    EXPECT_EQ(open.err, "qm5sim: post 1: it is open with 640x360, and can be closed or resized\n");
+
+    EXPECT_EQ(sim({"post", "1", "resize", "640x361"}).status, 0);
+    EXPECT_EQ(sim({"post", "1", "open", "640x361"}).status, 0);
 }
 
 TEST_F(SimTool, says_what_is_wrong)
@@ -91,15 +126,18 @@ TEST_F(SimTool, says_what_is_wrong)
     EXPECT_EQ(none.err, "qm5sim: /tmp/none/state: No such file or directory\n");
 
     for (const char *size : {"big", "640", "640x", "x360", "0x360", "640x0", "65536x1", "1x65536",
-                             " 640x360", "640x+360", "640x360x", "closedly"}) {
-        const Ended ended = sim({"post", "0", size});
-        EXPECT_EQ(ended.status, 2);
-        EXPECT_EQ(ended.err,
-                  std::string("qm5sim: ") + size + ": neither WIDTHxHEIGHT nor closed\n");
+                             " 640x360", "640x+360", "640x360x", "closed", ""}) {
+        for (const char *action : {"open", "resize"}) {
+            const Ended ended = sim({"post", "0", action, size});
+            EXPECT_EQ(ended.status, 2);
+            EXPECT_EQ(ended.err, std::string("qm5sim: ") + size + ": not WIDTHxHEIGHT\n");
+        }
     }
 
-    for (const Words &words : {Words{}, Words{"snapshot", "4", "x.png"}, Words{"snapshot", "0"},
-                               Words{"bogus"}, Words{"post", "x", "closed"}}) {
+    for (const Words &words :
+         {Words{}, Words{"snapshot", "4", "x.png"}, Words{"snapshot", "0"}, Words{"bogus"},
+          Words{"post", "x", "close"}, Words{"post", "0"}, Words{"post", "0", "closed"},
+          Words{"post", "0", "open"}, Words{"post", "0", "close", "640x360"}}) {
         const Ended ended = sim(words);
         EXPECT_EQ(ended.status, 2);
         EXPECT_EQ(ended.err.rfind("qm5sim: ", 0), 0u) << ended.err;
@@ -110,13 +148,15 @@ TEST_F(SimTool, says_what_is_wrong)
 TEST_F(SimTool, helps_on_every_level)
 {
     for (const Words &words :
-         {Words{"--help"}, Words{"snapshot", "--help"}, Words{"post", "--help"}}) {
+         {Words{"--help"}, Words{"snapshot", "--help"}, Words{"post", "--help"},
+          Words{"post", "0", "open", "--help"}, Words{"post", "0", "close", "--help"},
+          Words{"post", "0", "resize", "--help"}}) {
         const Ended ended = sim(words);
         EXPECT_EQ(ended.status, 0);
         EXPECT_EQ(ended.err, "");
         EXPECT_NE(ended.out.find("Usage: qm5sim"), std::string::npos) << ended.out;
     }
-    EXPECT_NE(sim({"post", "--help"}).out.find("qm5sim post 1 640x360"), std::string::npos);
+    EXPECT_NE(sim({"post", "--help"}).out.find("qm5sim post 1 open 640x360"), std::string::npos);
 }
 
 } // namespace
