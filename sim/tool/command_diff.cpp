@@ -1,7 +1,9 @@
 // qm5sim diff: tells where two runs of the application first call the codec library differently.
-// What differs between any two runs is no difference: times, and what IDs happen to be given.
+// What differs between any two runs is no difference: times, what IDs happen to be given, and how
+// the calls of two threads fall between each other.
 #include "commands.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -12,6 +14,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace commands
 {
@@ -25,36 +28,30 @@ using Json = nlohmann::ordered_json;
 class Numbers
 {
 public:
-    std::size_t operator[](const Json &name)
+    std::size_t operator[](const std::string &name)
     {
-        return numbers_.try_emplace(name.dump(), numbers_.size() + 1).first->second;
+        return numbers_.try_emplace(name, numbers_.size() + 1).first->second;
     }
 
 private:
     std::map<std::string, std::size_t> numbers_;
 };
 
-// The calls of one run, as `qm5sim calls` has printed them.
-class Run
+// ---- Reading ------------------------------------------------------------------------------------
+
+// The lines of one run, as `qm5sim calls` has printed them; a pipe will do.
+class Lines
 {
 public:
-    explicit Run(std::string file) : file_(std::move(file)), lines_(file_)
+    explicit Lines(std::string file) : file_(std::move(file))
     {
-        if (!lines_)
+        std::ifstream in(file_);
+        if (!in)
             throw std::runtime_error(file_ + ": " + std::strerror(errno));
-    }
-
-    // The next call, normalised; none at the end.
-    std::optional<Json> next()
-    {
-        std::string line;
-        if (!std::getline(lines_, line)) {
-            if (lines_.bad())
-                throw std::runtime_error(file_ + ": it can't be read");
-            return std::nullopt;
-        }
-        count_++;
-        return normalise(parse(line));
+        for (std::string line; std::getline(in, line);)
+            lines_.push_back(std::move(line));
+        if (in.bad())
+            throw std::runtime_error(file_ + ": it can't be read");
     }
 
     const std::string &file() const
@@ -63,75 +60,171 @@ public:
     }
     std::size_t count() const
     {
-        return count_;
+        return lines_.size();
     }
 
-private:
-    [[noreturn]] void fail(const std::string &why) const
+    // The call of a line, counted from 1 on.
+    Json call(std::size_t number) const
     {
-        throw CLI::ValidationError(file_, "line " + std::to_string(count_) + ": " + why);
-    }
-
-    Json parse(const std::string &line) const
-    {
-        Json call = Json::parse(line, nullptr, false);
+        Json call = Json::parse(lines_[number - 1], nullptr, false);
         if (call.is_discarded())
-            fail("no JSON");
+            fail(number, "no JSON");
         if (!call.is_object() || !call.contains("call"))
-            fail("no call");
+            fail(number, "no call");
         for (const auto &[key, value] : call.items()) {
             if (!value.is_string() && !value.is_number())
-                fail("a call's values are texts and numbers");
+                fail(number, "a call's values are texts and numbers");
         }
         return call;
     }
 
-    // A resource ID or handle of 0 is none, and stays.
-    void rename(Json &call, const char *key, const char *prefix, Numbers &numbers)
+private:
+    [[noreturn]] void fail(std::size_t number, const std::string &why) const
     {
-        const auto found = call.find(key);
-        if (found != call.end() && *found != "0x00000000")
-            *found = prefix + std::to_string(numbers[*found]);
-    }
-
-    Json normalise(Json call)
-    {
-        call.erase("time");
-        call.erase("us");
-        rename(call, "thread", "thread ", threads_);
-        rename(call, "res_id", "post thread ", res_ids_);
-        rename(call, "handle", "OSD ", handles_);
-        return call;
+        throw CLI::ValidationError(file_, "line " + std::to_string(number) + ": " + why);
     }
 
     std::string file_;
-    std::ifstream lines_;
-    std::size_t count_ = 0;
+    std::vector<std::string> lines_;
+};
+
+// ---- Normalising --------------------------------------------------------------------------------
+
+// Names for the resource IDs of a run: which thread of its post it is. The notices tell, which may
+// stand behind the first call that uses the ID, for they come in another thread.
+class PostThreads
+{
+public:
+    void learn(const Json &call)
+    {
+        if (call["call"] != "notify" || !call.contains("res_id") || !call.contains("post"))
+            return;
+        const std::string post = call["post"].dump();
+        const auto [place, is_new] = names_.try_emplace(call["res_id"].dump());
+        if (is_new)
+            place->second = "thread " + std::to_string(++counts_[post]) + " of post " + post;
+    }
+
+    std::string name(const Json &res_id)
+    {
+        const auto found = names_.find(res_id.dump());
+        if (found != names_.end())
+            return found->second;
+        return "post thread " + std::to_string(unknown_[res_id.dump()]);
+    }
+
+private:
+    std::map<std::string, std::string> names_;
+    std::map<std::string, std::size_t> counts_;
+    Numbers unknown_;
+};
+
+// What one thread of a run calls, in its order.
+struct Call {
+    std::size_t line = 0;
+    std::string text;    // as it is shown
+    std::string compare; // without the call's number, and whatever the order of its keys
+};
+typedef std::map<std::string, std::vector<Call>> Threads;
+
+class Normaliser
+{
+public:
+    explicit Normaliser(const Lines &lines)
+    {
+        for (std::size_t number = 1; number <= lines.count(); number++)
+            post_threads_.learn(lines.call(number));
+        for (std::size_t number = 1; number <= lines.count(); number++)
+            take(number, lines.call(number));
+    }
+
+    const Threads &threads() const
+    {
+        return result_;
+    }
+
+private:
+    // A resource ID or handle of 0 is none, and stays.
+    template <typename Name>
+    static void rename(Json &call, const char *key, Name name)
+    {
+        const auto found = call.find(key);
+        if (found != call.end() && *found != "0x00000000")
+            *found = name(*found);
+    }
+
+    void take(std::size_t line, Json call)
+    {
+        call.erase("time");
+        call.erase("us");
+        rename(call, "thread",
+               [this](const Json &id) { return "thread " + std::to_string(threads_[id.dump()]); });
+        rename(call, "res_id", [this](const Json &id) { return post_threads_.name(id); });
+        rename(call, "handle",
+               [this](const Json &id) { return "OSD " + std::to_string(handles_[id.dump()]); });
+
+        const std::string thread = call.value("thread", "a thread without a name");
+        nlohmann::json compare = call; // in which keys are sorted
+        compare.erase("n");            // one run may be printed from a later call on
+        result_[thread].push_back({line, call.dump(), compare.dump()});
+    }
+
+    Threads result_;
+    PostThreads post_threads_;
     Numbers threads_;
-    Numbers res_ids_;
     Numbers handles_;
 };
 
-// Where a call stands in its run is no part of it, as one run may be printed from a later call on;
-// nor is the order of its keys.
-bool are_equal(const std::optional<Json> &a, const std::optional<Json> &b)
+// ---- Comparing ----------------------------------------------------------------------------------
+
+// Where one thread of two runs first differs; no call where it has ended.
+struct Difference {
+    std::string thread;
+    std::optional<Call> a;
+    std::optional<Call> b;
+
+    // By which the first of them is known.
+    std::size_t line() const
+    {
+        return a && b ? std::min(a->line, b->line) : a ? a->line : b->line;
+    }
+};
+
+std::optional<Difference> compare(const std::string &thread, const std::vector<Call> &a,
+                                  const std::vector<Call> &b)
 {
-    if (!a || !b)
-        return !a && !b;
-    nlohmann::json one = *a;
-    nlohmann::json other = *b;
-    one.erase("n");
-    other.erase("n");
-    return one == other;
+    const auto at = [](const std::vector<Call> &calls, std::size_t i) {
+        return i < calls.size() ? std::optional(calls[i]) : std::nullopt;
+    };
+    for (std::size_t i = 0; i < std::max(a.size(), b.size()); i++) {
+        if (i >= a.size() || i >= b.size() || a[i].compare != b[i].compare)
+            return Difference{thread, at(a, i), at(b, i)};
+    }
+    return std::nullopt;
 }
 
-std::string difference_line(const Run &run, std::size_t number, const std::optional<Json> &call)
+std::optional<Difference> compare(Threads a, Threads b)
 {
-    return run.file() + ":" + std::to_string(number) + ": " + (call ? call->dump() : "no call") +
-           "\n";
+    for (const auto &[thread, calls] : a)
+        b.try_emplace(thread);
+    std::optional<Difference> first;
+    for (const auto &[thread, calls] : b) {
+        const std::optional<Difference> found = compare(thread, a[thread], calls);
+        if (found && (!first || found->line() < first->line()))
+            first = found;
+    }
+    return first;
 }
 
-std::string count_line(const Run &run)
+std::string difference_line(const Lines &run, const std::string &thread,
+                            const std::optional<Call> &call)
+{
+    if (!call)
+        return run.file() + ": no further call of " + thread + '\n';
+    return run.file() + ":" + std::to_string(call->line) + ": " + call->text + '\n';
+}
+
+std::string count_line(const Lines &run)
 {
     return run.file() + ": " + std::to_string(run.count()) +
            (run.count() == 1 ? " call\n" : " calls\n");
@@ -144,20 +237,15 @@ struct Arguments {
 
 void diff(const Arguments &arguments)
 {
-    Run a(arguments.a);
-    Run b(arguments.b);
-    std::string difference;
-    for (std::size_t number = 1;; number++) { // to the end, for the counts
-        const std::optional<Json> in_a = a.next();
-        const std::optional<Json> in_b = b.next();
-        if (!in_a && !in_b)
-            break;
-        if (difference.empty() && !are_equal(in_a, in_b))
-            difference = difference_line(a, number, in_a) + difference_line(b, number, in_b);
-    }
-    if (difference.empty())
+    const Lines a(arguments.a);
+    const Lines b(arguments.b);
+    const std::optional<Difference> found =
+        compare(Normaliser(a).threads(), Normaliser(b).threads());
+    if (!found)
         return;
-    std::cout << difference << count_line(a) << count_line(b) << std::flush;
+    std::cout << difference_line(a, found->thread, found->a)
+              << difference_line(b, found->thread, found->b) << count_line(a) << count_line(b)
+              << std::flush;
     throw CLI::RuntimeError(1);
 }
 
@@ -168,8 +256,10 @@ void add_diff(CLI::App &app, Context &context)
     const auto arguments = std::make_shared<Arguments>();
     CLI::App *command = app.add_subcommand(
         "diff", "Tell where two runs of the application first call the codec library differently.");
-    command->footer("Exit status: 0 if they are equal, 1 if not.\n"
-                    "Example: qm5sim diff before.jsonl after.jsonl");
+    command->footer(
+        "Each thread's calls are compared in their order, the runs' threads in that of their first "
+        "calls.\nExit status: 0 if they are equal, 1 if not.\n"
+        "Example: qm5sim diff before.jsonl after.jsonl");
     command->add_option("a", arguments->a, "calls of one run, as `qm5sim calls` prints them")
         ->required();
     command->add_option("b", arguments->b, "calls of the other run")->required();

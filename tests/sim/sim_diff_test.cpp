@@ -81,9 +81,10 @@ TEST_F(SimDiff, shows_the_first_difference_normalised_and_both_counts)
     const Ended ended = diff();
     EXPECT_EQ(ended.status, 1);
     EXPECT_EQ(ended.err, "");
-    const std::string same = ": {\"n\":6,\"thread\":\"thread 1\",\"call\":\"set_osd\","
-                             "\"res_id\":\"post thread 1\",\"handle\":\"OSD 2\",\"x\":16,\"y\":32,"
-                             "\"result\":0,\"hash\":";
+    const std::string same =
+        ": {\"n\":6,\"thread\":\"thread 1\",\"call\":\"set_osd\","
+        "\"res_id\":\"thread 1 of post 0\",\"handle\":\"OSD 2\",\"x\":16,\"y\":32,"
+        "\"result\":0,\"hash\":";
     EXPECT_EQ(ended.out, "/tmp/codec/a.jsonl:6" + same + "\"0000000000001234\"}\n" +
                              "/tmp/codec/b.jsonl:6" + same + "\"0000000000001235\"}\n" +
                              "/tmp/codec/a.jsonl: 7 calls\n"
@@ -98,7 +99,7 @@ TEST_F(SimDiff, shows_where_one_run_ends_before_the_other)
     EXPECT_EQ(ended.status, 1);
     EXPECT_EQ(ended.out, "/tmp/codec/a.jsonl:2: {\"n\":2,\"thread\":\"thread 1\","
                          "\"call\":\"open_device\",\"result\":0}\n"
-                         "/tmp/codec/b.jsonl:2: no call\n"
+                         "/tmp/codec/b.jsonl: no further call of thread 1\n"
                          "/tmp/codec/a.jsonl: 2 calls\n"
                          "/tmp/codec/b.jsonl: 1 call\n");
 }
@@ -129,6 +130,43 @@ TEST_F(SimDiff, sees_which_id_and_which_thread_it_is)
     EXPECT_EQ(diff().status, 1);
 }
 
+TEST_F(SimDiff, leaves_out_how_the_calls_of_two_threads_fall_between_each_other)
+{
+    const auto by = [](std::uint32_t thread, sim_call_record call) {
+        call.thread = thread;
+        return call;
+    };
+    const auto notice = [&by](std::uint32_t res_id, std::uint32_t post) {
+        return by(701, notify(res_id, post, 1));
+    };
+    const auto status = [&by](std::uint32_t res_id) {
+        return by(700, call_of(SIM_THREAD_GET_STATUS, {res_id}, {640, 360}));
+    };
+    const sim_call_record init = by(700, call_of(SIM_LIBRARY_INIT));
+    save(A, {init, notice(0x50000001, 0), notice(0x50000002, 1), status(0x50000001),
+             status(0x50000002)});
+    save(B, {init, status(0x50000012), notice(0x50000012, 0), status(0x50000011),
+             notice(0x50000011, 1)});
+    EXPECT_TRUE(equal());
+
+    save(B, {init, status(0x50000012), notice(0x50000012, 1), status(0x50000011),
+             notice(0x50000011, 0)});
+    EXPECT_EQ(diff().status, 1);
+}
+
+TEST_F(SimDiff, shows_the_earliest_of_the_threads_differences)
+{
+    CallList calls = {call_of(SIM_LIBRARY_INIT), notify(0x50000001, 0, 1),
+                      call_of(SIM_SET_NOTIFY, {15}), call_of(SIM_CLOSE_DEVICE)};
+    calls[1].thread = 701;
+    save(A, calls);
+    calls[1].argument[1] = 2;
+    calls[3].operation = SIM_LIBRARY_EXIT;
+    save(B, calls);
+    const std::string out = diff().out;
+    EXPECT_EQ(out.rfind("/tmp/codec/a.jsonl:2: {\"n\":2,\"thread\":\"thread 2\"", 0), 0u) << out;
+}
+
 TEST_F(SimDiff, keeps_the_word_for_no_id)
 {
     const CallList none = {notify(0x50000001, 0, 1), notify(0, 0, 0)};
@@ -139,7 +177,7 @@ TEST_F(SimDiff, keeps_the_word_for_no_id)
                           "\"call\":\"notify\",\"res_id\":\"0x00000000\",\"post\":0,\"opened\":0,"
                           "\"result\":0}\n"
                           "/tmp/codec/b.jsonl:2: {\"n\":2,\"thread\":\"thread 1\","
-                          "\"call\":\"notify\",\"res_id\":\"post thread 2\",\"post\":0,"
+                          "\"call\":\"notify\",\"res_id\":\"thread 2 of post 0\",\"post\":0,"
                           "\"opened\":0,\"result\":0}\n"
                           "/tmp/codec/a.jsonl: 2 calls\n"
                           "/tmp/codec/b.jsonl: 2 calls\n");
