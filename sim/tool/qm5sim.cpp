@@ -33,6 +33,8 @@ int main(int argc, char **argv)
 {
     commands::Context context{sim_reader::default_folder()};
     CLI::App app("Looks into the simulated codec, and turns its screws.", "qm5sim");
+    app.footer("Each command has a --help of its own.\n"
+               "Example: qm5sim snapshot 0 tvout.png");
     app.require_subcommand(1);
     app.add_option("--state", context.folder, "state folder of the simulated codec")
         ->envname("QM5SIM_STATE")

@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <png.h>
+#include <sstream>
 #include <vector>
 
 namespace
@@ -145,17 +146,42 @@ TEST_F(SimTool, says_what_is_wrong)
     }
 }
 
-TEST_F(SimTool, helps_on_every_level)
+// The words in front of which a level of help stands: all subcommands that its text lists, however
+// deep. A post's are behind its number.
+std::vector<Words> subcommands_of(const Words &words, const std::string &help)
 {
-    for (const Words &words :
-         {Words{"--help"}, Words{"snapshot", "--help"}, Words{"post", "--help"},
-          Words{"post", "0", "open", "--help"}, Words{"post", "0", "close", "--help"},
-          Words{"post", "0", "resize", "--help"}}) {
+    std::vector<Words> levels;
+    std::istringstream lines(help);
+    std::string line;
+    while (std::getline(lines, line) && line != "Subcommands:")
+        continue;
+    while (std::getline(lines, line) && line.starts_with("  ")) {
+        if (line[2] == ' ')
+            continue; // a text goes on
+        Words level = words;
+        if (words == Words{"post"})
+            level.push_back("0");
+        level.push_back(line.substr(2, line.find(' ', 2) - 2));
+        levels.push_back(level);
+    }
+    return levels;
+}
+
+TEST_F(SimTool, helps_with_an_example_on_every_level)
+{
+    std::vector<Words> levels = {{}};
+    for (std::size_t i = 0; i < levels.size(); i++) {
+        Words words = levels[i];
+        words.push_back("--help");
         const Ended ended = sim(words);
         EXPECT_EQ(ended.status, 0);
         EXPECT_EQ(ended.err, "");
         EXPECT_NE(ended.out.find("Usage: qm5sim"), std::string::npos) << ended.out;
+        EXPECT_NE(ended.out.find("\nExample"), std::string::npos) << ended.out;
+        for (const Words &level : subcommands_of(levels[i], ended.out))
+            levels.push_back(level);
     }
+    EXPECT_GE(levels.size(), 21u);
     EXPECT_NE(sim({"post", "--help"}).out.find("qm5sim post 1 open 640x360"), std::string::npos);
 }
 
