@@ -220,6 +220,7 @@ TEST_F(Wrapper, passes_every_call_on_and_records_it)
     unsetenv("QM5SIM_WRAPPED");
 
     std::vector<std::string> names;
+    unsigned statuses = 0;
     for (const sim_call_record &record : recorded()) {
         EXPECT_EQ(record.result, 0) << brief(record);
         if (record.operation == SIM_SET_OSD) {
@@ -227,14 +228,16 @@ TEST_F(Wrapper, passes_every_call_on_and_records_it)
             EXPECT_GT(record.data_size, 0u);
         }
         const std::string name = sim_operation_names[record.operation];
-        if (record.operation != SIM_NOTIFY && (names.empty() || names.back() != name))
+        if (record.operation == SIM_THREAD_GET_STATUS)
+            statuses++; // when each post is opened is a matter of time
+        else if (record.operation != SIM_NOTIFY && (names.empty() || names.back() != name))
             names.push_back(name);
     }
     EXPECT_EQ(names,
               (std::vector<std::string>{"library_init", "open_device", "notify_callback",
-                                        "set_notify", "thread_get_status", "open_osd",
-                                        "get_osd_mem", "set_osd", "thread_get_status", "clear_osd",
-                                        "close_osd", "close_device", "library_exit"}));
+                                        "set_notify", "open_osd", "get_osd_mem", "set_osd",
+                                        "clear_osd", "close_osd", "close_device", "library_exit"}));
+    EXPECT_GE(statuses, SIM_POSTS);
 }
 
 TEST_F(Wrapper, says_what_keeps_it_from_the_other_library)
