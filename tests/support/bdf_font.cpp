@@ -1,6 +1,6 @@
 #include "support/bdf_font.h"
 
-#include "support/osd_test.h"
+#include "support/files.h"
 
 #include <algorithm>
 #include <cstdarg>
