@@ -1,4 +1,5 @@
-// Running another program in such a way that it doesn't outlive this one's end by a signal.
+// Running another program in such a way that it doesn't outlive this one's end by a signal, even by
+// one that can't be caught.
 #pragma once
 
 #include <string>
@@ -12,7 +13,8 @@ namespace program
 //
 // The program has a process group of its own. A signal that is to end this process, from the
 // keyboard or by kill(1), ends that group first: it gets the signal too, and SIGKILL as soon as the
-// program has ended or a second has passed.
+// program has ended or a second has passed. If this process is gone without warning, as by SIGKILL,
+// the group gets SIGKILL at once.
 //
 // Throws std::runtime_error, as "NAME: why", for a program that can't be started.
 int run(const std::vector<std::string> &words);

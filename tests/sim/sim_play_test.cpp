@@ -6,9 +6,11 @@
 
 #include <csignal>
 #include <filesystem>
+#include <random>
 #include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <thread>
 
 namespace
 {
@@ -62,6 +64,12 @@ std::vector<pid_t> sleepers()
 {
     static const std::string path = fs::canonical("/bin/sleep");
     return support::processes_of(path);
+}
+
+// Is nothing under way that a play has started, nor the play itself?
+bool no_process_is_left()
+{
+    return sleepers().empty() && support::processes_of(fs::canonical(QM5SIM_PROGRAM)).empty();
 }
 
 class SimPlay : public support::ApplicationTest
@@ -341,6 +349,61 @@ TEST_F(SimPlay, signal_ends_the_program_that_is_under_way_and_what_belongs_to_it
         EXPECT_TRUE(wait_until([] { return sleepers().empty(); }));
         EXPECT_FALSE(exists("b"));
     }
+}
+
+TEST_F(SimPlay, kill_that_cannot_be_caught_ends_the_program_and_what_belongs_to_it)
+{
+    Process process = begin("0 run sh -c \"sleep 1000 & sleep 1000; true\"\n"
+                            "0 run touch /tmp/play/b\n");
+    EXPECT_TRUE(wait_until([] { return sleepers().size() == 2; }));
+    kill(process.pid(), SIGKILL);
+    EXPECT_EQ(process.wait().status, 128 + SIGKILL);
+    EXPECT_TRUE(wait_until([] { return sleepers().empty(); }));
+    EXPECT_FALSE(exists("b"));
+}
+
+TEST_F(SimPlay, kill_of_its_whole_group_ends_the_program_too)
+{
+    const Words all = words("0 run sleep 1000\n");
+    Process process({"/usr/bin/setsid", QM5SIM_PROGRAM, all[0], all[1]});
+    EXPECT_TRUE(wait_until([] { return sleepers().size() == 1; }));
+    kill(-process.pid(), SIGKILL);
+    EXPECT_EQ(process.wait().status, 128 + SIGKILL);
+    EXPECT_TRUE(wait_until([] { return sleepers().empty(); }));
+}
+
+// However the moment falls, on the program's start or before it.
+TEST_F(SimPlay, kill_at_any_moment_leaves_no_program_running)
+{
+    std::mt19937 random(20271231); // the same moments each time
+    const auto began = std::chrono::steady_clock::now();
+    {
+        Process process = begin("0 run sleep 1000\n");
+        EXPECT_TRUE(wait_until([] { return sleepers().size() == 1; }));
+        kill(process.pid(), SIGKILL);
+    }
+    const auto longest = std::chrono::steady_clock::now() - began;
+    std::uniform_int_distribution<long> moments(0, longest.count());
+    for (unsigned round = 0; round < 50; round++) {
+        Process process = begin("0 run sleep 1000\n");
+        std::this_thread::sleep_for(std::chrono::nanoseconds(moments(random)));
+        kill(process.pid(), SIGKILL);
+        EXPECT_EQ(process.wait().status, 128 + SIGKILL);
+        EXPECT_TRUE(wait_until([] { return no_process_is_left(); })) << round;
+    }
+}
+
+TEST_F(SimPlay, kill_between_two_programs_leaves_what_the_first_has_left_behind)
+{
+    Process process = begin("0 run sh -c \"sleep 1000 &\"\n"
+                            "0 run touch /tmp/play/a\n"
+                            "1000 run true\n");
+    EXPECT_TRUE(wait_until([] { return exists("a"); }));
+    kill(process.pid(), SIGKILL);
+    EXPECT_EQ(process.wait().status, 128 + SIGKILL);
+    ASSERT_EQ(sleepers().size(), 1u);
+    kill(sleepers().at(0), SIGKILL);
+    EXPECT_TRUE(wait_until([] { return sleepers().empty(); }));
 }
 
 TEST_F(SimPlay, program_may_put_things_in_order_at_its_end)
