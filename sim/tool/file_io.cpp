@@ -40,18 +40,50 @@ int rename_to(const fs::path &draft, const fs::path &file)
     return rename(draft.c_str(), file.c_str()) == 0 ? 0 : errno;
 }
 
-int replace(const fs::path &file, std::string_view bytes)
+// Has `make` make a draft beside the file, under a name that nobody has, and puts it in its place.
+// `make` gives 0 or an errno value.
+template <typename Make>
+int replace_by_draft(const fs::path &file, Make make)
 {
-    fs::path draft = file;
-    draft += "." + std::to_string(getpid());
-    int error = open_and_write(draft, O_CREAT | O_EXCL, bytes);
-    if (error == EEXIST) // somebody else's, perhaps
-        return error;
+    fs::path draft;
+    int error = EEXIST; // somebody else's, perhaps
+    for (unsigned number = 0; error == EEXIST; number++) {
+        draft = file;
+        draft += '.' + std::to_string(getpid()) + '.' + std::to_string(number);
+        error = make(draft);
+    }
     if (error == 0)
         error = rename_to(draft, file);
     if (error != 0)
         unlink(draft.c_str());
     return error;
+}
+
+// The draft has no name until it is complete, so that nothing is left of one whose writer is
+// killed.
+int name_draft(const fs::path &file, int fd, std::string_view bytes)
+{
+    const int error = write_all(fd, bytes);
+    if (error != 0)
+        return error;
+    const std::string nameless = "/proc/self/fd/" + std::to_string(fd);
+    return replace_by_draft(file, [&nameless](const fs::path &draft) {
+        const int result =
+            linkat(AT_FDCWD, nameless.c_str(), AT_FDCWD, draft.c_str(), AT_SYMLINK_FOLLOW);
+        return result == 0 ? 0 : errno;
+    });
+}
+
+int replace(const fs::path &file, std::string_view bytes)
+{
+    const fs::path folder = file.has_parent_path() ? file.parent_path() : ".";
+    const Descriptor out(open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, FILE_MODE));
+    if (out.get() != -1)
+        return name_draft(file, out.get(), bytes);
+    // Some file systems have no files without a name.
+    return replace_by_draft(file, [bytes](const fs::path &draft) {
+        return open_and_write(draft, O_CREAT | O_EXCL, bytes);
+    });
 }
 
 std::optional<std::string> read_open_file(const fs::path &file, int fd)
