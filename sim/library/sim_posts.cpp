@@ -10,6 +10,7 @@
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 // Sizes of the outputs until somebody says otherwise: the TV output, two streams, the storage.
@@ -30,29 +31,38 @@ static bool sim_vanishing[SIM_POSTS];
 
 // ---- What the files say -------------------------------------------------------------------------
 
-static int sim_make_size_file(const char *path, std::uint32_t post)
+// Writes the file of a post, whole or not at all. `put`, link or rename, gives the draft its place.
+static int sim_write_size(std::uint32_t post, const char *size,
+                          int (*put)(const char *draft, const char *path))
 {
-    const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd == -1)
-        return errno == EEXIST ? 0 : sim_fail_system(path);
-    const char *size = sim_default_sizes[post];
-    const ssize_t length = static_cast<ssize_t>(strlen(size));
-    errno = ENOSPC; // what a short write means
-    const bool whole = write(fd, size, strlen(size)) == length;
-    if (!whole) {
-        sim_fail_system(path);
-        unlink(path);
-    }
-    close(fd);
-    return whole ? 0 : sim_fail(SIM_ERROR_SYSTEM);
+    char path[SIM_PATH_SIZE];
+    char draft[SIM_PATH_SIZE];
+    sim_get_path(path, "post%u", post);
+    sim_get_path(draft, "post%u.new", post);
+    const int fd = open(draft, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd != -1)
+        errno = ENOSPC; // what a short write means
+    const auto length = static_cast<ssize_t>(strlen(size));
+    const bool done = fd != -1 && write(fd, size, strlen(size)) == length && put(draft, path) == 0;
+    const int error = errno;
+    if (fd != -1)
+        close(fd);
+    unlink(draft);
+    errno = error;
+    return done ? 0 : sim_fail_system(path);
 }
 
+// Gives each post without a file one; nobody else's is replaced.
 static int sim_make_size_files()
 {
+    const auto put = [](const char *draft, const char *path) {
+        return link(draft, path) == 0 || errno == EEXIST ? 0 : -1;
+    };
     for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
         char path[SIM_PATH_SIZE];
         sim_get_path(path, "post%u", post);
-        if (sim_make_size_file(path, post) != 0)
+        struct stat there;
+        if (lstat(path, &there) != 0 && sim_write_size(post, sim_default_sizes[post], put) != 0)
             return -1;
     }
     return 0;
@@ -164,24 +174,6 @@ static void sim_drain_events()
         continue;
 }
 
-// Writes "closed" into the file of a post, whole or not at all.
-static void sim_write_closed(std::uint32_t post)
-{
-    char path[SIM_PATH_SIZE];
-    char draft[SIM_PATH_SIZE];
-    sim_get_path(path, "post%u", post);
-    sim_get_path(draft, "post%u.new", post);
-    const int fd = open(draft, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd != -1)
-        errno = ENOSPC; // what a short write means
-    if (fd == -1 || write(fd, "closed\n", 7) != 7 || rename(draft, path) != 0) {
-        sim_fail_system(draft);
-        unlink(draft);
-    }
-    if (fd != -1)
-        close(fd);
-}
-
 static void sim_follow_vanishing(std::uint32_t number)
 {
     sim_lock();
@@ -189,7 +181,7 @@ static void sim_follow_vanishing(std::uint32_t number)
     sim_unlock();
     if (!vanishing)
         return;
-    sim_write_closed(number);
+    sim_write_size(number, "closed\n", rename);
     if (sim->post[number].res_id != 0)
         sim_close_post(number);
     sim_lock();
