@@ -15,13 +15,13 @@ void sim_get_folder(char *path)
         snprintf(path, SIM_PATH_SIZE, "/tmp/qm5sim-%u", static_cast<unsigned>(getuid()));
 }
 
-// Reads digits up to 65535 and passes over them; 0 for anything else.
+// Reads digits up to SIM_LONGEST and passes over them; 0 for anything else.
 static std::uint32_t sim_parse_length(const char **text)
 {
     std::uint32_t length = 0;
     for (; **text >= '0' && **text <= '9'; ++*text) {
         length = length * 10 + static_cast<std::uint32_t>(**text - '0');
-        if (length > 65535)
+        if (length > SIM_LONGEST)
             return 0;
     }
     return length;

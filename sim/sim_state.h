@@ -85,6 +85,9 @@ void sim_get_folder(char *path);
 // The largest OSD in bytes, as 8192 by 8192 pixels of 8 bits; a larger one is refused.
 constexpr std::size_t SIM_LARGEST_OSD = std::size_t{64} << 20;
 
+// The largest width or height of a post or an OSD.
+constexpr std::uint32_t SIM_LONGEST = 65535;
+
 // Only the user looks into a state folder.
 constexpr unsigned SIM_FOLDER_MODE = 0700;
 
@@ -105,5 +108,5 @@ std::uint32_t sim_hash(const char *settings, std::size_t settings_size, const ch
                        std::size_t faults_size);
 
 // Reads "WIDTHxHEIGHT" or "closed", which is a size of 0 by 0. False for anything else; a size is
-// 1 to 65535 each way.
+// 1 to SIM_LONGEST each way.
 bool sim_parse_size(const char *text, std::uint32_t *width, std::uint32_t *height);

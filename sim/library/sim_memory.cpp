@@ -134,12 +134,27 @@ void sim_forget_osds()
     sim_end();
 }
 
+// Can a library of this version have written it?
+static bool sim_is_sound()
+{
+    if (sim->magic != SIM_MAGIC || sim->version != SIM_VERSION)
+        return false;
+    for (const sim_post &post : sim->post) {
+        const std::uint32_t id = post.res_id - SIM_FIRST_RES_ID;
+        if (post.res_id != 0 && (id == 0 || id > sim->last_id))
+            return false;
+        if (post.width > SIM_LONGEST || post.height > SIM_LONGEST)
+            return false;
+    }
+    return true;
+}
+
 // A state that another process left behind, perhaps within a change, keeps its post threads; their
 // OSDs went with it.
 static void sim_take_over_state()
 {
     sim_begin();
-    if (sim->magic != SIM_MAGIC || sim->version != SIM_VERSION) {
+    if (!sim_is_sound()) {
         const std::uint32_t sequence = sim->sequence;
         *sim = {};
         sim->magic = SIM_MAGIC;
@@ -163,12 +178,12 @@ static int sim_make_folder()
     return 0;
 }
 
-// The state file, locked; -1 with errno.
+// The state file, locked; -1 with errno, after saying why.
 static int sim_lock_state(const char *path)
 {
     const int fd = sim_open_file(path);
     if (fd == -1)
-        return -1;
+        return sim_fail_system(path);
     // A tool that looks whether somebody has it holds it for a moment.
     int result = flock(fd, LOCK_EX | LOCK_NB);
     for (int i = 0; i < 20 && result != 0 && errno == EWOULDBLOCK; i++) {
@@ -176,10 +191,12 @@ static int sim_lock_state(const char *path)
         result = flock(fd, LOCK_EX | LOCK_NB);
     }
     if (result != 0) {
-        const int error = errno == EWOULDBLOCK ? EBUSY : errno;
+        if (errno == EWOULDBLOCK)
+            fprintf(stderr, "qm5sim: %s: another process has the device open\n", path);
+        else
+            sim_fail_system(path);
         close(fd);
-        errno = error;
-        return -1;
+        return sim_fail(SIM_ERROR_SYSTEM);
     }
     return fd;
 }
@@ -192,7 +209,7 @@ int sim_map_state()
     sim_get_path(path, "state");
     const int fd = sim_lock_state(path);
     if (fd == -1)
-        return sim_fail_system(path);
+        return -1;
     void *map = sim_map_file(fd, sizeof(sim_state));
     if (map == MAP_FAILED) {
         sim_fail_system(path);

@@ -323,7 +323,7 @@ TEST_F(CodecLibrary, device_is_open_in_one_process_at_a_time)
     testing::internal::CaptureStderr();
     EXPECT_TRUE(failed(lib_.library_init(), 0x81E00003));
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "qm5sim: /tmp/codec/state: Device or resource busy\n");
+              "qm5sim: /tmp/codec/state: another process has the device open\n");
     close(other);
     EXPECT_EQ(lib_.library_init(), 0);
     EXPECT_EQ(lib_.library_exit(), 0);
