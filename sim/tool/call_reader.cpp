@@ -171,11 +171,6 @@ void Calls::fail(std::uint64_t number, const std::string &why) const
 namespace
 {
 
-constexpr std::uint32_t LONGEST = 65535; // a width or height
-
-// No real video is larger, and every pixel of a picture takes memory.
-constexpr std::uint64_t LARGEST_PICTURE = std::uint64_t{8192} * 8192;
-
 // An OSD, and where what it shows is kept.
 struct RebuiltOsd {
     sim_osd record{};
@@ -278,7 +273,7 @@ void Rebuilt::take_size(std::uint64_t number, const sim_call_record &call)
 {
     const std::uint32_t width = call.given[0];
     const std::uint32_t height = call.given[1];
-    if (width == 0 || height == 0 || width > LONGEST || height > LONGEST)
+    if (width == 0 || height == 0 || width > SIM_LONGEST || height > SIM_LONGEST)
         calls_.fail(number, "a post of " + size_text(width, height) + " pixels");
     RebuiltThread &thread = threads_[call.argument[0]];
     thread.width = width;
@@ -292,7 +287,7 @@ void Rebuilt::open_osd(std::uint64_t number, const sim_call_record &call)
         calls_.fail(number, "there is no OSD " + std::to_string(osd));
     if (color_type > 2)
         calls_.fail(number, "there is no colour type " + std::to_string(color_type));
-    if (width > LONGEST || height > LONGEST)
+    if (width > SIM_LONGEST || height > SIM_LONGEST)
         calls_.fail(number, "an OSD of " + size_text(width, height) + " pixels");
     RebuiltOsd opened;
     opened.record.handle = call.given[0];
@@ -394,7 +389,7 @@ sim_reader::Post rebuild_post(const fs::path &record, std::uint64_t last, unsign
     const RebuiltThread &thread = rebuilt.thread(post.res_id);
     if (thread.width == 0)
         fail("its size isn't known");
-    if (std::uint64_t{thread.width} * thread.height > LARGEST_PICTURE)
+    if (std::uint64_t{thread.width} * thread.height > sim_reader::LARGEST_PICTURE)
         fail("a picture of " + size_text(thread.width, thread.height) + " pixels is too large");
     post.width = thread.width;
     post.height = thread.height;

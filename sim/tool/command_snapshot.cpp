@@ -91,21 +91,24 @@ std::string osd_name(const Arguments &arguments)
 sim_reader::Post read_running_post(const Context &context, const Arguments &arguments)
 {
     sim_reader::Post post = sim_reader::read_post(context.folder, arguments.post);
-    if (post.res_id == 0)
+    // It has no size in what a server has left in the middle of an opening.
+    if (post.res_id == 0 || post.width == 0 || post.height == 0)
         fail(post_name(arguments), "it has no post thread");
     return post;
+}
+
+std::string size_text(unsigned width, unsigned height)
+{
+    return std::to_string(width) + 'x' + std::to_string(height);
 }
 
 // Fails unless the PNG file has the size of what `name` names.
 void require_size(const sim_reader::PngFile &png, const std::string &file, unsigned width,
                   unsigned height, const std::string &name)
 {
-    const auto size = [](unsigned w, unsigned h) {
-        return std::to_string(w) + 'x' + std::to_string(h);
-    };
     if (png.width() != width || png.height() != height)
-        fail(file,
-             size(png.width(), png.height()) + ", but " + name + " is " + size(width, height));
+        fail(file, size_text(png.width(), png.height()) + ", but " + name + " is " +
+                       size_text(width, height));
 }
 
 sim_reader::Picture background(const Arguments &arguments, const sim_reader::Post &post)
@@ -121,6 +124,9 @@ sim_reader::Picture compose(const Context &context, const Arguments &arguments)
 {
     const sim_reader::Guides guides = parse_guides(arguments);
     const sim_reader::Post post = read_running_post(context, arguments);
+    if (std::uint64_t{post.width} * post.height > sim_reader::LARGEST_PICTURE)
+        fail(post_name(arguments),
+             "a picture of " + size_text(post.width, post.height) + " pixels is too large");
     sim_reader::Picture picture = background(arguments, post);
     sim_reader::lay_over(picture, post, sim_reader::read_palette(context.folder));
     if (arguments.guides)

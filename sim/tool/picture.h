@@ -16,6 +16,9 @@ struct Picture {
     std::vector<std::uint8_t> rgb;
 };
 
+// In pixels. No real video is larger, and every pixel of a picture takes memory.
+constexpr std::uint64_t LARGEST_PICTURE = std::uint64_t{8192} * 8192;
+
 // One OSD by itself.
 struct IndexedPicture {
     unsigned width = 0;

@@ -29,7 +29,7 @@ constexpr std::chrono::milliseconds PACE{5};
 
 int open_state(const fs::path &path)
 {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK); // no FIFO holds it up
     if (fd == -1)
         fail(path, std::strerror(errno));
     return fd;
@@ -76,33 +76,55 @@ private:
     const sim_state *state_ = nullptr;
 };
 
-// What `take` makes of a state that no change came across.
+// What `take` makes of a state that no change came across. One that its process has left in the
+// middle of a change, for it was killed, is taken as it stands.
 template <typename Take>
 auto take_still(const fs::path &folder, Take take)
 {
     const StateMap map(folder / "state");
     for (int attempt = 0; attempt < ATTEMPTS; attempt++) {
         const std::uint32_t before = map.sequence();
-        if (before % 2 == 0) {
+        const auto is_changing = [&] { return before % 2 != 0 && is_device_open(folder); };
+        if (!is_changing()) {
             auto taken = take(map.get());
             __atomic_thread_fence(__ATOMIC_ACQUIRE);
-            if (map.sequence() == before)
+            if (map.sequence() == before && !is_changing())
                 return taken;
         }
         std::this_thread::sleep_for(PACE);
     }
-    fail(folder / "state", "left in the middle of a change");
+    fail(folder / "state", "its process stays in the middle of a change");
+}
+
+// A file that nobody but the library has written passes.
+void check_size(const fs::path &folder, unsigned post, std::uint32_t width, std::uint32_t height)
+{
+    if (width > SIM_LONGEST || height > SIM_LONGEST)
+        fail(folder / "state", "damaged: the size of post " + std::to_string(post));
+}
+
+void check_osd(const fs::path &folder, unsigned post, unsigned number, const sim_osd &osd)
+{
+    if (osd.color_type > 2 || std::uint64_t{osd.line_bytes} * osd.height > SIM_LARGEST_OSD)
+        fail(folder / "state",
+             "damaged: OSD " + std::to_string(number) + " of post " + std::to_string(post));
 }
 
 } // namespace
 
 sim_state read_state(const fs::path &folder)
 {
-    return take_still(folder, [](const sim_state &state) {
+    const sim_state state = take_still(folder, [](const sim_state &mapped) {
         sim_state copy;
-        std::memcpy(&copy, &state, sizeof copy);
+        std::memcpy(&copy, &mapped, sizeof copy);
         return copy;
     });
+    for (unsigned i = 0; i < SIM_POSTS; i++) {
+        check_size(folder, i, state.post[i].width, state.post[i].height);
+        for (unsigned j = 0; j < SIM_OSDS; j++)
+            check_osd(folder, i, j, state.post[i].osd[j]);
+    }
+    return state;
 }
 
 bool is_device_open(const fs::path &folder)
@@ -173,8 +195,10 @@ Post read_post(const fs::path &folder, unsigned number)
 {
     Post post = take_still(
         folder, [&](const sim_state &state) { return copy_post(folder, state, number); });
+    check_size(folder, number, post.width, post.height);
     for (unsigned i = 0; i < SIM_OSDS; i++) {
         const Osd &osd = post.osd[i];
+        check_osd(folder, number, i, osd.record);
         if (osd.record.shown != 0 && osd.pixels.size() < memory_size(osd.record))
             fail(pixel_file(folder, number, i), "not all pixels of the OSD are there");
     }

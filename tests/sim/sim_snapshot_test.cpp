@@ -3,10 +3,13 @@
 #include "support/files.h"
 
 #include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <png.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 namespace
 {
@@ -224,6 +227,21 @@ TEST_F(SimSnapshot, later_osd_covers_an_earlier_one_and_clear_pixels_cover_nothi
             color = over(color, sim_reader::palette()[1]);
         return color;
     });
+}
+
+TEST_F(SimSnapshot, post_that_no_video_has_is_refused)
+{
+    codec_.open_post(0, 65535, 65535);
+    codec_.open_post(1, 8193, 8192);
+    codec_.open_post(2, 640, 0); // as a server leaves it that was killed while it opened
+    codec_.save();
+    const auto expect = [](const char *post, const std::string &why) {
+        expect_failure({"snapshot", post, out("x.png")}, 1,
+                       std::string("qm5sim: post ") + post + ": " + why + '\n');
+    };
+    expect("0", "a picture of 65535x65535 pixels is too large");
+    expect("1", "a picture of 8193x8192 pixels is too large");
+    expect("2", "it has no post thread");
 }
 
 TEST_F(SimSnapshot, background_of_another_size_is_refused)
@@ -606,7 +624,14 @@ TEST_F(SimSnapshot, state_that_cannot_be_read_is_told)
     codec_.state.version--;
     codec_.state.sequence |= 1;
     codec_.save();
-    expect_failure(words, 1, "qm5sim: /tmp/codec/state: left in the middle of a change\n");
+    const int device = open(codec_.state_file().c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(flock(device, LOCK_EX | LOCK_NB), 0);
+    expect_failure(words, 1,
+                   "qm5sim: /tmp/codec/state: its process stays in the middle of a change\n");
+    close(device); // and with it the lock: the process has gone
+    support::write_file(codec_.pixel_file(0, 0), std::string(64, '\0'));
+    expect_silent_success(words);
+    fs::remove(out("x.png"));
     support::write_file(codec_.state_file(), "cut");
     expect_failure(words, 1, "qm5sim: /tmp/codec/state: no state of a simulated codec\n");
     EXPECT_EQ(out_files(), std::vector<std::string>{});
