@@ -2,8 +2,8 @@
 #include "commands.h"
 
 #include "control_files.h"
+#include "fault_list.h"
 
-#include <algorithm>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
@@ -17,7 +17,6 @@ namespace
 {
 
 namespace fs = std::filesystem;
-using control_files::Fault;
 
 constexpr const char *WORDS =
     "OPERATION  library_init, open_device, notify_callback, set_notify, thread_get_status,\n"
@@ -33,35 +32,15 @@ constexpr const char *WORDS =
     "           late MS       notify: the callback is called so much later\n"
     "post N     for this post's calls alone\n";
 
-void wait_until_in_force(const Context &context)
-{
-    control_files::wait_until_in_force(context.folder, "fault");
-}
-
 // ---- List ---------------------------------------------------------------------------------------
-
-sim_fault_count find_count(const std::optional<sim_state> &state, std::uint32_t id)
-{
-    if (state) {
-        for (const sim_fault_count &count : state->fault) {
-            if (count.id == id)
-                return count;
-        }
-    }
-    return {id, 0, 0};
-}
 
 void list_faults(const Context &context)
 {
-    const fs::path file = context.folder / "faults";
-    const fs::path settings = context.folder / "settings";
-    const bool on =
-        control_files::parse_settings(settings, control_files::read(settings)).faults != 0;
-    const std::optional<sim_state> state = control_files::read_state(context.folder);
-    for (const Fault &fault : control_files::parse_faults(file, control_files::read(file))) {
-        const sim_fault_count count = find_count(state, fault.fault.id);
-        std::cout << fault.line << ": met " << count.met << ", happened " << count.happened
-                  << (on ? "\n" : ", switched off\n");
+    const fault_list::List list =
+        fault_list::read(context.folder, control_files::read_state(context.folder));
+    for (const fault_list::Entry &fault : list.faults) {
+        std::cout << fault.line << ": met " << fault.met << ", happened " << fault.happened
+                  << (list.on ? "\n" : ", switched off\n");
     }
 }
 
@@ -81,67 +60,28 @@ std::string read_words(const Words &words)
     for (const std::string &word : words.more)
         line += ' ' + word;
     line = control_files::join_words(line);
-    sim_fault fault;
-    if (const char *why = sim_parse_fault(("1 " + line).c_str(), &fault))
+    if (const char *why = fault_list::refusal_of(line))
         throw CLI::ValidationError(line, why);
     return line;
 }
 
-// An ID that neither the file nor the state knows: under one that has been counted already, a
-// fault that is to happen once might never do so.
-std::uint32_t next_id(const fs::path &folder, const std::string &text)
-{
-    std::uint32_t last = 0;
-    for (const Fault &fault : control_files::parse_faults(folder / "faults", text))
-        last = std::max(last, fault.fault.id);
-    if (const std::optional<sim_state> state = control_files::read_state(folder)) {
-        for (const sim_fault_count &count : state->fault)
-            last = std::max(last, count.id);
-    }
-    return last + 1;
-}
-
 void add_line(const Context &context, const std::string &words)
 {
-    std::uint32_t id = 0;
-    control_files::change_faults(context.folder, [&](const std::string &text) {
-        id = next_id(context.folder, text);
-        const bool open_end = !text.empty() && text.back() != '\n';
-        return text + (open_end ? "\n" : "") + std::to_string(id) + ' ' + words + '\n';
-    });
-    std::cout << id << '\n';
-    wait_until_in_force(context);
-}
-
-// The text without the line of a fault.
-std::string remove_line(const fs::path &file, const std::string &text, std::uint32_t id)
-{
-    const std::vector<Fault> faults = control_files::parse_faults(file, text);
-    const auto found = std::find_if(faults.begin(), faults.end(),
-                                    [id](const Fault &fault) { return fault.fault.id == id; });
-    if (found == faults.end())
-        throw std::runtime_error("fault " + std::to_string(id) + ": there is none");
-    std::string rest;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        if (control_files::join_words(line) != found->line)
-            rest += line + '\n';
-    }
-    return rest;
+    std::cout << fault_list::add(context.folder, words) << '\n';
+    fault_list::wait_until_in_force(context.folder);
 }
 
 void remove_fault(const Context &context, std::uint32_t id)
 {
-    control_files::change_faults(context.folder, [&](const std::string &text) {
-        return remove_line(context.folder / "faults", text, id);
-    });
-    wait_until_in_force(context);
+    if (!fault_list::remove(context.folder, id))
+        throw std::runtime_error("fault " + std::to_string(id) + ": there is none");
+    fault_list::wait_until_in_force(context.folder);
 }
 
 void clear_faults(const Context &context)
 {
-    control_files::change_faults(context.folder, [](const std::string &) { return ""; });
-    wait_until_in_force(context);
+    fault_list::clear(context.folder);
+    fault_list::wait_until_in_force(context.folder);
 }
 
 void load_faults(const Context &context, const fs::path &file)
@@ -151,7 +91,7 @@ void load_faults(const Context &context, const fs::path &file)
     const std::string text = control_files::read(file);
     control_files::parse_faults(file, text);
     control_files::change_faults(context.folder, [&text](const std::string &) { return text; });
-    wait_until_in_force(context);
+    fault_list::wait_until_in_force(context.folder);
 }
 
 void switch_faults(const Context &context, const char *setting)
@@ -159,7 +99,7 @@ void switch_faults(const Context &context, const char *setting)
     control_files::change_settings(context.folder, [setting](const std::string &text) {
         return control_files::replace_setting(text, setting);
     });
-    wait_until_in_force(context);
+    fault_list::wait_until_in_force(context.folder);
 }
 
 // ---- Command line -------------------------------------------------------------------------------

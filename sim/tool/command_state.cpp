@@ -3,11 +3,11 @@
 
 #include "file_io.h"
 #include "sim_reader.h"
+#include "state_json.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -20,11 +20,6 @@ namespace
 struct Arguments {
     bool json = false;
 };
-
-std::uint64_t memory_size(const sim_osd &osd)
-{
-    return std::uint64_t{osd.line_bytes} * osd.height;
-}
 
 // ---- For people ---------------------------------------------------------------------------------
 
@@ -82,7 +77,7 @@ Row osd_row(unsigned post, unsigned number, const sim_osd &osd)
             format_pair(osd.width, 'x', osd.height),
             std::to_string(osd.line_bytes),
             std::to_string(sim_reader::pixels_per_line(osd)),
-            std::to_string(memory_size(osd)),
+            std::to_string(sim_reader::bytes_of_memory(osd)),
             osd.shown != 0 ? "yes" : "no",
             format_pair(osd.x, ',', osd.y),
             std::to_string(osd.sets)};
@@ -115,41 +110,12 @@ std::string format_text(const sim_state &state, bool device_open)
 
 // ---- For programs -------------------------------------------------------------------------------
 
-typedef nlohmann::ordered_json Json;
-
-Json make_osd(unsigned number, const sim_osd &osd)
-{
-    return {{"number", number},
-            {"handle", osd.handle},
-            {"bits_per_pixel", sim_reader::bits_per_pixel(osd)},
-            {"width", osd.width},
-            {"height", osd.height},
-            {"line_bytes", osd.line_bytes},
-            {"line_pixels", sim_reader::pixels_per_line(osd)},
-            {"memory_bytes", memory_size(osd)},
-            {"shown", osd.shown != 0},
-            {"x", osd.x},
-            {"y", osd.y},
-            {"sets", osd.sets}};
-}
-
-Json make_post(unsigned number, const sim_post &post)
-{
-    Json osds = Json::array();
-    for (unsigned i = 0; i < SIM_OSDS; i++) {
-        if (post.osd[i].handle != 0)
-            osds.push_back(make_osd(i, post.osd[i]));
-    }
-    return {{"number", number},    {"open", post.res_id != 0}, {"resource_id", post.res_id},
-            {"width", post.width}, {"height", post.height},    {"osds", osds}};
-}
-
 std::string format_json(const sim_state &state, bool device_open)
 {
-    Json posts = Json::array();
+    nlohmann::ordered_json posts = nlohmann::ordered_json::array();
     for (unsigned i = 0; i < SIM_POSTS; i++)
-        posts.push_back(make_post(i, state.post[i]));
-    const Json all = {{"device_open", device_open}, {"posts", posts}};
+        posts.push_back(state_json::describe_post(i, state.post[i]));
+    const nlohmann::ordered_json all = {{"device_open", device_open}, {"posts", posts}};
     return all.dump(2) + '\n';
 }
 

@@ -91,6 +91,13 @@ std::optional<Entry> parse_entry(std::string_view line)
     return take_word(line).empty() ? std::optional(entry) : std::nullopt;
 }
 
+fs::path palette_file(const fs::path &folder)
+{
+    return folder / "palette";
+}
+
+} // namespace
+
 Palette parse_palette(const fs::path &file, std::string_view text)
 {
     Palette all = palette();
@@ -110,13 +117,6 @@ Palette parse_palette(const fs::path &file, std::string_view text)
     return all;
 }
 
-fs::path palette_file(const fs::path &folder)
-{
-    return folder / "palette";
-}
-
-} // namespace
-
 Palette read_palette(const fs::path &folder)
 {
     const fs::path file = palette_file(folder);
@@ -128,8 +128,18 @@ void load_palette(const fs::path &folder, const fs::path &file)
 {
     const std::string text = read_file(file);
     parse_palette(file, text);
+    store_palette(folder, text);
+}
+
+void store_palette(const fs::path &folder, std::string_view text)
+{
     make_folder(folder);
     write_file(palette_file(folder), text);
+}
+
+bool has_palette(const fs::path &folder)
+{
+    return fs::exists(palette_file(folder));
 }
 
 void remove_palette(const fs::path &folder)

@@ -33,6 +33,15 @@ Palette read_palette(const std::filesystem::path &folder);
 // Puts a palette file into force, or changes nothing if it is bad.
 void load_palette(const std::filesystem::path &folder, const std::filesystem::path &file);
 
+// The colours that the text of a palette file says; `name` stands for FILE.
+Palette parse_palette(const std::filesystem::path &name, std::string_view text);
+
+// Puts a text that is known to be good into force.
+void store_palette(const std::filesystem::path &folder, std::string_view text);
+
+// Is it another than the built-in one?
+bool has_palette(const std::filesystem::path &folder);
+
 // Puts the built-in palette into force.
 void remove_palette(const std::filesystem::path &folder);
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <utility>
 
 namespace sim_reader
 {
@@ -30,30 +31,35 @@ png_image begin_image(unsigned width, unsigned height, png_uint_32 format)
     return image;
 }
 
-void write_image(png_image &image, const fs::path &file, const std::uint8_t *pixels,
-                 const Color *colors)
+std::string encode_image(png_image &image, const fs::path &name, const std::uint8_t *pixels,
+                         const Color *colors)
 {
     png_alloc_size_t size = PNG_IMAGE_PNG_SIZE_MAX(image);
     std::string bytes(size, '\0');
     if (!png_image_write_to_memory(&image, bytes.data(), &size, 0, pixels, 0, colors))
-        fail(file, image.message);
+        fail(name, image.message);
     bytes.resize(size);
-    write_file(file, bytes);
+    return bytes;
 }
 
 } // namespace
 
-void write_png(const Picture &picture, const fs::path &file)
+std::string encode_png(const Picture &picture, const fs::path &name)
 {
     png_image image = begin_image(picture.width, picture.height, PNG_FORMAT_RGB);
-    write_image(image, file, picture.rgb.data(), nullptr);
+    return encode_image(image, name, picture.rgb.data(), nullptr);
+}
+
+void write_png(const Picture &picture, const fs::path &file)
+{
+    write_file(file, encode_png(picture, file));
 }
 
 void write_png(const IndexedPicture &picture, const fs::path &file)
 {
     png_image image = begin_image(picture.width, picture.height, PNG_FORMAT_RGBA_COLORMAP);
     image.colormap_entries = 1u << picture.bits; // from which libpng takes the depth
-    write_image(image, file, picture.indices.data(), picture.colors.data());
+    write_file(file, encode_image(image, file, picture.indices.data(), picture.colors.data()));
 }
 
 // ---- Reading ------------------------------------------------------------------------------------
@@ -67,7 +73,11 @@ constexpr std::size_t COLOR_TYPE_AT = 25;
 
 } // namespace
 
-PngFile::PngFile(const fs::path &file) : file_(file), bytes_(read_file(file))
+PngFile::PngFile(const fs::path &file) : PngFile(file, read_file(file))
+{
+}
+
+PngFile::PngFile(const fs::path &name, std::string bytes) : file_(name), bytes_(std::move(bytes))
 {
     image_.version = PNG_IMAGE_VERSION;
     if (!png_image_begin_read_from_memory(&image_, bytes_.data(), bytes_.size()))

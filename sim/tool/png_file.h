@@ -10,6 +10,9 @@
 namespace sim_reader
 {
 
+// The bytes of a PNG file; `name` begins the text of a failure.
+std::string encode_png(const Picture &picture, const std::filesystem::path &name);
+
 // Writes the file whole or not at all.
 void write_png(const Picture &picture, const std::filesystem::path &file);
 
@@ -22,6 +25,9 @@ class PngFile
 {
 public:
     explicit PngFile(const std::filesystem::path &file);
+
+    // The same from its bytes; `name` begins the text of a failure.
+    PngFile(const std::filesystem::path &name, std::string bytes);
     PngFile(const PngFile &) = delete;
     PngFile &operator=(const PngFile &) = delete;
     ~PngFile();

@@ -153,14 +153,9 @@ fs::path pixel_file(const fs::path &folder, unsigned post, unsigned osd)
     return folder / ("post" + std::to_string(post) + "-osd" + std::to_string(osd));
 }
 
-std::size_t memory_size(const sim_osd &osd)
-{
-    return std::size_t{osd.line_bytes} * osd.height;
-}
-
 // Up to `size` bytes; no more is taken than the file has, for a size that was read across a change
 // can be anything.
-std::vector<std::uint8_t> read_pixels(const fs::path &path, std::size_t size)
+std::vector<std::uint8_t> read_pixels(const fs::path &path, std::uint64_t size)
 {
     std::error_code error;
     const std::uintmax_t there = fs::file_size(path, error);
@@ -169,6 +164,15 @@ std::vector<std::uint8_t> read_pixels(const fs::path &path, std::size_t size)
     file.read(reinterpret_cast<char *>(pixels.data()), static_cast<std::streamsize>(pixels.size()));
     pixels.resize(static_cast<std::size_t>(file.gcount()));
     return pixels;
+}
+
+Osd copy_osd(const fs::path &folder, const sim_osd &record, unsigned post, unsigned number)
+{
+    Osd osd;
+    std::memcpy(&osd.record, &record, sizeof record);
+    if (osd.record.shown != 0)
+        osd.pixels = read_pixels(pixel_file(folder, post, number), bytes_of_memory(osd.record));
+    return osd;
 }
 
 Post copy_post(const fs::path &folder, const sim_state &state, unsigned number)
@@ -180,13 +184,16 @@ Post copy_post(const fs::path &folder, const sim_state &state, unsigned number)
     post.res_id = record.res_id;
     post.width = record.width;
     post.height = record.height;
-    for (unsigned i = 0; i < SIM_OSDS; i++) {
-        const sim_osd &osd = record.osd[i];
-        post.osd[i].record = osd;
-        if (osd.shown != 0)
-            post.osd[i].pixels = read_pixels(pixel_file(folder, number, i), memory_size(osd));
-    }
+    for (unsigned i = 0; i < SIM_OSDS; i++)
+        post.osd[i] = copy_osd(folder, record.osd[i], number, i);
     return post;
+}
+
+void require_whole(const fs::path &folder, const Osd &osd, unsigned post, unsigned number)
+{
+    check_osd(folder, post, number, osd.record);
+    if (osd.record.shown != 0 && osd.pixels.size() < bytes_of_memory(osd.record))
+        fail(pixel_file(folder, post, number), "not all pixels of the OSD are there");
 }
 
 } // namespace
@@ -196,13 +203,18 @@ Post read_post(const fs::path &folder, unsigned number)
     Post post = take_still(
         folder, [&](const sim_state &state) { return copy_post(folder, state, number); });
     check_size(folder, number, post.width, post.height);
-    for (unsigned i = 0; i < SIM_OSDS; i++) {
-        const Osd &osd = post.osd[i];
-        check_osd(folder, number, i, osd.record);
-        if (osd.record.shown != 0 && osd.pixels.size() < memory_size(osd.record))
-            fail(pixel_file(folder, number, i), "not all pixels of the OSD are there");
-    }
+    for (unsigned i = 0; i < SIM_OSDS; i++)
+        require_whole(folder, post.osd[i], number, i);
     return post;
+}
+
+Osd read_osd(const fs::path &folder, unsigned post, unsigned number)
+{
+    Osd osd = take_still(folder, [&](const sim_state &state) {
+        return copy_osd(folder, state.post[post].osd[number], post, number);
+    });
+    require_whole(folder, osd, post, number);
+    return osd;
 }
 
 unsigned bits_per_pixel(const sim_osd &osd)
@@ -213,6 +225,11 @@ unsigned bits_per_pixel(const sim_osd &osd)
 unsigned pixels_per_line(const sim_osd &osd)
 {
     return osd.line_bytes * 8 / bits_per_pixel(osd);
+}
+
+std::uint64_t bytes_of_memory(const sim_osd &osd)
+{
+    return std::uint64_t{osd.line_bytes} * osd.height;
 }
 
 unsigned Osd::width_of_line() const

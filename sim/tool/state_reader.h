@@ -26,6 +26,7 @@ struct Osd {
 
 unsigned bits_per_pixel(const sim_osd &osd);
 unsigned pixels_per_line(const sim_osd &osd);
+std::uint64_t bytes_of_memory(const sim_osd &osd);
 
 struct Post {
     std::uint32_t res_id = 0; // 0: no post thread
@@ -40,6 +41,9 @@ sim_state read_state(const std::filesystem::path &folder);
 
 // A post with the pixels of its OSDs.
 Post read_post(const std::filesystem::path &folder, unsigned number);
+
+// One OSD of a post, with its pixels. Throws as read_post does.
+Osd read_osd(const std::filesystem::path &folder, unsigned post, unsigned number);
 
 // Does a process have the device open now? Throws std::runtime_error if the folder holds no state.
 bool is_device_open(const std::filesystem::path &folder);

@@ -1,0 +1,124 @@
+#include "fault_list.h"
+
+#include "control_files.h"
+
+#include <algorithm>
+#include <sstream>
+
+namespace fault_list
+{
+
+namespace fs = std::filesystem;
+using control_files::Fault;
+
+// ---- List ---------------------------------------------------------------------------------------
+
+namespace
+{
+
+sim_fault_count find_count(const std::optional<sim_state> &state, std::uint32_t id)
+{
+    if (state) {
+        for (const sim_fault_count &count : state->fault) {
+            if (count.id == id)
+                return count;
+        }
+    }
+    return {id, 0, 0};
+}
+
+} // namespace
+
+List read(const fs::path &folder, const std::optional<sim_state> &state)
+{
+    const fs::path file = folder / "faults";
+    const fs::path settings = folder / "settings";
+    List list;
+    list.on = control_files::parse_settings(settings, control_files::read(settings)).faults != 0;
+    for (const Fault &fault : control_files::parse_faults(file, control_files::read(file))) {
+        const sim_fault_count count = find_count(state, fault.fault.id);
+        list.faults.push_back({fault.fault.id, fault.line, count.met, count.happened});
+    }
+    return list;
+}
+
+// ---- Change -------------------------------------------------------------------------------------
+
+namespace
+{
+
+// An ID that neither the file nor the state knows: under one that has been counted already, a
+// fault that is to happen once might never do so.
+std::uint32_t next_id(const fs::path &folder, const std::string &text)
+{
+    std::uint32_t last = 0;
+    for (const Fault &fault : control_files::parse_faults(folder / "faults", text))
+        last = std::max(last, fault.fault.id);
+    if (const std::optional<sim_state> state = control_files::read_state(folder)) {
+        for (const sim_fault_count &count : state->fault)
+            last = std::max(last, count.id);
+    }
+    return last + 1;
+}
+
+// The text without the line of a fault; none if it has no such line.
+std::optional<std::string> remove_line(const fs::path &file, const std::string &text,
+                                       std::uint32_t id)
+{
+    const std::vector<Fault> faults = control_files::parse_faults(file, text);
+    const auto found = std::find_if(faults.begin(), faults.end(),
+                                    [id](const Fault &fault) { return fault.fault.id == id; });
+    if (found == faults.end())
+        return std::nullopt;
+    std::string rest;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        if (control_files::join_words(line) != found->line)
+            rest += line + '\n';
+    }
+    return rest;
+}
+
+} // namespace
+
+const char *refusal_of(const std::string &words)
+{
+    if (words.find('\0') != std::string::npos)
+        return "no text";
+    sim_fault fault;
+    return sim_parse_fault(("1 " + words).c_str(), &fault);
+}
+
+std::uint32_t add(const fs::path &folder, const std::string &words)
+{
+    std::uint32_t id = 0;
+    control_files::change_faults(folder, [&](const std::string &text) {
+        id = next_id(folder, text);
+        const bool open_end = !text.empty() && text.back() != '\n';
+        return text + (open_end ? "\n" : "") + std::to_string(id) + ' ' + words + '\n';
+    });
+    return id;
+}
+
+bool remove(const fs::path &folder, std::uint32_t id)
+{
+    bool found = false;
+    control_files::change_faults(folder, [&](const std::string &text) {
+        const std::optional<std::string> rest = remove_line(folder / "faults", text, id);
+        found = rest.has_value();
+        return rest.value_or(text);
+    });
+    return found;
+}
+
+void clear(const fs::path &folder)
+{
+    control_files::change_faults(folder, [](const std::string &) { return ""; });
+}
+
+void wait_until_in_force(const fs::path &folder)
+{
+    control_files::wait_until_in_force(folder, "fault");
+}
+
+} // namespace fault_list
