@@ -6,12 +6,6 @@
 
 // ---- Rows ---------------------------------------------------------------------------------------
 
-enum osd_value_kind : std::uint8_t {
-    OSD_VALUE_NUMBER, // decimal, from 0 to `limit`
-    OSD_VALUE_STRING, // any text of at most `limit` bytes, or none
-    OSD_VALUE_PATH,   // any text that isn't empty
-};
-
 struct osd_param_row {
     const char
         *key; // the first X stands for the digit of the post, the first Y for the rectangle's
@@ -157,8 +151,17 @@ consteval std::array<const char *, OSD_PARAMS> osd_fill_defaults()
     return all;
 }
 
+consteval std::array<osd_value_range, OSD_PARAMS> osd_fill_ranges()
+{
+    std::array<osd_value_range, OSD_PARAMS> all = {};
+    for (std::size_t i = 0; i < OSD_PARAMS; i++)
+        all[i] = {osd_catalogue[i].kind, osd_catalogue[i].limit};
+    return all;
+}
+
 constexpr std::array<option, OSD_PARAMS + 1> osd_option_table = osd_fill_options();
 constexpr std::array<const char *, OSD_PARAMS> osd_default_values = osd_fill_defaults();
+constexpr std::array<osd_value_range, OSD_PARAMS> osd_value_ranges = osd_fill_ranges();
 
 // ---- Defaults -----------------------------------------------------------------------------------
 

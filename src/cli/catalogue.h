@@ -25,6 +25,20 @@ extern const std::array<option, OSD_PARAMS + 1> osd_option_table;
 // Their default texts, row by row.
 extern const std::array<const char *, OSD_PARAMS> osd_default_values;
 
+// What their values may be, row by row.
+enum osd_value_kind : std::uint8_t {
+    OSD_VALUE_NUMBER, // decimal, from 0 to `limit`
+    OSD_VALUE_STRING, // any text of at most `limit` bytes, or none
+    OSD_VALUE_PATH,   // any text that isn't empty
+};
+
+struct osd_value_range {
+    osd_value_kind kind;
+    std::uint32_t limit;
+};
+
+extern const std::array<osd_value_range, OSD_PARAMS> osd_value_ranges;
+
 // A new section "osd" with all pairs in order, the empty defaults as empty texts; NULL after a
 // report without memory. The caller frees it. It would not pass osd_check_section, for the default
 // of OsdFontFile is empty.
