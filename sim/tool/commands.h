@@ -35,6 +35,9 @@ void add_state(CLI::App &app, Context &context);
 // `add_others` adds the commands that a scenario may use.
 void add_play(CLI::App &app, Context &context, void (*add_others)(CLI::App &, Context &));
 
+// For a process that does nothing else; not for scenarios.
+void add_serve(CLI::App &app, Context &context);
+
 // Adds the number of a post as a command's next word.
 void add_post_number(CLI::App *command, unsigned &post);
 

@@ -41,6 +41,7 @@ int main(int argc, char **argv)
         ->capture_default_str();
     add_commands(app, context);
     commands::add_play(app, context, add_commands);
+    commands::add_serve(app, context);
     try {
         app.parse(argc, argv);
         context.action();

@@ -1,0 +1,141 @@
+#include "application.h"
+
+#include "file_io.h"
+#include "quoting.h"
+#include "server/channel.h"
+#include "state_reader.h"
+
+#include <algorithm>
+#include <array>
+#include <poll.h>
+#include <system_error>
+
+namespace live
+{
+
+namespace fs = std::filesystem;
+
+namespace
+{
+
+constexpr std::chrono::seconds PATIENCE{30};
+constexpr std::chrono::milliseconds PACE{100};
+
+struct Function {
+    const char *name;
+    bool takes_parameters;
+    bool takes_log; // it may start a server
+};
+
+constexpr std::array<Function, 5> FUNCTIONS = {{
+    {"start", true, true},
+    {"restart", true, true},
+    {"update", true, false},
+    {"stop", false, false},
+    {"status", false, false},
+}};
+
+const Function *find_function(const std::string &name)
+{
+    const auto *found = std::find_if(FUNCTIONS.begin(), FUNCTIONS.end(),
+                                     [&name](const Function &row) { return row.name == name; });
+    return found == FUNCTIONS.end() ? nullptr : found;
+}
+
+bool is_readable(int fd)
+{
+    pollfd wanted = {fd, POLLIN, 0};
+    return poll(&wanted, 1, 0) == 1;
+}
+
+// A client's turn among those of this process; none if the process is to end.
+std::unique_lock<std::timed_mutex> wait_for_turn(std::timed_mutex &mutex, int stop)
+{
+    std::unique_lock turn(mutex, std::defer_lock);
+    while (!is_readable(stop) && !turn.try_lock_for(PACE))
+        continue;
+    return turn;
+}
+
+// The end of a log, as much of it as of a stream.
+std::string read_tail(const fs::path &log)
+{
+    const std::string text = sim_reader::read_file_if_there(log).value_or("");
+    return text.substr(text.size() - std::min(text.size(), MAX_OUTPUT));
+}
+
+} // namespace
+
+Application::Application(std::string program, fs::path folder, fs::path log, int stop)
+    : program_(std::move(program)), folder_(std::move(folder)), log_(std::move(log)), stop_(stop)
+{
+}
+
+bool Application::is_function(const std::string &function)
+{
+    return find_function(function) != nullptr;
+}
+
+bool Application::takes_parameters(const std::string &function)
+{
+    const Function *found = find_function(function);
+    return found && found->takes_parameters;
+}
+
+std::optional<Done> Application::run(const std::vector<std::string> &words)
+{
+    const std::optional<Finished> finished = run_child(words, "", PATIENCE, stop_);
+    if (!finished)
+        return std::nullopt;
+    return Done{quote_words(words), *finished};
+}
+
+std::optional<Done> Application::run(const Task &task)
+{
+    const auto turn = wait_for_turn(one_at_a_time_, stop_);
+    if (!turn.owns_lock())
+        return std::nullopt;
+    std::vector<std::string> words = {program_, task.function};
+    const bool logs = find_function(task.function)->takes_log;
+    if (logs)
+        words.insert(words.end(), {"-l", log_.string()});
+    if (task.file) {
+        const fs::path file = folder_ / "page.conf";
+        sim_reader::make_folder(folder_);
+        sim_reader::write_file(file, *task.file);
+        words.insert(words.end(), {"-f", file.string()});
+    }
+    for (const auto &[key, value] : task.parameters)
+        words.push_back("--" + key + '=' + value);
+    std::optional<Done> done = run(words);
+    // With -l the client's own words stand in the log.
+    if (done && logs && done->finished.status != 0 && done->finished.error.empty())
+        done->finished.error = read_tail(log_);
+    return done;
+}
+
+std::optional<Application::Saved> Application::save()
+{
+    const auto turn = wait_for_turn(one_at_a_time_, stop_);
+    if (!turn.owns_lock())
+        return std::nullopt;
+    const fs::path file = folder_ / "saved.conf";
+    sim_reader::make_folder(folder_);
+    const std::optional<Done> done = run({program_, "save", "-f", file.string()});
+    if (!done)
+        return std::nullopt;
+    const Finished &finished = done->finished;
+    Saved saved;
+    saved.good = finished.status == 0 && !finished.signal;
+    saved.text = saved.good ? sim_reader::read_file(file) : finished.error;
+    std::error_code none;
+    fs::remove(file, none);
+    return saved;
+}
+
+bool is_server_running()
+{
+    return osd_server_is_running();
+}
+
+} // namespace live

@@ -1,0 +1,186 @@
+// What the page changes in the simulated codec: posts, faults, settings, clock, palette, frames.
+#include "routes.h"
+
+#include "control_files.h"
+#include "fault_list.h"
+#include "quoting.h"
+#include "sim_reader.h"
+#include "time_zone_block.h"
+
+#include <utility>
+
+namespace live
+{
+
+namespace
+{
+
+typedef std::vector<std::string> Words;
+
+// Answers with the command that does the same, once the change can be seen.
+void send_command(Call &call, const Words &words, Json answer = Json::object())
+{
+    Words all = {"qm5sim"};
+    all.insert(all.end(), words.begin(), words.end());
+    answer["command"] = quote_words(all);
+    call.site.watcher.look();
+    send_json(call, answer);
+}
+
+// ---- Posts --------------------------------------------------------------------------------------
+
+void change_post(Call &call)
+{
+    const unsigned post = post_of(call);
+    const std::string size = text_of(read_object(call), "size");
+    std::uint32_t width = 0;
+    std::uint32_t height = 0;
+    if (!sim_parse_size(size.c_str(), &width, &height))
+        throw ApiError(400, size + ": neither WIDTHxHEIGHT nor closed");
+    const bool was_closed =
+        sim_reader::read_wanted_size(call.site.folder, post).value_or("closed") == "closed";
+    sim_reader::write_size(call.site.folder, post, width, height);
+    Words words = {"post", std::to_string(post)};
+    if (width == 0)
+        words.push_back("close");
+    else
+        words.insert(words.end(), {was_closed ? "open" : "resize", size});
+    send_command(call, words);
+}
+
+void change_frame(Call &call)
+{
+    const unsigned post = post_of(call);
+    const std::optional<sim_state> state = control_files::read_state(call.site.folder);
+    if (!state || state->post[post].res_id == 0)
+        throw ApiError(409, "post " + std::to_string(post) + ": it has no post thread");
+    try {
+        call.site.frames.put(post, call.body, state->post[post].width, state->post[post].height);
+    } catch (const std::runtime_error &error) {
+        throw ApiError(400, error.what());
+    }
+    call.site.watcher.look();
+    send_json(call, Json::object());
+}
+
+void remove_frame(Call &call)
+{
+    call.site.frames.remove(post_of(call));
+    call.site.watcher.look();
+    send_json(call, Json::object());
+}
+
+// ---- Faults and settings ------------------------------------------------------------------------
+
+// The words of a line behind others.
+Words with_words(Words words, const std::string &line)
+{
+    for (std::size_t at = 0; at < line.size();) {
+        const std::size_t end = std::min(line.find(' ', at), line.size());
+        words.push_back(line.substr(at, end - at));
+        at = end + 1;
+    }
+    return words;
+}
+
+void add_fault(Call &call)
+{
+    const std::string line = control_files::join_words(text_of(read_object(call), "fault"));
+    if (const char *why = fault_list::refusal_of(line))
+        throw ApiError(400, line + ": " + why);
+    const std::uint32_t id = fault_list::add(call.site.folder, line);
+    fault_list::wait_until_in_force(call.site.folder);
+    send_command(call, with_words({"fault", "add"}, line), {{"id", id}});
+}
+
+void remove_fault(Call &call)
+{
+    const unsigned id = call.numbers.at(0);
+    if (!fault_list::remove(call.site.folder, id))
+        throw ApiError(404, "fault " + std::to_string(id) + ": there is none");
+    fault_list::wait_until_in_force(call.site.folder);
+    send_command(call, {"fault", "remove", std::to_string(id)});
+}
+
+void clear_faults(Call &call)
+{
+    fault_list::clear(call.site.folder);
+    fault_list::wait_until_in_force(call.site.folder);
+    send_command(call, {"fault", "clear"});
+}
+
+void change_setting(Call &call)
+{
+    const Json object = read_object(call);
+    const std::string line =
+        control_files::join_words(text_of(object, "name") + ' ' + text_of(object, "value"));
+    sim_settings settings = SIM_DEFAULT_SETTINGS;
+    if (const char *why = sim_parse_setting(line.c_str(), &settings))
+        throw ApiError(400, line + ": " + why);
+    control_files::change_settings(call.site.folder, [&line](const std::string &text) {
+        return control_files::replace_setting(text, line);
+    });
+    control_files::wait_until_in_force(call.site.folder, "setting");
+    send_command(call, with_words({"setting"}, line));
+}
+
+// ---- Clock and palette --------------------------------------------------------------------------
+
+void change_clock(Call &call)
+{
+    const std::string zone = text_of(read_object(call), "zone");
+    if (zone.size() > time_zone_block::MAX_TEXT)
+        throw ApiError(400, zone + ": longer than " + std::to_string(time_zone_block::MAX_TEXT) +
+                                " bytes");
+    time_zone_block::write(zone);
+    send_command(call, {"clock", zone});
+}
+
+void remove_clock(Call &call)
+{
+    try {
+        time_zone_block::read();
+    } catch (const std::runtime_error &error) {
+        throw ApiError(409, error.what());
+    }
+    time_zone_block::remove();
+    send_command(call, {"clock", "--remove"});
+}
+
+void change_palette(Call &call)
+{
+    try {
+        sim_reader::parse_palette("palette", call.body);
+    } catch (const std::runtime_error &error) {
+        throw ApiError(400, error.what());
+    }
+    sim_reader::store_palette(call.site.folder, call.body);
+    send_command(call, {"palette", "--load", (call.site.folder / "palette").string()});
+}
+
+void remove_palette(Call &call)
+{
+    sim_reader::remove_palette(call.site.folder);
+    send_command(call, {"palette", "--default"});
+}
+
+} // namespace
+
+std::vector<Route> changing_routes()
+{
+    return {
+        {"PUT", "/api/posts/*", LONGEST_TEXT, change_post},
+        {"PUT", "/api/posts/*/frame", LONGEST_FRAME, change_frame},
+        {"DELETE", "/api/posts/*/frame", NO_BODY, remove_frame},
+        {"POST", "/api/faults", LONGEST_TEXT, add_fault},
+        {"DELETE", "/api/faults", NO_BODY, clear_faults},
+        {"DELETE", "/api/faults/*", NO_BODY, remove_fault},
+        {"PUT", "/api/settings", LONGEST_TEXT, change_setting},
+        {"PUT", "/api/clock", LONGEST_TEXT, change_clock},
+        {"DELETE", "/api/clock", NO_BODY, remove_clock},
+        {"PUT", "/api/palette", LONGEST_TEXT, change_palette},
+        {"DELETE", "/api/palette", NO_BODY, remove_palette},
+    };
+}
+
+} // namespace live

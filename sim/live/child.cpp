@@ -1,0 +1,175 @@
+#include "child.h"
+
+#include "file_io.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <stdexcept>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace live
+{
+
+// ---- Files without a name -----------------------------------------------------------------------
+
+UnnamedFile::UnnamedFile(const std::string &text) : fd_(memfd_create("stream", MFD_CLOEXEC))
+{
+    if (fd_ == -1)
+        throw std::runtime_error(std::string("a file: ") + std::strerror(errno));
+    // Appended to, as several processes may write to it.
+    const bool written =
+        fcntl(fd_, F_SETFL, O_APPEND) == 0 &&
+        write(fd_, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+        lseek(fd_, 0, SEEK_SET) == 0;
+    if (!written) {
+        const int error = errno;
+        close(fd_);
+        throw std::runtime_error(std::string("a file: ") + std::strerror(error));
+    }
+}
+
+UnnamedFile::~UnnamedFile()
+{
+    close(fd_);
+}
+
+std::string UnnamedFile::text() const
+{
+    std::string text(MAX_OUTPUT, '\0');
+    std::size_t size = 0;
+    while (size < text.size()) {
+        const ssize_t length =
+            pread(fd_, &text[size], text.size() - size, static_cast<off_t>(size));
+        if (length <= 0)
+            break;
+        size += static_cast<std::size_t>(length);
+    }
+    text.resize(size);
+    return text;
+}
+
+// ---- The program --------------------------------------------------------------------------------
+
+namespace
+{
+
+// How a program begins: three files, the signals as any program expects them, a session of its own.
+class Setup
+{
+public:
+    // With nothing on its standard input for an `in` of -1.
+    Setup(int in, int out, int err)
+    {
+        sigset_t none;
+        sigset_t all;
+        sigemptyset(&none);
+        sigfillset(&all);
+        posix_spawnattr_init(&attributes_);
+        posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK |
+                                                   POSIX_SPAWN_SETSIGDEF);
+        posix_spawnattr_setsigmask(&attributes_, &none);
+        posix_spawnattr_setsigdefault(&attributes_, &all);
+        posix_spawn_file_actions_init(&files_);
+        if (in != -1)
+            posix_spawn_file_actions_adddup2(&files_, in, STDIN_FILENO);
+        else
+            posix_spawn_file_actions_addopen(&files_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_adddup2(&files_, out, STDOUT_FILENO);
+        posix_spawn_file_actions_adddup2(&files_, err, STDERR_FILENO);
+        posix_spawn_file_actions_addclosefrom_np(&files_, STDERR_FILENO + 1);
+    }
+    Setup(const Setup &) = delete;
+    Setup &operator=(const Setup &) = delete;
+    ~Setup()
+    {
+        posix_spawn_file_actions_destroy(&files_);
+        posix_spawnattr_destroy(&attributes_);
+    }
+
+    pid_t spawn(const std::vector<std::string> &words) const
+    {
+        std::vector<char *> pointers;
+        for (const std::string &word : words)
+            pointers.push_back(const_cast<char *>(word.c_str()));
+        pointers.push_back(nullptr);
+        pid_t pid = -1;
+        const int error =
+            posix_spawnp(&pid, pointers[0], &files_, &attributes_, pointers.data(), environ);
+        if (error != 0)
+            throw std::runtime_error(words.front() + ": " + std::strerror(error));
+        return pid;
+    }
+
+private:
+    posix_spawnattr_t attributes_{};
+    posix_spawn_file_actions_t files_{};
+};
+
+// A descriptor that becomes readable at the process's end. The C library's own function has no
+// declaration for C++ everywhere.
+int open_process(pid_t pid)
+{
+    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+}
+
+enum class Wait { ENDED, TOO_LONG, STOPPED };
+
+Wait wait_for(int process, std::chrono::milliseconds patience, int stop)
+{
+    const auto end = std::chrono::steady_clock::now() + patience;
+    for (;;) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        std::array<pollfd, 2> wanted = {{{process, POLLIN, 0}, {stop, POLLIN, 0}}};
+        const int count = poll(wanted.data(), wanted.size(),
+                               static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
+        if (wanted[0].revents != 0)
+            return Wait::ENDED;
+        if (wanted[1].revents != 0)
+            return Wait::STOPPED;
+        if (count == 0)
+            return Wait::TOO_LONG;
+    }
+}
+
+} // namespace
+
+std::optional<Finished> run_child(const std::vector<std::string> &words, const std::string &input,
+                                  std::chrono::milliseconds patience, int stop)
+{
+    const UnnamedFile in(input);
+    const UnnamedFile out;
+    const UnnamedFile err;
+    const pid_t pid = Setup(input.empty() ? -1 : in.get(), out.get(), err.get()).spawn(words);
+    const sim_reader::Descriptor process(open_process(pid));
+
+    Finished finished;
+    const Wait wait =
+        process.get() == -1 ? Wait::TOO_LONG : wait_for(process.get(), patience, stop);
+    if (wait == Wait::STOPPED)
+        return std::nullopt;
+    if (wait == Wait::TOO_LONG) {
+        finished.timeout = true;
+        kill(pid, SIGKILL);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (WIFSIGNALED(status))
+        finished.signal = WTERMSIG(status);
+    else
+        finished.status = WEXITSTATUS(status);
+    finished.output = out.text();
+    finished.error = err.text();
+    return finished;
+}
+
+} // namespace live

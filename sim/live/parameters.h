@@ -1,0 +1,29 @@
+// The application's parameters: what there are, what is in force, and whether a file of them is
+// good. The catalogue and the rules are the application's own.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <optional>
+#include <string>
+
+namespace live
+{
+
+// All parameters in their order, with what is in force while a server runs.
+nlohmann::ordered_json describe_parameters();
+
+// Where a parameter file says something else than what is in force, or the application's own words
+// for why it is no good. Nothing if the descriptor `stop` becomes readable first. Throws
+// std::runtime_error.
+std::optional<nlohmann::ordered_json> compare_parameters(const std::string &file, int stop);
+
+// Checks the parameter file on standard input by the application's own code: its values as a CBOR
+// map on standard output and 0, or its reports on standard error and 1. For a process that does
+// nothing else, as the reports go to the stream itself and their code is made for one thread.
+int check_parameters();
+
+// The words behind qm5sim that run it.
+constexpr const char *CHECK_PARAMETERS = "check-parameters";
+
+} // namespace live

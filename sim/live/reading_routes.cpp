@@ -1,0 +1,180 @@
+// What the page reads: state, pictures, parameters, calls and events.
+#include "routes.h"
+
+#include "event_stream.h"
+#include "parameters.h"
+#include "sim_reader.h"
+
+#include <charconv>
+#include <filesystem>
+#include <memory>
+
+namespace live
+{
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+// ---- State and pictures -------------------------------------------------------------------------
+
+void send_state(Call &call)
+{
+    call.response.set_content(call.site.watcher.look(), "application/json");
+}
+
+void require_state(const Call &call)
+{
+    if (!fs::exists(call.site.folder / "state"))
+        throw ApiError(409, "state: there is none yet");
+}
+
+void send_osd(Call &call)
+{
+    const unsigned post = post_of(call);
+    const unsigned number = osd_of(call);
+    require_state(call);
+    const sim_reader::Osd osd = sim_reader::read_osd(call.site.folder, post, number);
+    if (osd.record.handle == 0 || osd.record.shown == 0)
+        throw ApiError(404, "OSD " + std::to_string(number) + " of post " + std::to_string(post) +
+                                ": it is not shown");
+    const auto bytes = std::make_shared<std::string>();
+    bytes->reserve(std::size_t{osd.width_of_line()} * osd.record.height);
+    for (unsigned y = 0; y < osd.record.height; y++) {
+        const std::vector<std::uint8_t> line = osd.indices_of_line(y);
+        bytes->append(line.begin(), line.end());
+    }
+    call.response.set_header("X-Handle", std::to_string(osd.record.handle));
+    call.response.set_header("X-Sets", std::to_string(osd.record.sets));
+    send_bytes(call, bytes, "application/octet-stream");
+}
+
+void send_background(Call &call)
+{
+    const unsigned post = post_of(call);
+    require_state(call);
+    const sim_post record = sim_reader::read_state(call.site.folder).post[post];
+    if (record.res_id == 0)
+        throw ApiError(404, "post " + std::to_string(post) + ": it has no post thread");
+    send_bytes(call, call.site.frames.background(post, record.width, record.height), "image/png");
+}
+
+void send_palette(Call &call)
+{
+    Json colors = Json::array();
+    for (const sim_reader::Color &color : sim_reader::read_palette(call.site.folder))
+        colors.push_back({color.red, color.green, color.blue, color.alpha});
+    const bool is_default = !sim_reader::has_palette(call.site.folder);
+    send_json(call, {{"default", is_default}, {"colors", colors}});
+}
+
+// ---- Parameters ---------------------------------------------------------------------------------
+
+void send_parameters(Call &call)
+{
+    send_json(call, describe_parameters());
+}
+
+void send_parameter_file(Call &call)
+{
+    const std::optional<Application::Saved> saved = call.site.application.save();
+    if (!saved)
+        throw ApiError(409, "application: the server ends");
+    if (!saved->good)
+        throw ApiError(409, saved->text);
+    call.response.set_header("Content-Disposition", "attachment; filename=\"qm5_app_comm.conf\"");
+    call.response.set_content(saved->text, "text/plain; charset=utf-8");
+}
+
+// ---- Calls and events ---------------------------------------------------------------------------
+
+constexpr std::uint64_t LAST_CALLS = 200;
+constexpr std::uint64_t MOST_CALLS = 500;
+
+// A number of the query, 0 if it isn't there.
+std::uint64_t number_of(const Call &call, const char *name)
+{
+    if (!call.request.has_param(name))
+        return 0;
+    const std::string text = call.request.get_param_value(name);
+    std::uint64_t number = 0;
+    const char *const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, number);
+    if (error != std::errc{} || stop != end)
+        throw ApiError(400, std::string(name) + ": no number");
+    return number;
+}
+
+void send_calls(Call &call)
+{
+    std::uint64_t from = number_of(call, "from");
+    const RecordState record = call.site.hub.news().record;
+    Json calls = Json::array();
+    const std::uint64_t count = record.record ? record.record->count() : 0;
+    if (from == 0)
+        from = count - std::min(count, LAST_CALLS) + 1;
+    if (from <= count)
+        calls = record.record->describe(from, MOST_CALLS);
+    send_json(call, {{"calls", calls}});
+}
+
+constexpr int MOST_STREAMS = 32;
+
+// So often a stream looks whether its reader is still there.
+constexpr std::chrono::milliseconds LOOK{250};
+
+// One of the streams, as long as it lives.
+class Place
+{
+public:
+    explicit Place(Site &site) : site_(site)
+    {
+        if (++site_.streams <= MOST_STREAMS)
+            return;
+        site_.streams--;
+        throw ApiError(503, "events: " + std::to_string(MOST_STREAMS) + " streams are open");
+    }
+    Place(const Place &) = delete;
+    Place &operator=(const Place &) = delete;
+    ~Place()
+    {
+        site_.streams--;
+    }
+
+private:
+    Site &site_;
+};
+
+void send_events(Call &call)
+{
+    Site &site = call.site;
+    const auto place = std::make_shared<Place>(site);
+    const auto stream = std::make_shared<EventStream>(
+        site.hub, site.log, site.start, call.request.get_header_value("Last-Event-ID"));
+    call.response.set_content_provider(
+        "text/event-stream", [&site, place, stream](std::size_t, httplib::DataSink &sink) {
+            const std::string events = stream->next(LOOK);
+            if (site.hub.has_ended() || !sink.is_writable())
+                return false;
+            return events.empty() || sink.write(events.data(), events.size());
+        });
+}
+
+} // namespace
+
+std::vector<Route> reading_routes()
+{
+    return {
+        {"GET", "/api/state", NO_BODY, send_state},
+        {"GET", "/api/posts/*/osds/*", NO_BODY, send_osd},
+        {"GET", "/api/posts/*/background", NO_BODY, send_background},
+        {"GET", "/api/palette", NO_BODY, send_palette},
+        {"GET", "/api/parameters", NO_BODY, send_parameters},
+        {"GET", "/api/parameters/file", NO_BODY, send_parameter_file},
+        {"GET", "/api/calls", NO_BODY, send_calls},
+        {"GET", "/api/events", NO_BODY, send_events},
+    };
+}
+
+} // namespace live

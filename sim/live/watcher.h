@@ -1,0 +1,65 @@
+// Looks at the state folder again and again. The library's writes to its mapped files wake nobody,
+// so that there is no other way to learn of a new picture.
+#pragma once
+
+#include "event_hub.h"
+#include "frames.h"
+#include "log.h"
+#include "record.h"
+#include "state_file.h"
+#include "state_report.h"
+
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace live
+{
+
+class Watcher
+{
+public:
+    // Publishes what it finds, from now to its end.
+    Watcher(std::filesystem::path folder, std::filesystem::path log, const Frames &frames,
+            EventHub &hub);
+    Watcher(const Watcher &) = delete;
+    Watcher &operator=(const Watcher &) = delete;
+    ~Watcher();
+
+    // Looks at everything now, as after a change that this process has made: the state's JSON.
+    std::string look();
+
+private:
+    void run();
+    void look(bool at_everything);
+    bool look_at_state();
+    void note_sets(const sim_state &state);
+    void look_around();
+    void read_control();
+    void read_zone();
+    void look_at_palette();
+
+    const std::filesystem::path folder_;
+    const std::filesystem::path log_path_;
+    const Frames &frames_;
+    EventHub &hub_;
+
+    std::mutex mutex_; // of all below
+    std::condition_variable end_;
+    bool ending_ = false;
+    StateFile state_;
+    bool known_ = false;                    // is the state in the facts that of the file?
+    std::optional<std::uint32_t> sequence_; // and as of which change
+    bool first_look_ = true;
+    std::string palette_stamp_;
+    LogFollower log_;
+    Facts facts_;
+    RecordState record_;
+    LogState log_state_;
+    std::string report_;
+    std::thread thread_;
+};
+
+} // namespace live
