@@ -95,13 +95,13 @@ std::optional<Done> Application::run(const Task &task)
     const auto turn = wait_for_turn(one_at_a_time_, stop_);
     if (!turn.owns_lock())
         return std::nullopt;
+    sim_reader::make_folder(folder_); // for the log and the file
     std::vector<std::string> words = {program_, task.function};
     const bool logs = find_function(task.function)->takes_log;
     if (logs)
         words.insert(words.end(), {"-l", log_.string()});
     if (task.file) {
         const fs::path file = folder_ / "page.conf";
-        sim_reader::make_folder(folder_);
         sim_reader::write_file(file, *task.file);
         words.insert(words.end(), {"-f", file.string()});
     }
@@ -126,7 +126,7 @@ std::optional<Application::Saved> Application::save()
         return std::nullopt;
     const Finished &finished = done->finished;
     Saved saved;
-    saved.good = finished.status == 0 && !finished.signal;
+    saved.good = finished.status == 0;
     saved.text = saved.good ? sim_reader::read_file(file) : finished.error;
     std::error_code none;
     fs::remove(file, none);

@@ -68,7 +68,7 @@ void run_application(Call &call)
     call.site.watcher.look();
     const Finished &finished = done->finished;
     send_json(call, {{"command", done->command},
-                     {"status", finished.status},
+                     {"status", finished.status ? Json(*finished.status) : Json()},
                      {"signal", finished.signal ? Json(*finished.signal) : Json()},
                      {"timeout", finished.timeout},
                      {"output", finished.output},

@@ -12,7 +12,7 @@ namespace live
 
 // What a program that has ended gave.
 struct Finished {
-    int status = 0;            // its exit status, if no signal has ended it
+    std::optional<int> status; // its exit status, if no signal has ended it
     std::optional<int> signal; // that has ended it
     bool timeout = false;      // it was killed, for it took too long
     std::string output;        // the first MAX_OUTPUT bytes of each stream

@@ -100,19 +100,15 @@ Connection::~Connection()
 
 bool Connection::receive()
 {
-    std::array<char, 4096> part{};
-    for (;;) {
-        const ssize_t length = recv(fd, part.data(), part.size(), MSG_DONTWAIT);
-        if (length == 0)
-            return false;
-        if (length == -1)
-            return errno == EAGAIN || errno == EINTR;
-        if (draining)
-            continue;
+    std::array<char, LONGEST_HEAD> part{}; // more is for the next time
+    const ssize_t length = recv(fd, part.data(), part.size(), MSG_DONTWAIT);
+    if (length == 0)
+        return false;
+    if (length == -1)
+        return errno == EAGAIN || errno == EINTR;
+    if (!draining)
         input.append(part.data(), static_cast<std::size_t>(length));
-        if (input.size() > LONGEST_HEAD)
-            return true;
-    }
+    return true;
 }
 
 std::optional<Head> Connection::take_head()

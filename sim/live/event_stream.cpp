@@ -19,6 +19,9 @@ constexpr std::uint64_t CALLS_AT_ONCE = 200;
 constexpr std::size_t REPORTS_AT_ONCE = 64 * 1024;
 constexpr std::chrono::seconds HEARTBEAT{5};
 
+// Milliseconds after which a page that was cut off comes back.
+constexpr const char *RETRY = "retry: 1000\n";
+
 } // namespace
 
 EventStream::EventStream(const EventHub &hub, std::filesystem::path log, std::string start,
@@ -114,9 +117,11 @@ std::string EventStream::take_reports(const News &news)
         reports_.at = 0;
     reports_.begun = true;
     reports_.generation = log.generation;
+    // Nothing, if the log has been cut off since: the next news tell of a new one.
     const std::string text = read_log(log_, reports_.at, log.size, REPORTS_AT_ONCE);
-    // A log that has been cut off since is told as a new one by the next news.
-    reports_.at = text.empty() ? log.size : reports_.at + text.size();
+    if (text.empty() && !reset)
+        return "";
+    reports_.at += text.size();
     return make_event("reports", Json{{"reset", reset}, {"text", text}}.dump(
                                      -1, ' ', false, Json::error_handler_t::replace));
 }
@@ -125,10 +130,11 @@ std::string EventStream::next(std::chrono::milliseconds patience)
 {
     const News news = hub_.wait(number_, patience);
     const auto now = std::chrono::steady_clock::now();
-    std::string events = take_state(news);
+    std::string events = state_ ? "" : RETRY;
+    events += take_state(news);
     events += take_calls(news);
     events += take_reports(news);
-    if (calls_.at > news.record.count && reports_.at >= news.log.size)
+    if (events.empty()) // these news have no more to tell
         number_ = news.number;
     if (events.empty() && now - last_sent_ >= HEARTBEAT)
         events = ": \n\n";

@@ -42,7 +42,7 @@ private:
     const EventHub &hub_;
     std::filesystem::path log_;
     std::string start_;
-    std::uint64_t number_ = 0;                 // of the news that were sent completely
+    std::uint64_t number_ = 0;                 // of the news that have no more to tell
     std::shared_ptr<const std::string> state_; // that was sent
     Position calls_;
     Position reports_;

@@ -83,7 +83,9 @@ int listen_at(const std::string &name, unsigned port)
 void set_error(httplib::Response &response, int status, const std::string &why)
 {
     response.status = status;
-    response.set_content(nlohmann::json{{"error", why}}.dump(), "application/json");
+    using Json = nlohmann::json;
+    response.set_content(Json{{"error", why}}.dump(-1, ' ', false, Json::error_handler_t::replace),
+                         "application/json");
 }
 
 } // namespace
@@ -107,7 +109,6 @@ void HttpServer::set_up(httplib::Headers headers)
 {
     set_default_headers(std::move(headers));
     set_payload_max_length(LONGEST_BODY);
-    set_keep_alive_timeout(IDLE_TIME.count());
     svr_sock_ = listener_; // else httplib takes the server for one that ends
     set_pre_routing_handler([this](const httplib::Request &request, httplib::Response &response) {
         return route(request, response);
@@ -142,8 +143,8 @@ void HttpServer::set_up(httplib::Headers headers)
         const bool is_stream = response.get_header_value("Content-Type") == "text/event-stream";
         if (is_stream)
             own_stream->answer_for_ever();
+        response.headers.erase("Keep-Alive"); // it tells what httplib would do
         if (is_stream || !own_stream->is_read()) {
-            response.headers.erase("Keep-Alive");
             response.headers.erase("Connection");
             response.set_header("Connection", "close");
         }

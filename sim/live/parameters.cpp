@@ -135,10 +135,10 @@ std::optional<Json> compare_parameters(const std::string &file, int stop)
     if (!checked)
         return std::nullopt;
     Json differences = Json::array();
-    if (checked->status != 0)
+    if (checked->status == 1)
         return Json{{"differences", differences}, {"error", checked->error}};
     const Json pairs = Json::from_cbor(checked->output, true, false); // which keeps every byte
-    if (checked->signal || checked->timeout || !pairs.is_object())
+    if (checked->status != 0 || !pairs.is_object())
         throw std::runtime_error("parameter file: it can't be checked");
     const std::optional<Values> values = read_values_in_force();
     for (const auto &[key, value] : pairs.items()) {

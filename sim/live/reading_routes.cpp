@@ -24,18 +24,25 @@ void send_state(Call &call)
     call.response.set_content(call.site.watcher.look(), "application/json");
 }
 
-void require_state(const Call &call)
+// What `read` makes of the state, if there is one that stands still.
+template <typename Read>
+auto read_now(const Call &call, Read read)
 {
     if (!fs::exists(call.site.folder / "state"))
         throw ApiError(409, "state: there is none yet");
+    try {
+        return read();
+    } catch (const std::runtime_error &error) {
+        throw ApiError(409, error.what());
+    }
 }
 
 void send_osd(Call &call)
 {
     const unsigned post = post_of(call);
     const unsigned number = osd_of(call);
-    require_state(call);
-    const sim_reader::Osd osd = sim_reader::read_osd(call.site.folder, post, number);
+    const sim_reader::Osd osd =
+        read_now(call, [&] { return sim_reader::read_osd(call.site.folder, post, number); });
     if (osd.record.handle == 0 || osd.record.shown == 0)
         throw ApiError(404, "OSD " + std::to_string(number) + " of post " + std::to_string(post) +
                                 ": it is not shown");
@@ -53,8 +60,8 @@ void send_osd(Call &call)
 void send_background(Call &call)
 {
     const unsigned post = post_of(call);
-    require_state(call);
-    const sim_post record = sim_reader::read_state(call.site.folder).post[post];
+    const sim_post record =
+        read_now(call, [&] { return sim_reader::read_state(call.site.folder).post[post]; });
     if (record.res_id == 0)
         throw ApiError(404, "post " + std::to_string(post) + ": it has no post thread");
     send_bytes(call, call.site.frames.background(post, record.width, record.height), "image/png");

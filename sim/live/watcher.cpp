@@ -55,7 +55,15 @@ void Watcher::run()
 {
     std::unique_lock lock(mutex_);
     for (unsigned i = 1; !end_.wait_for(lock, PACE, [this] { return ending_; }); i++)
-        look(i % LOOKS_BETWEEN == 0);
+        try_to_look(i % LOOKS_BETWEEN == 0);
+}
+
+void Watcher::try_to_look(bool at_everything)
+{
+    try {
+        look(at_everything);
+    } catch (const std::exception &) { // no memory or descriptors; there may be some next time
+    }
 }
 
 std::string Watcher::look()

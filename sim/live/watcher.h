@@ -33,6 +33,7 @@ public:
 
 private:
     void run();
+    void try_to_look(bool at_everything);
     void look(bool at_everything);
     bool look_at_state();
     void note_sets(const sim_state &state);
