@@ -38,7 +38,7 @@ void change_post(Call &call)
     if (!sim_parse_size(size.c_str(), &width, &height))
         throw ApiError(400, size + ": neither WIDTHxHEIGHT nor closed");
     const bool was_closed =
-        sim_reader::read_wanted_size(call.site.folder, post).value_or("closed") == "closed";
+        sim_reader::read_size(call.site.folder, post).value_or(sim_reader::Size{}).width == 0;
     sim_reader::write_size(call.site.folder, post, width, height);
     Words words = {"post", std::to_string(post)};
     if (width == 0)

@@ -134,7 +134,8 @@ void Watcher::look_around()
     }
     facts_.running = is_server_running();
     for (unsigned i = 0; i < SIM_POSTS; i++) {
-        facts_.wanted[i] = sim_reader::read_wanted_size(folder_, i);
+        const std::optional<sim_reader::Size> wanted = sim_reader::read_size(folder_, i);
+        facts_.wanted[i] = wanted ? std::optional(sim_reader::format_size(*wanted)) : std::nullopt;
         facts_.background[i] = frames_.version(i);
     }
     read_control();
