@@ -89,7 +89,7 @@ Action read_command(const Words &words, Context &context, AddCommands add_comman
         return command->check_name(words.front());
     };
     if (app.get_subcommands(is_meant).empty())
-        throw CLI::ValidationError(words.front(), "no command");
+        throw CLI::ValidationError(scenario::excerpt(words.front()), "no command");
     app.parse(Words(words.rbegin(), words.rend()));
     return std::exchange(context.action, nullptr);
 }

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -18,9 +19,23 @@ namespace
 
 typedef std::vector<std::string> Words;
 
+constexpr std::size_t LONGEST_LINE = 4096;
+
 bool is_blank(char c)
 {
     return c == ' ' || c == '\t' || c == '\r';
+}
+
+// A line that no person has written would be told as it stands, whatever it does to a terminal.
+void require_text(const std::string &line)
+{
+    const auto is_control = [](char c) {
+        return (c >= 0 && c < ' ' && !is_blank(c)) || c == '\x7F';
+    };
+    if (line.size() > LONGEST_LINE)
+        throw CLI::ValidationError("longer than " + std::to_string(LONGEST_LINE) + " bytes");
+    if (std::any_of(line.begin(), line.end(), is_control))
+        throw CLI::ValidationError("no text");
 }
 
 Words split(const std::string &line)
@@ -58,11 +73,11 @@ double take_seconds(Words &words, double before)
     words.erase(words.begin());
     const std::optional<double> seconds = read_decimal(text);
     if (!seconds)
-        throw CLI::ValidationError(text, "no decimal number of seconds");
+        throw CLI::ValidationError(excerpt(text), "no decimal number of seconds");
     if (*seconds < before)
-        throw CLI::ValidationError(text, "earlier than the line before");
+        throw CLI::ValidationError(excerpt(text), "earlier than the line before");
     if (words.empty())
-        throw CLI::ValidationError(text, "nothing to do");
+        throw CLI::ValidationError(excerpt(text), "nothing to do");
     return *seconds;
 }
 
@@ -85,6 +100,12 @@ std::optional<double> read_decimal(std::string_view text)
     return number;
 }
 
+std::string excerpt(const std::string &word)
+{
+    constexpr std::size_t longest = 40;
+    return word.size() <= longest ? word : word.substr(0, longest) + "...";
+}
+
 void read(const std::string &file, const std::function<void(const Line &)> &take)
 {
     std::ifstream in(file);
@@ -95,6 +116,7 @@ void read(const std::string &file, const std::function<void(const Line &)> &take
     for (std::string text; std::getline(in, text);) {
         const std::string place = file + ':' + std::to_string(++number);
         try {
+            require_text(text);
             Words words = split(text);
             if (words.empty())
                 continue;

@@ -250,6 +250,10 @@ TEST_F(SimPlay, whole_file_is_checked_before_anything_is_done)
     expect_refused("1 post 0", "subcommand: it is required");
     expect_refused("1 post 0 close now", "now: it was not expected");
     expect_refused("1 snapshot 0 x.png --help", "--help: it was not expected");
+    const std::string forty(40, '1');
+    expect_refused(forty + "x run true", forty + "...: no decimal number of seconds");
+    expect_refused("1 " + std::string(4095, 'x'), "longer than 4096 bytes");
+    expect_refused("1 run printf \x1B[2J", "no text");
     const std::string zone(64, 'z');
     expect_refused("1 clock " + zone, zone + ": longer than 63 bytes");
 }
