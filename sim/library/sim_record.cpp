@@ -30,16 +30,21 @@ static void sim_fail_record(const char *what)
     fprintf(stderr, "qm5sim: record: %s: %s\n", what, strerror(errno));
 }
 
+// A new file, or -1 after saying why there is none.
 static int sim_open_record_file(const char *folder, const char *name)
 {
     char path[4096];
     const int length = snprintf(path, sizeof path, "%s/%s", folder, name);
     if (length < 0 || static_cast<std::size_t>(length) >= sizeof path) {
         errno = ENAMETOOLONG;
+        sim_fail_record(folder);
         return -1;
     }
     unlink(path); // a reader may still have the one before
-    return open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    const int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd == -1)
+        sim_fail_record(path);
+    return fd;
 }
 
 static bool sim_make_head()
@@ -75,13 +80,15 @@ void sim_record_start(const char *folder)
     pthread_mutex_lock(&sim_record_mutex);
     memset(sim_last, 0, sizeof sim_last);
     sim_data_fd = sim_open_record_file(folder, "calls.data");
-    sim_calls_fd = sim_open_record_file(folder, "calls");
-    if (sim_data_fd != -1 && sim_calls_fd != -1 && sim_make_head()) {
-        sim_recording = true;
-    } else {
-        sim_fail_record(folder);
-        sim_close_record();
+    if (sim_data_fd != -1)
+        sim_calls_fd = sim_open_record_file(folder, "calls");
+    if (sim_calls_fd != -1) {
+        sim_recording = sim_make_head();
+        if (!sim_recording)
+            sim_fail_record(folder);
     }
+    if (!sim_recording)
+        sim_close_record();
     pthread_mutex_unlock(&sim_record_mutex);
 }
 

@@ -188,6 +188,17 @@ TEST_F(Record, is_not_made_unless_asked_for)
     EXPECT_FALSE(fs::exists(DATA));
 }
 
+TEST_F(Record, that_cannot_be_begun_is_told_and_the_calls_go_on)
+{
+    write_file(std::string(STATE) + "/settings", "record 1\n");
+    fs::create_directory(CALLS);
+    testing::internal::CaptureStderr();
+    bring_up_with_posts();
+    take_down();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "qm5sim: record: /tmp/codec/calls: File exists\n");
+}
+
 TEST_F(Record, ends_on_a_full_disk_and_the_calls_go_on)
 {
     ASSERT_EQ(mount("none", STATE, "tmpfs", 0, "size=64k"), 0);
