@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -41,20 +42,12 @@ class StateMap
 public:
     explicit StateMap(const fs::path &path)
     {
-        const int fd = open_state(path);
-        struct stat status = {};
-        const bool whole = fstat(fd, &status) == 0 &&
-                           static_cast<std::size_t>(status.st_size) >= sizeof(sim_state);
-        void *map =
-            whole ? mmap(nullptr, sizeof(sim_state), PROT_READ, MAP_SHARED, fd, 0) : MAP_FAILED;
-        close(fd);
+        const Descriptor file(open_state(path));
+        check(path, file.get());
+        void *map = mmap(nullptr, sizeof(sim_state), PROT_READ, MAP_SHARED, file.get(), 0);
         if (map == MAP_FAILED)
-            fail(path, "no state of a simulated codec");
+            fail(path, std::strerror(errno));
         state_ = static_cast<const sim_state *>(map);
-        if (state_->magic != SIM_MAGIC || state_->version != SIM_VERSION) {
-            munmap(map, sizeof(sim_state));
-            fail(path, "no state of a simulated codec, or of another version");
-        }
     }
     StateMap(const StateMap &) = delete;
     StateMap &operator=(const StateMap &) = delete;
@@ -73,6 +66,21 @@ public:
     }
 
 private:
+    // The head is read before anything is mapped: behind one that has never been written, for the
+    // disk was full, there may be no memory.
+    static void check(const fs::path &path, int fd)
+    {
+        struct stat status = {};
+        if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) ||
+            static_cast<std::size_t>(status.st_size) < sizeof(sim_state))
+            fail(path, "no state of a simulated codec");
+        std::uint32_t head[2] = {};
+        static_assert(offsetof(sim_state, magic) == 0 && offsetof(sim_state, version) == 4);
+        if (pread(fd, head, sizeof head, 0) != sizeof head || head[0] != SIM_MAGIC ||
+            head[1] != SIM_VERSION)
+            fail(path, "no state of a simulated codec, or of another version");
+    }
+
     const sim_state *state_ = nullptr;
 };
 
