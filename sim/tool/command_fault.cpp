@@ -3,6 +3,7 @@
 
 #include "control_files.h"
 #include "fault_list.h"
+#include "file_io.h"
 
 #include <iostream>
 #include <memory>
@@ -86,7 +87,7 @@ void clear_faults(const Context &context)
 
 void load_faults(const Context &context, const fs::path &file)
 {
-    if (!fs::exists(file))
+    if (!sim_reader::is_there(file))
         throw std::runtime_error(file.string() + ": there is no such file");
     const std::string text = control_files::read(file);
     control_files::parse_faults(file, text);

@@ -114,6 +114,12 @@ void fail(const fs::path &what, const std::string &why)
     throw std::runtime_error(what.string() + ": " + why);
 }
 
+bool is_there(const fs::path &file)
+{
+    std::error_code unknown;
+    return fs::exists(file, unknown) || unknown;
+}
+
 std::optional<std::string> read_file_if_there(const fs::path &file)
 {
     const Descriptor in(open(file.c_str(), O_RDONLY | O_CLOEXEC));

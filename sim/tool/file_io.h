@@ -31,6 +31,9 @@ private:
 
 [[noreturn]] void fail(const std::filesystem::path &what, const std::string &why);
 
+// Is there such a file? Also if something keeps from looking, which the opening tells then.
+bool is_there(const std::filesystem::path &file);
+
 std::string read_file(const std::filesystem::path &file);
 
 // The same; nothing if there is no such file.
