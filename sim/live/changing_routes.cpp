@@ -72,6 +72,18 @@ void remove_frame(Call &call)
 
 // ---- Faults and settings ------------------------------------------------------------------------
 
+// Makes a change of a control file and waits until it is in force. That can't be done while the
+// file makes no sense or is full, or a server that hangs has the device open.
+template <typename Change>
+auto change_control(Change change)
+{
+    try {
+        return change();
+    } catch (const std::runtime_error &error) {
+        throw ApiError(409, error.what());
+    }
+}
+
 // The words of a line behind others.
 Words with_words(Words words, const std::string &line)
 {
@@ -88,24 +100,33 @@ void add_fault(Call &call)
     const std::string line = control_files::join_words(text_of(read_object(call), "fault"));
     if (const char *why = fault_list::refusal_of(line))
         throw ApiError(400, line + ": " + why);
-    const std::uint32_t id = fault_list::add(call.site.folder, line);
-    fault_list::wait_until_in_force(call.site.folder);
+    const std::uint32_t id = change_control([&] {
+        const std::uint32_t added = fault_list::add(call.site.folder, line);
+        fault_list::wait_until_in_force(call.site.folder);
+        return added;
+    });
     send_command(call, with_words({"fault", "add"}, line), {{"id", id}});
 }
 
 void remove_fault(Call &call)
 {
     const unsigned id = call.numbers.at(0);
-    if (!fault_list::remove(call.site.folder, id))
+    const bool found = change_control([&] {
+        const bool removed = fault_list::remove(call.site.folder, id);
+        fault_list::wait_until_in_force(call.site.folder);
+        return removed;
+    });
+    if (!found)
         throw ApiError(404, "fault " + std::to_string(id) + ": there is none");
-    fault_list::wait_until_in_force(call.site.folder);
     send_command(call, {"fault", "remove", std::to_string(id)});
 }
 
 void clear_faults(Call &call)
 {
-    fault_list::clear(call.site.folder);
-    fault_list::wait_until_in_force(call.site.folder);
+    change_control([&] {
+        fault_list::clear(call.site.folder);
+        fault_list::wait_until_in_force(call.site.folder);
+    });
     send_command(call, {"fault", "clear"});
 }
 
@@ -117,10 +138,12 @@ void change_setting(Call &call)
     sim_settings settings = SIM_DEFAULT_SETTINGS;
     if (const char *why = sim_parse_setting(line.c_str(), &settings))
         throw ApiError(400, line + ": " + why);
-    control_files::change_settings(call.site.folder, [&line](const std::string &text) {
-        return control_files::replace_setting(text, line);
+    change_control([&] {
+        control_files::change_settings(call.site.folder, [&line](const std::string &text) {
+            return control_files::replace_setting(text, line);
+        });
+        control_files::wait_until_in_force(call.site.folder, "setting");
     });
-    control_files::wait_until_in_force(call.site.folder, "setting");
     send_command(call, with_words({"setting"}, line));
 }
 

@@ -54,8 +54,12 @@ bool is_left_out(std::string_view name)
     return equal_without_case(name, "Range") || equal_without_case(name, "Accept-Encoding");
 }
 
+// Reads what stands behind the name of a header: a colon, and a number.
 std::optional<std::uint64_t> read_length(std::string_view text)
 {
+    if (text.empty())
+        return std::nullopt;
+    text = trim(text.substr(1));
     std::uint64_t length = 0;
     const char *const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, length);
@@ -78,7 +82,7 @@ Head read_head(std::string_view text)
         if (!first && equal_without_case(name, "Transfer-Encoding"))
             return refuse(411, "request: its length isn't told");
         if (!first && equal_without_case(name, "Content-Length")) {
-            const auto length = read_length(trim(line.substr(name.size() + 1)));
+            const auto length = read_length(line.substr(name.size()));
             if (!length || has_length)
                 return refuse(400, "request: its length makes no sense");
             has_length = true;

@@ -161,7 +161,8 @@ std::string request_text(const std::string &method, const std::string &path,
 
 Event EventReader::next()
 {
-    for (;;) {
+    const auto end_of_patience = std::chrono::steady_clock::now() + PATIENCE;
+    while (std::chrono::steady_clock::now() < end_of_patience) {
         std::size_t end = std::string::npos;
         std::string &input = connection_.input;
         while ((end = input.find("\n\n")) == std::string::npos) {
@@ -188,6 +189,7 @@ Event EventReader::next()
         last_id_ = event.id;
         return event;
     }
+    throw std::runtime_error("an event that doesn't come");
 }
 
 Event EventReader::next(const std::string &name)

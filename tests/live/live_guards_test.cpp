@@ -25,12 +25,12 @@ protected:
     // The changes that the page can make.
     static HeaderList changes()
     {
-        return {{"PUT", "/api/posts/0"},       {"PUT", "/api/posts/0/frame"},
-                {"PUT", "/api/settings"},      {"PUT", "/api/clock"},
-                {"PUT", "/api/palette"},       {"POST", "/api/faults"},
-                {"POST", "/api/application"},  {"POST", "/api/parameters/compare"},
-                {"DELETE", "/api/faults"},     {"DELETE", "/api/faults/1"},
-                {"DELETE", "/api/clock"},      {"DELETE", "/api/palette"},
+        return {{"PUT", "/api/posts/0"},         {"PUT", "/api/posts/0/frame"},
+                {"PUT", "/api/settings"},        {"PUT", "/api/clock"},
+                {"PUT", "/api/palette"},         {"POST", "/api/faults"},
+                {"POST", "/api/application"},    {"POST", "/api/parameters/compare"},
+                {"DELETE", "/api/faults"},       {"DELETE", "/api/faults/1"},
+                {"DELETE", "/api/clock"},        {"DELETE", "/api/palette"},
                 {"DELETE", "/api/posts/0/frame"}};
     }
 };
@@ -54,10 +54,10 @@ TEST_F(LiveGuards, refuse_every_other_name)
     serve();
     const std::string port = ":" + std::to_string(this->port());
     for (const std::string &name :
-         {"example.com" + port, "10.0.0.1" + port, "0.0.0.0" + port, "[::2]" + port,
-          "[::1" + port, "::1" + port, "localhost." + port, "me@127.0.0.1" + port,
-          std::string("127.0.0.1:1"), "127.0.0.1" + port + ":1", "127.0.0.1" + port + "0", port,
-          std::string("127.0.0.1"), std::string("localhost"), std::string(" ")})
+         {"example.com" + port, "10.0.0.1" + port, "0.0.0.0" + port, "[::2]" + port, "[::1" + port,
+          "::1" + port, "localhost." + port, "me@127.0.0.1" + port, std::string("127.0.0.1:1"),
+          "127.0.0.1" + port + ":1", "127.0.0.1" + port + "0", port, std::string("127.0.0.1"),
+          std::string("localhost"), std::string(" ")})
         EXPECT_TRUE(is_error(get_as({{"Host", name}}), 403, FOREIGN)) << name;
     EXPECT_TRUE(is_error(get_as({}), 403, FOREIGN));
     EXPECT_TRUE(is_error(get_as({{"Host", host()}, {"Host", host()}}), 403, FOREIGN));
@@ -74,10 +74,10 @@ TEST_F(LiveGuards, refuse_pages_from_elsewhere)
          {"https://" + host(), host(), "http://" + host() + "/", std::string("null"),
           std::string("http://example.com"), "http://localhost:" + std::to_string(port())})
         EXPECT_TRUE(is_error(with("Origin", origin), 403, FOREIGN)) << origin;
-    EXPECT_TRUE(is_error(get_as({{"Host", host()},
-                                 {"Origin", "http://" + host()},
-                                 {"Origin", "http://example.com"}}),
-                         403, FOREIGN));
+    EXPECT_TRUE(is_error(
+        get_as(
+            {{"Host", host()}, {"Origin", "http://" + host()}, {"Origin", "http://example.com"}}),
+        403, FOREIGN));
     for (const char *site : {"same-origin", "none"})
         EXPECT_EQ(with("Sec-Fetch-Site", site).status, 200) << site;
     for (const char *site : {"cross-site", "same-site", "SAME-ORIGIN", "other"})
@@ -151,9 +151,9 @@ TEST_F(LiveGuards, want_the_access_token_for_everything)
                               "correct-horse-battery", "Bearer correct-horse-battery-"})
         EXPECT_TRUE(is_error(as("Authorization", value), 401, NO_ACCESS)) << value;
     EXPECT_TRUE(is_error(as("Cookie", "a=b"), 401, NO_ACCESS));
-    EXPECT_TRUE(is_error(
-        as("Cookie", "qm5sim-" + std::to_string(port()) + "=correct-horse-battery"), 401,
-        NO_ACCESS));
+    EXPECT_TRUE(
+        is_error(as("Cookie", "qm5sim-" + std::to_string(port()) + "=correct-horse-battery"), 401,
+                 NO_ACCESS));
 }
 
 TEST_F(LiveGuards, take_a_cookie_for_the_access_token)
@@ -184,9 +184,9 @@ TEST_F(LiveGuards, take_the_access_token_from_a_file)
     const std::string bearer = std::string("Bearer ") + TOKEN;
     for (const std::string &name : {host(), "10.1.2.3:" + std::to_string(port())})
         EXPECT_EQ(get_as({{"Host", name}, {"Authorization", bearer}}).status, 200) << name;
-    EXPECT_TRUE(is_error(get_as({{"Host", "example.com:" + std::to_string(port())},
-                                 {"Authorization", bearer}}),
-                         403, FOREIGN));
+    EXPECT_TRUE(is_error(
+        get_as({{"Host", "example.com:" + std::to_string(port())}, {"Authorization", bearer}}), 403,
+        FOREIGN));
 }
 
 // ---- The command line ---------------------------------------------------------------------------

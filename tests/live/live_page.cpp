@@ -15,6 +15,7 @@ namespace fs = std::filesystem;
 void LivePageTest::SetUp()
 {
     ApplicationTest::SetUp();
+    program_ = executable_;
     fs::create_directory("/tmp/work");
     fs::current_path("/tmp/work");
 }
@@ -42,7 +43,7 @@ std::string LivePageTest::printed() const
 
 void LivePageTest::serve(const Words &words)
 {
-    Words all = {QM5SIM_PROGRAM, "serve", "--port", "0", "--qm5osd", executable_};
+    Words all = {QM5SIM_PROGRAM, "serve", "--port", "0", "--qm5osd", program_};
     all.insert(all.end(), words.begin(), words.end());
     server_ = std::make_unique<Process>(all);
     const std::regex url("http://[^/]*:([0-9]+)/\n");
@@ -149,8 +150,8 @@ testing::AssertionResult is_error(const Answer &answer, int status, const std::s
     const Json expected = {{"error", why}};
     if (answer.status == status && Json::parse(answer.body, nullptr, false) == expected)
         return testing::AssertionSuccess();
-    return testing::AssertionFailure() << answer.status << ' ' << answer.body << " instead of "
-                                       << status << ' ' << expected;
+    return testing::AssertionFailure()
+           << answer.status << ' ' << answer.body << " instead of " << status << ' ' << expected;
 }
 
 // ---- Programs -----------------------------------------------------------------------------------
@@ -162,7 +163,7 @@ Ended LivePageTest::sim(const Words &words)
     return run(all);
 }
 
-void LivePageTest::start_application(const Json &parameters) const
+void LivePageTest::start_application(const HeaderList &parameters) const
 {
     const Json done = change_json("POST", "/api/application",
                                   {{"function", "start"}, {"parameters", parameters}});
@@ -177,8 +178,7 @@ void LivePageTest::stop_application() const
     EXPECT_EQ(done["status"], 0) << done;
     // Left behind by a client, it is this process's child by now.
     int status = 0;
-    EXPECT_TRUE(wait_until(
-        [&] { return waitpid(servers[0], &status, WNOHANG) == servers[0]; }));
+    EXPECT_TRUE(wait_until([&] { return waitpid(servers[0], &status, WNOHANG) == servers[0]; }));
 }
 
 } // namespace support

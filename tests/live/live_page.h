@@ -21,8 +21,7 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // Starts the server with further words behind `serve --port 0 --qm5osd PROGRAM`, and waits
-    // until it listens.
+    // Starts the server with further words, and waits until it listens.
     void serve(const Words &words = {});
 
     // Asks it to end, and waits: its exit status.
@@ -68,10 +67,11 @@ protected:
     static Ended sim(const Words &words);
 
     // Starts, and stops, an OSD server by the page.
-    void start_application(const Json &parameters = Json::array()) const;
+    void start_application(const HeaderList &parameters = {}) const;
     void stop_application() const;
 
-    std::string token_; // of the page
+    std::string token_;   // of the page
+    std::string program_; // the application, for the server
 
 private:
     std::unique_ptr<Process> server_;

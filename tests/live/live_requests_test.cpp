@@ -41,15 +41,40 @@ protected:
 TEST_F(LiveRequests, find_nothing_at_other_paths)
 {
     const std::string zero("/\0", 2);
-    for (const std::string path :
-         {"/index.html", "/nothing", "//", "/..", "/../", "/../etc/passwd", "/%2e%2e/etc/passwd",
-          "/..%2fetc%2fpasswd", "/./", "/page.css/", "/%00", "/page.css%00", "/api", "/api/",
-          "/api/state/", "//api/state", "/api//state", "/API/STATE", "/api/state%00",
-          "/api/state%0a", "/api/posts", "/api/posts/", "/api/posts/x/background",
-          "/api/posts/-1/background", "/api/posts/+1/background", "/api/posts/%201/background",
-          "/api/posts/0x1/background", "/api/posts/1/osds", "/api/posts/1/osds/1/2",
-          "/api/posts/1234567890/background", "/api/posts/%2e%2e/background",
-          "/api/posts/*/background", "*", "http://127.0.0.1/"})
+    for (const std::string path : {"/index.html",
+                                   "/nothing",
+                                   "//",
+                                   "/..",
+                                   "/../",
+                                   "/../etc/passwd",
+                                   "/%2e%2e/etc/passwd",
+                                   "/..%2fetc%2fpasswd",
+                                   "/./",
+                                   "/page.css/",
+                                   "/%00",
+                                   "/page.css%00",
+                                   "/api",
+                                   "/api/",
+                                   "/api/state/",
+                                   "//api/state",
+                                   "/api//state",
+                                   "/API/STATE",
+                                   "/api/state%00",
+                                   "/api/state%0a",
+                                   "/api/posts",
+                                   "/api/posts/",
+                                   "/api/posts/x/background",
+                                   "/api/posts/-1/background",
+                                   "/api/posts/+1/background",
+                                   "/api/posts/%201/background",
+                                   "/api/posts/0x1/background",
+                                   "/api/posts/1/osds",
+                                   "/api/posts/1/osds/1/2",
+                                   "/api/posts/1234567890/background",
+                                   "/api/posts/%2e%2e/background",
+                                   "/api/posts/*/background",
+                                   "*",
+                                   "http://127.0.0.1/"})
         EXPECT_TRUE(is_error(get(path), 404, NOTHING)) << path;
     EXPECT_TRUE(is_error(get("/api/posts/4/background"), 404, "post 4: there is none"));
     EXPECT_TRUE(is_error(get("/api/posts/0/osds/4"), 404, "OSD 4: there is none"));
@@ -84,8 +109,7 @@ TEST_F(LiveRequests, survive_long_paths)
     EXPECT_TRUE(is_error(change("PUT", "/api/" + std::string(8000, 'a')), 404, NOTHING));
     EXPECT_EQ(get("/" + std::string(9000, 'a')).status, 414);
     EXPECT_EQ(get("/?" + std::string(8000, '&')).status, 200);
-    EXPECT_TRUE(is_error(get("/" + std::string(17000, 'a')), 431,
-                         "request: its head is too long"));
+    EXPECT_TRUE(is_error(get("/" + std::string(17000, 'a')), 431, "request: its head is too long"));
 }
 
 // ---- Methods ------------------------------------------------------------------------------------
@@ -122,12 +146,12 @@ TEST_F(LiveRequests, refuse_heads_that_make_no_sense)
 {
     const std::string bad_line = "request: a line that has no good end";
     EXPECT_TRUE(is_error(send("GET / HTTP/1.1\nHost: " + host() + "\r\n\r\n"), 400, bad_line));
-    EXPECT_TRUE(is_error(send("GET / HTTP/1.1\r\nHost: " + host() + "\nA: b\r\n\r\n"), 400,
-                         bad_line));
+    EXPECT_TRUE(
+        is_error(send("GET / HTTP/1.1\r\nHost: " + host() + "\nA: b\r\n\r\n"), 400, bad_line));
     EXPECT_TRUE(is_error(send("GET / HTTP/1.1\r\nA: b\rc\r\n\r\n"), 400, bad_line));
     EXPECT_TRUE(is_error(send(std::string("GET / HTTP/1.1\r\nA: \0\r\n\r\n", 24)), 400, bad_line));
-    for (const char *line : {"", " ", "GET", "GET /", "GET / HTTP/9.9", "/ GET HTTP/1.1", "\x16\x03",
-                             "GET / HTTP/1.1 more"})
+    for (const char *line : {"", " ", "GET", "GET /", "GET / HTTP/9.9", "/ GET HTTP/1.1",
+                             "\x16\x03", "GET / HTTP/1.1 more"})
         EXPECT_EQ(send(std::string("x") + line + "\r\n\r\n").status, 400) << line;
     const std::string get = "GET / HTTP/1.1\r\nHost: " + host() + "\r\n";
     const std::string long_head = "request: its head is too long";
@@ -142,17 +166,16 @@ TEST_F(LiveRequests, refuse_heads_that_make_no_sense)
 
 TEST_F(LiveRequests, refuse_bodies_of_no_known_length)
 {
-    const std::string put = "PUT /api/posts/0 HTTP/1.1\r\nHost: " + host() +
-                            "\r\nX-Qm5sim-Token: " + token_ + "\r\n";
+    const std::string put =
+        "PUT /api/posts/0 HTTP/1.1\r\nHost: " + host() + "\r\nX-Qm5sim-Token: " + token_ + "\r\n";
     EXPECT_TRUE(is_error(send(put + "Transfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n"),
                          411, "request: its length isn't told"));
     const std::string senseless = "request: its length makes no sense";
     for (const char *length : {"-1", "x", "", "1x", "0x10", "99999999999999999999", "1, 1"})
-        EXPECT_TRUE(
-            is_error(send(put + "Content-Length: " + length + "\r\n\r\n"), 400, senseless))
+        EXPECT_TRUE(is_error(send(put + "Content-Length: " + length + "\r\n\r\n"), 400, senseless))
             << length;
-    EXPECT_TRUE(is_error(send(put + "Content-Length: 2\r\nContent-Length: 2\r\n\r\n{}"), 400,
-                         senseless));
+    EXPECT_TRUE(
+        is_error(send(put + "Content-Length: 2\r\nContent-Length: 2\r\n\r\n{}"), 400, senseless));
     EXPECT_TRUE(is_error(send(put + "\r\n"), 400, "body: no JSON object"));
     const std::string encoding = "body: in an encoding that isn't read";
     EXPECT_TRUE(is_error(send(put + "Content-Encoding: gzip\r\nContent-Length: 2\r\n\r\n{}"), 415,
@@ -167,13 +190,13 @@ TEST_F(LiveRequests, refuse_bodies_that_are_too_long)
     const std::string body(65537, ' ');
     for (const char *path : {"/api/posts/0", "/api/settings", "/api/clock", "/api/palette"})
         EXPECT_TRUE(is_error(change("PUT", path, body), 413, "body: longer than 65536 bytes"));
-    EXPECT_TRUE(is_error(change("POST", "/api/application", body), 413,
-                         "body: longer than 65536 bytes"));
+    EXPECT_TRUE(
+        is_error(change("POST", "/api/application", body), 413, "body: longer than 65536 bytes"));
     const std::string frame((16u << 20) + 1, ' ');
     EXPECT_TRUE(is_error(change("PUT", "/api/posts/0/frame", frame), 413,
                          "body: longer than 16777216 bytes"));
-    EXPECT_TRUE(is_error(change("PUT", "/api/posts/0", body.substr(1)), 400,
-                         "body: no JSON object"));
+    EXPECT_TRUE(
+        is_error(change("PUT", "/api/posts/0", body.substr(1)), 400, "body: no JSON object"));
 }
 
 TEST_F(LiveRequests, answer_one_after_another_on_a_connection)

@@ -210,6 +210,24 @@ TEST_F(Catalogue, rows_have_their_defaults)
         EXPECT_EQ(osd_default_values[i], expected_rows()[i].text) << i;
 }
 
+TEST_F(Catalogue, rows_have_their_ranges)
+{
+    ASSERT_EQ(osd_value_ranges.size(), 164u);
+    for (std::size_t i = 0; i < 164; i++) {
+        const Row &row = expected_rows()[i];
+        const osd_value_range &range = osd_value_ranges[i];
+        if (row.limit == PATH) {
+            EXPECT_EQ(range.kind, OSD_VALUE_PATH) << row.key;
+        } else if (row.limit == USER_STRING) {
+            EXPECT_EQ(range.kind, OSD_VALUE_STRING) << row.key;
+            EXPECT_EQ(range.limit, 20u) << row.key;
+        } else {
+            EXPECT_EQ(range.kind, OSD_VALUE_NUMBER) << row.key;
+            EXPECT_EQ(range.limit, row.limit) << row.key;
+        }
+    }
+}
+
 TEST_F(Catalogue, ends_with_a_row_of_zeros)
 {
     const option &end = osd_option_table.back();

@@ -1,0 +1,161 @@
+// Running a program from a server: what it gets, what it gives, and how long it may take.
+#include "child.h"
+
+#include "support/files.h"
+#include "support/process.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <stdexcept>
+#include <sys/eventfd.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace
+{
+
+using live::Finished;
+using live::run_child;
+using namespace std::chrono_literals;
+
+class Child : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        stop_ = eventfd(0, EFD_CLOEXEC);
+    }
+
+    void TearDown() override
+    {
+        close(stop_);
+        EXPECT_EQ(support::temporary_files(), std::vector<std::string>{});
+    }
+
+    Finished shell(const std::string &script, const std::string &input = "") const
+    {
+        return run_child({"sh", "-c", script}, input, 30s, stop_).value();
+    }
+
+    int stop_ = -1;
+};
+
+TEST_F(Child, gives_its_status_and_both_streams)
+{
+    const Finished finished = shell("echo out; echo err >&2; exit 7");
+    EXPECT_EQ(finished.status, 7);
+    EXPECT_EQ(finished.signal, std::nullopt);
+    EXPECT_FALSE(finished.timeout);
+    EXPECT_EQ(finished.output, "out\n");
+    EXPECT_EQ(finished.error, "err\n");
+}
+
+TEST_F(Child, gives_the_signal_that_ended_it)
+{
+    const Finished finished = shell("kill -TERM $$");
+    EXPECT_EQ(finished.signal, SIGTERM);
+    EXPECT_EQ(finished.status, std::nullopt);
+}
+
+TEST_F(Child, reads_its_input)
+{
+    const std::string text = "one\n" + std::string(200000, 'x') + "\n";
+    EXPECT_EQ(shell("cat", text).output, text);
+    EXPECT_EQ(shell("cat /dev/stdin /dev/stdin", "twice").output, "twicetwice");
+    EXPECT_EQ(shell("cat; readlink /proc/self/fd/0").output, "/dev/null\n");
+}
+
+TEST_F(Child, gives_no_more_than_the_first_mebibyte)
+{
+    const Finished finished = shell("head -c 3000000 /dev/zero");
+    EXPECT_EQ(finished.output, std::string(live::MAX_OUTPUT, '\0'));
+}
+
+TEST_F(Child, gets_no_descriptor_but_its_own)
+{
+    const int kept = dup(stop_); // without the flag that closes it
+    EXPECT_EQ(shell("for fd in /proc/$$/fd/*; do [ -e $fd ] && basename $fd; done").output,
+              "0\n1\n2\n");
+    close(kept);
+}
+
+TEST_F(Child, gets_signals_as_any_program)
+{
+    std::signal(SIGPIPE, SIG_IGN);
+    sigset_t blocked;
+    sigset_t before;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGTERM);
+    sigprocmask(SIG_BLOCK, &blocked, &before);
+    const auto mask = [this](const std::string &name) {
+        const std::string text = shell("sed -n 's/^" + name + ":\t//p' /proc/self/status").output;
+        constexpr unsigned long plain = 0x7FFFFFFF; // not those of the C library's own
+        return std::stoul(text, nullptr, 16) & plain;
+    };
+    EXPECT_EQ(mask("SigBlk"), 0u);
+    EXPECT_EQ(mask("SigIgn"), 0u);
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    std::signal(SIGPIPE, SIG_DFL);
+}
+
+TEST_F(Child, has_a_session_of_its_own)
+{
+    EXPECT_EQ(shell("[ $(cut -d' ' -f6 /proc/$$/stat) = $$ ] && echo own").output, "own\n");
+}
+
+TEST_F(Child, is_not_waited_for_beyond_its_own_end)
+{
+    support::adopt_orphans();
+    const Finished finished = shell("sleep 1000 & echo $!");
+    const pid_t left = std::stoi(finished.output);
+    EXPECT_EQ(kill(left, SIGKILL), 0) << "what it left behind has gone";
+    EXPECT_EQ(waitpid(left, nullptr, 0), left);
+}
+
+TEST_F(Child, is_killed_when_it_takes_too_long)
+{
+    const Finished finished =
+        run_child({"sh", "-c", "trap '' TERM; echo begun; exec sleep 1000"}, "", 300ms, stop_)
+            .value();
+    EXPECT_TRUE(finished.timeout);
+    EXPECT_EQ(finished.signal, SIGKILL);
+}
+
+TEST_F(Child, is_left_to_itself_when_the_server_ends)
+{
+    support::adopt_orphans();
+    eventfd_write(stop_, 1);
+    EXPECT_EQ(
+        run_child({"sh", "-c", "echo $$ >/tmp/pid.new; mv /tmp/pid.new /tmp/pid"}, "", 30s, stop_),
+        std::nullopt);
+    ASSERT_TRUE(support::wait_until([] { return std::filesystem::exists("/tmp/pid"); }));
+    const pid_t pid = std::stoi(support::read_file("/tmp/pid"));
+    EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
+    support::remove_file("/tmp/pid");
+}
+
+TEST_F(Child, can_fail_to_start)
+{
+    try {
+        run_child({"/tmp/none"}, "", 30s, stop_);
+        ADD_FAILURE() << "started";
+    } catch (const std::runtime_error &error) {
+        EXPECT_STREQ(error.what(), "/tmp/none: No such file or directory");
+    }
+}
+
+TEST_F(Child, runs_beside_others)
+{
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 16; i++)
+        threads.emplace_back([this, i] {
+            EXPECT_EQ(shell("echo " + std::to_string(i)).output, std::to_string(i) + "\n");
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+}
+
+} // namespace

@@ -1,0 +1,278 @@
+// What the live page reads of the simulated codec: state, pictures, palette and calls.
+#include "live_page.h"
+
+#include "sim/recorded_calls.h"
+#include "sim_reader.h"
+#include "support/files.h"
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+
+namespace
+{
+
+using namespace support;
+namespace fs = std::filesystem;
+
+class LiveState : public LivePageTest
+{
+protected:
+    // The pixels of what `qm5sim snapshot --osd` shows.
+    static std::string snapshot(unsigned post, unsigned osd)
+    {
+        const std::string file = "/tmp/work/osd.png";
+        const Ended ended =
+            sim({"snapshot", std::to_string(post), "--osd", std::to_string(osd), file});
+        EXPECT_EQ(ended.err, "");
+        const sim_reader::IndexedPicture picture = sim_reader::PngFile(file).read_indexed();
+        return {picture.indices.begin(), picture.indices.end()};
+    }
+
+    static const Json *find_osd(const Json &state, unsigned post, unsigned number)
+    {
+        for (const Json &osd : state["posts"][post]["osds"]) {
+            if (osd["number"] == number)
+                return &osd;
+        }
+        return nullptr;
+    }
+};
+
+// ---- Without a codec ----------------------------------------------------------------------------
+
+TEST_F(LiveState, tells_of_a_folder_that_is_not_there)
+{
+    serve();
+    const Json none = Json::array();
+    Json posts = none;
+    for (unsigned i = 0; i < SIM_POSTS; i++)
+        posts.push_back({{"number", i},
+                         {"open", false},
+                         {"resource_id", 0},
+                         {"width", 0},
+                         {"height", 0},
+                         {"osds", none},
+                         {"wanted", nullptr},
+                         {"background", 1}});
+    EXPECT_EQ(get_json("/api/state"),
+              (Json{{"sequence", 0},
+                    {"folder", false},
+                    {"device_open", false},
+                    {"application", {{"running", false}}},
+                    {"posts", posts},
+                    {"palette", 1},
+                    {"faults", {{"on", true}, {"list", none}, {"error", nullptr}}},
+                    {"settings",
+                     {{"alignment", {16, 16, 16}}, {"strict", 0}, {"faults", 1}, {"record", 0}}},
+                    {"clock", nullptr},
+                    {"breaches", 0},
+                    {"log", nullptr}}));
+    const std::string why = "state: there is none yet";
+    EXPECT_TRUE(is_error(get("/api/posts/0/osds/0"), 409, why));
+    EXPECT_TRUE(is_error(get("/api/posts/0/background"), 409, why));
+    EXPECT_EQ(get_json("/api/calls"), (Json{{"calls", none}}));
+    EXPECT_FALSE(fs::exists(state_));
+}
+
+TEST_F(LiveState, passes_over_files_that_make_no_sense)
+{
+    fs::create_directory(state_);
+    write_file(state_ + "/state", "no state");
+    write_file(state_ + "/calls", std::string(1000, 'x'));
+    write_file(state_ + "/post0", "wide");
+    write_file(state_ + "/post1", "closed\n");
+    write_file(state_ + "/faults", "1 open_osd never\n");
+    serve();
+    const Json state = get_json("/api/state");
+    EXPECT_EQ(state["folder"], false);
+    EXPECT_EQ(state["posts"][0]["wanted"], nullptr);
+    EXPECT_EQ(state["posts"][1]["wanted"], "closed");
+    EXPECT_EQ(state["faults"]["error"], "/tmp/codec/faults:1: not ID OPERATION WHEN EFFECT");
+    EXPECT_TRUE(is_error(get("/api/posts/0/osds/0"), 409,
+                         "/tmp/codec/state: no state of a simulated codec"));
+    EXPECT_EQ(get_json("/api/calls")["calls"], Json::array());
+}
+
+// ---- With the application -----------------------------------------------------------------------
+
+TEST_F(LiveState, tells_what_a_server_shows)
+{
+    start({"--Post0TimeOn=1", "--Post2StringOn=1", "--Post2String=Gate 2"});
+    ASSERT_TRUE(shows(2, [](const sim_reader::Post &post) { return count_shown(post) == 1; }));
+    serve();
+    const Json state = get_json("/api/state");
+    EXPECT_EQ(state["folder"], true);
+    EXPECT_EQ(state["device_open"], true);
+    EXPECT_EQ(state["application"]["running"], true);
+    EXPECT_EQ(state["breaches"], 0);
+    EXPECT_EQ(state["posts"][2]["wanted"], "640x360");
+    const sim_state record = sim_reader::read_state(state_);
+    const sim_osd &osd = record.post[2].osd[0];
+    EXPECT_EQ(state["posts"][2]["resource_id"], record.post[2].res_id);
+    ASSERT_NE(find_osd(state, 2, 0), nullptr);
+    EXPECT_EQ(*find_osd(state, 2, 0), (Json{{"number", 0},
+                                            {"handle", osd.handle},
+                                            {"color_type", 2},
+                                            {"bits_per_pixel", 8},
+                                            {"width", osd.width},
+                                            {"height", osd.height},
+                                            {"line_bytes", osd.line_bytes},
+                                            {"line_pixels", osd.line_bytes},
+                                            {"memory_bytes", osd.line_bytes * osd.height},
+                                            {"shown", true},
+                                            {"x", osd.x},
+                                            {"y", osd.y},
+                                            {"sets", osd.sets},
+                                            {"last_set", nullptr}}))
+        << "it was set before this server has begun";
+    stop();
+    EXPECT_TRUE(state_is([](const Json &now) {
+        return now["application"]["running"] == false && now["device_open"] == false;
+    }));
+}
+
+TEST_F(LiveState, tells_when_it_has_noticed_a_set)
+{
+    serve();
+    const auto before = std::chrono::system_clock::now();
+    start({"--Post0TimeOn=1"});
+    ASSERT_TRUE(state_is([](const Json &state) { return find_osd(state, 0, 3) != nullptr; }));
+    ASSERT_TRUE(state_is([](const Json &state) { return find_osd(state, 0, 3)->at("shown"); }));
+    const Json state = get_json("/api/state");
+    const double noticed = find_osd(state, 0, 3)->at("last_set");
+    const auto unix_seconds = [](auto time) {
+        return std::chrono::duration<double>(time.time_since_epoch()).count();
+    };
+    EXPECT_GE(noticed, unix_seconds(before));
+    EXPECT_LE(noticed, unix_seconds(std::chrono::system_clock::now()));
+    stop();
+}
+
+TEST_F(LiveState, sends_the_pixels_that_a_snapshot_shows)
+{
+    start({"--Post0StringOn=1", "--Post0String=Gate", "--Post0TypeOn=1", "--Post0DateOn=1"});
+    ASSERT_TRUE(shows(0, [](const sim_reader::Post &post) { return count_shown(post) == 3; }));
+    serve();
+    for (const unsigned number : {0u, 1u, 2u}) {
+        const sim_osd osd = sim_reader::read_state(state_).post[0].osd[number];
+        const Answer answer = get("/api/posts/0/osds/" + std::to_string(number));
+        EXPECT_EQ(answer.status, 200);
+        EXPECT_EQ(answer.headers.at("content-type"), "application/octet-stream");
+        EXPECT_EQ(answer.headers.at("x-handle"), std::to_string(osd.handle));
+        EXPECT_EQ(answer.headers.at("x-sets"), std::to_string(osd.sets));
+        EXPECT_EQ(answer.body, snapshot(0, number));
+        EXPECT_NE(std::count(answer.body.begin(), answer.body.end(), '\3'), 0) << "no text";
+    }
+    EXPECT_TRUE(is_error(get("/api/posts/0/osds/3"), 404, "OSD 3 of post 0: it is not shown"));
+    stop();
+}
+
+// ---- Backgrounds --------------------------------------------------------------------------------
+
+TEST_F(LiveState, sends_the_test_pattern_of_a_post)
+{
+    start();
+    ASSERT_TRUE(shows(2, [](const sim_reader::Post &post) { return post.res_id != 0; }));
+    serve();
+    ASSERT_EQ(sim({"snapshot", "2", "/tmp/work/post.png"}).err, "");
+    const Answer answer = get("/api/posts/2/background");
+    EXPECT_EQ(answer.headers.at("content-type"), "image/png");
+    EXPECT_EQ(answer.body, read_file("/tmp/work/post.png"));
+    change_json("PUT", "/api/posts/2", {{"size", "closed"}});
+    ASSERT_TRUE(state_is([](const Json &state) { return state["posts"][2]["open"] == false; }));
+    EXPECT_TRUE(is_error(get("/api/posts/2/background"), 404, "post 2: it has no post thread"));
+    stop();
+}
+
+TEST_F(LiveState, sends_the_frame_that_it_was_given)
+{
+    start();
+    ASSERT_TRUE(shows(2, [](const sim_reader::Post &post) { return post.res_id != 0; }));
+    serve();
+    const std::string pattern = get("/api/posts/2/background").body;
+    sim_reader::Picture picture{640, 360, std::vector<std::uint8_t>(640 * 360 * 3, 77)};
+    const std::string png = sim_reader::encode_png(picture, "frame");
+    EXPECT_EQ(change("PUT", "/api/posts/2/frame", png).body, "{}");
+    EXPECT_EQ(get("/api/posts/2/background").body, png);
+    EXPECT_EQ(get_json("/api/state")["posts"][2]["background"], 2);
+
+    const auto refused = [&](const std::string &bytes, int status, const std::string &why) {
+        EXPECT_TRUE(is_error(change("PUT", "/api/posts/2/frame", bytes), status, why));
+    };
+    picture.height = 359;
+    refused(sim_reader::encode_png(picture, "frame"), 400, "frame: 640x359, but post 2 is 640x360");
+    refused("GIF89a", 400, "frame: no good PNG file (read beyond end of data)");
+    refused("", 400,
+            "frame: no good PNG file (png_image_begin_read_from_memory: invalid argument)");
+    EXPECT_EQ(change("PUT", "/api/posts/2/frame", png.substr(0, png.size() / 2)).status, 400);
+    EXPECT_EQ(get("/api/posts/2/background").body, png) << "a bad frame has taken its place";
+
+    EXPECT_EQ(change("DELETE", "/api/posts/2/frame").body, "{}");
+    EXPECT_EQ(get("/api/posts/2/background").body, pattern);
+    EXPECT_EQ(get_json("/api/state")["posts"][2]["background"], 3);
+    stop();
+    fs::remove_all(state_);
+    refused(png, 409, "post 2: it has no post thread");
+}
+
+// ---- Palette ------------------------------------------------------------------------------------
+
+TEST_F(LiveState, sends_the_palette_in_force)
+{
+    serve();
+    Json colors = Json::array();
+    for (const sim_reader::Color &color : sim_reader::palette())
+        colors.push_back({color.red, color.green, color.blue, color.alpha});
+    EXPECT_EQ(get_json("/api/palette"), (Json{{"default", true}, {"colors", colors}}));
+    const Json before = get_json("/api/state")["palette"];
+
+    EXPECT_EQ(change_json("PUT", "/api/palette", nullptr)["command"],
+              "qm5sim palette --load /tmp/codec/palette");
+    const Answer answer = change("PUT", "/api/palette", "; two\n3 1 2 3 4\n250 5 6 7 8\n");
+    EXPECT_EQ(answer.body, R"({"command":"qm5sim palette --load /tmp/codec/palette"})");
+    colors[3] = {1, 2, 3, 4};
+    colors[250] = {5, 6, 7, 8};
+    EXPECT_EQ(get_json("/api/palette"), (Json{{"default", false}, {"colors", colors}}));
+    EXPECT_GT(get_json("/api/state")["palette"], before);
+    EXPECT_TRUE(is_error(change("PUT", "/api/palette", "3 1 2 3\n"), 400,
+                         "palette: line 1: not INDEX RED GREEN BLUE ALPHA, of 0 to 255 each"));
+    EXPECT_EQ(get_json("/api/palette")["colors"], colors);
+    EXPECT_EQ(change_json("DELETE", "/api/palette")["command"], "qm5sim palette --default");
+    EXPECT_EQ(get_json("/api/palette")["default"], true);
+}
+
+// ---- Calls --------------------------------------------------------------------------------------
+
+TEST_F(LiveState, sends_recorded_calls_as_they_are_printed)
+{
+    CallList calls;
+    for (unsigned i = 1; i <= 700; i++) {
+        calls.push_back(call_of(SIM_CLEAR_OSD, {0x50000001, i}));
+        calls.back().thread = i;
+    }
+    fs::create_directory(state_);
+    write_file(state_ + "/calls", record_of(calls));
+    serve();
+    const std::string printed = sim({"calls"}).out;
+    std::vector<Json> lines;
+    std::istringstream in(printed);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(Json::parse(line));
+    ASSERT_EQ(lines.size(), 700u);
+    const auto from = [&](std::size_t first, std::size_t count) {
+        const auto at = lines.begin() + static_cast<std::ptrdiff_t>(first) - 1;
+        return Json{{"calls", std::vector<Json>(at, at + static_cast<std::ptrdiff_t>(count))}};
+    };
+    EXPECT_EQ(get_json("/api/calls"), from(501, 200));
+    EXPECT_EQ(get_json("/api/calls?from=0"), from(501, 200));
+    EXPECT_EQ(get_json("/api/calls?from=1"), from(1, 500));
+    EXPECT_EQ(get_json("/api/calls?from=698"), from(698, 3));
+    EXPECT_EQ(get_json("/api/calls?from=701")["calls"], Json::array());
+    EXPECT_EQ(get_json("/api/calls?from=18446744073709551615")["calls"], Json::array());
+    for (const char *number : {"x", "", "-1", "1x", "18446744073709551616", "%201"})
+        EXPECT_TRUE(is_error(get(std::string("/api/calls?from=") + number), 400, "from: no number"))
+            << number;
+}
+
+} // namespace
