@@ -1,0 +1,109 @@
+// Carries out what the user asks for, one request each, and keeps the commands that would have done
+// the same.
+
+import {announce} from './announce.js';
+import {change} from './api.js';
+import {setText} from './dom.js';
+
+const KEPT = 200;
+
+// What came of an application's command, as one sentence.
+function verdictOf(answer) {
+    if (answer.timeout)
+        return 'It was ended: no reply within 30 seconds.';
+    if (answer.signal)
+        return `A signal ended it: ${answer.signal}.`;
+    return answer.status === 0 ? 'Done.' : `It failed with exit status ${answer.status}.`;
+}
+
+function isGood(answer) {
+    return answer.status === undefined || (answer.status === 0 && !answer.timeout);
+}
+
+// Fires: command, with a record {time, command, good, words} as its detail, and busy.
+export class Actions extends EventTarget {
+    records = [];
+    running = 0;
+
+    // Sends a request. The answer, with `good` and `words` added; a request that was refused or got
+    // lost gives {good: false, words}. `outcome`, if there is one, shows the words of a failure.
+    async run(outcome, method, path, body, type) {
+        this.#count(1);
+        let answer;
+        try {
+            answer = await change(method, path, body, type);
+            answer.good = isGood(answer);
+            answer.words = answer.status === undefined ? 'Done.' : this.#wordsOf(answer);
+        } catch (error) {
+            answer = {good: false, words: error.message};
+        } finally {
+            this.#count(-1);
+        }
+        this.#keep(answer, `${method} ${path}`);
+        if (outcome)
+            showOutcome(outcome, answer.good ? '' : answer.words);
+        return answer;
+    }
+
+    // Has the application do something: {function, parameters, file}.
+    application(outcome, request) {
+        return this.run(outcome, 'POST', '/api/application', request);
+    }
+
+    #wordsOf(answer) {
+        const said = (answer.error ?? '').trim();
+        return said === '' ? verdictOf(answer) : `${verdictOf(answer)}\n${said}`;
+    }
+
+    #keep(answer, request) {
+        const {command = request, good, words} = answer;
+        const record = {time: Date.now() / 1000, command, good, words};
+        this.records = [...this.records, record].slice(-KEPT);
+        announce(words.split('\n')[0]);
+        this.dispatchEvent(new CustomEvent('command', {detail: record}));
+    }
+
+    #count(change) {
+        this.running += change;
+        this.dispatchEvent(new CustomEvent('busy'));
+    }
+}
+
+// Shows what came of an action beside its form; nothing for an empty text.
+export function showOutcome(target, text, good = false) {
+    setText(target, text);
+    target.hidden = text === '';
+    target.classList.toggle('good', good);
+}
+
+// A copy button for the text of an element.
+export function copyOnClick(button, source) {
+    button.addEventListener('click', async () => {
+        try {
+            await navigator.clipboard.writeText(source.textContent);
+            announce('Copied.');
+            button.textContent = 'Copied';
+        } catch {
+            getSelection().selectAllChildren(source);
+            button.textContent = 'Selected';
+        }
+        setTimeout(() => (button.textContent = 'Copy'), 1500);
+    });
+}
+
+// The text of a chosen file, once; lets the same file be chosen again. A file that isn't text of
+// UTF-8 is refused, for it would come out as another one.
+export function onFile(input, take, refuse) {
+    input.addEventListener('change', async () => {
+        const [file] = input.files;
+        input.value = '';
+        if (!file)
+            return;
+        try {
+            const bytes = await file.arrayBuffer();
+            take(file, new TextDecoder('utf-8', {fatal: true}).decode(bytes));
+        } catch {
+            refuse(`${file.name}: it is no text in UTF-8.`);
+        }
+    });
+}

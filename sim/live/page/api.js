@@ -1,0 +1,69 @@
+// Requests to the server that the page came from.
+
+// A request that the server refused, or that didn't reach it.
+export class RequestError extends Error {
+    constructor(message, status) {
+        super(message);
+        this.status = status; // 0: no answer
+    }
+}
+
+let token = document.querySelector('meta[name="qm5sim-token"]').content;
+
+async function send(method, path, body, type) {
+    const headers = {};
+    if (method !== 'GET')
+        headers['X-Qm5sim-Token'] = token;
+    if (type)
+        headers['Content-Type'] = type;
+    try {
+        return await fetch(path, {method, headers, body});
+    } catch {
+        throw new RequestError('The server does not answer.', 0);
+    }
+}
+
+async function errorOf(response) {
+    const text = await response.text();
+    try {
+        return new RequestError(JSON.parse(text).error ?? text, response.status);
+    } catch {
+        return new RequestError(text.trim() || `status ${response.status}`, response.status);
+    }
+}
+
+// A server that was started anew has another token: the one that its page holds.
+async function renewToken() {
+    const response = await send('GET', '/');
+    const page = new DOMParser().parseFromString(await response.text(), 'text/html');
+    const found = page.querySelector('meta[name="qm5sim-token"]')?.content;
+    const isNew = Boolean(found) && found !== token;
+    token = found || token;
+    return isNew;
+}
+
+// The response to a request; a refusal is a RequestError with the server's words.
+async function request(method, path, body, type) {
+    let response = await send(method, path, body, type);
+    if (response.status === 403 && method !== 'GET' && await renewToken())
+        response = await send(method, path, body, type);
+    if (!response.ok)
+        throw await errorOf(response);
+    return response;
+}
+
+export function get(path) {
+    return request('GET', path);
+}
+
+export async function getJson(path) {
+    return (await get(path)).json();
+}
+
+// Sends a body, which may be none, a text or a file of another type, or else goes as JSON.
+export async function change(method, path, body, type) {
+    const isJson = body !== undefined && type === undefined;
+    const response = await request(method, path, isJson ? JSON.stringify(body) : body,
+                                   isJson ? 'application/json' : type);
+    return response.json();
+}

@@ -1,0 +1,48 @@
+// Commands as a POSIX shell takes them, and parameter files: what the page shows for copying.
+
+// A word that the shell takes as it stands, or in quotes.
+export function quote(word) {
+    return /^[A-Za-z0-9_@%+=:,./-]+$/.test(word) ? word : `'${word.replaceAll("'", `'\\''`)}'`;
+}
+
+export function commandLine(words) {
+    return words.map(quote).join(' ');
+}
+
+// The text of a parameter file with these pairs of key and value. An empty value in a file leaves
+// the one in force, so it says nothing.
+export function parameterFile(pairs) {
+    return ['[osd]', ...pairs.map(([key, value]) => `${key}=${value}`), ''].join('\n');
+}
+
+// How changes, pairs of key and value, are carried out: those that are options as options, the rest
+// through a file. `isOption` tells which.
+export function planChanges(pairs, isOption) {
+    const options = pairs.filter(([key]) => isOption(key));
+    const others = pairs.filter(([key]) => !isOption(key));
+    return {parameters: options, file: others.length > 0 ? parameterFile(others) : undefined};
+}
+
+// The command of a plan, with the name under which its file would be saved.
+export function planCommand(name, plan, fileName = 'changes.conf') {
+    const words = ['qm5osd', name];
+    if (plan.file !== undefined)
+        words.push('-f', fileName);
+    for (const [key, value] of plan.parameters)
+        words.push(`--${key}=${value}`);
+    return commandLine(words);
+}
+
+// What a `restart` needs for keeping the parameters in force, with some of them changed: it begins
+// with the common parameter file alone, so all go through a file. A value that is to be emptied can't:
+// there it is an option.
+export function planRestart(parameters, pairs) {
+    const changed = new Map(pairs);
+    const valueOf = (row) => changed.get(row.key) ?? row.value ?? '';
+    const filled = parameters.filter((row) => valueOf(row) !== '');
+    const emptied = pairs.filter(([, value]) => value === '');
+    return {
+        parameters: emptied,
+        file: parameterFile(filled.map((row) => [row.key, valueOf(row)])),
+    };
+}

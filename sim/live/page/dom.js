@@ -1,0 +1,58 @@
+// Making and updating elements without a framework.
+
+export function find(selector, root = document) {
+    return root.querySelector(selector);
+}
+
+// An element with properties and children, which may be elements and texts. `attributes`, `dataset`
+// and `on` (listeners by event) are taken apart; other properties are set as they are.
+export function element(name, {attributes = {}, dataset = {}, on = {}, ...rest} = {}, ...children) {
+    const made = document.createElement(name);
+    Object.assign(made, rest);
+    Object.assign(made.dataset, dataset);
+    for (const [attribute, value] of Object.entries(attributes))
+        made.setAttribute(attribute, value);
+    for (const [event, listener] of Object.entries(on))
+        made.addEventListener(event, listener);
+    made.append(...children);
+    return made;
+}
+
+// Sets a text only if it is another one, so that nothing is announced or laid out for nothing.
+export function setText(target, text) {
+    if (target.textContent !== text)
+        target.textContent = text;
+}
+
+// The rows of a list or table by key: keeps those that stay, so that focus and selection do, too.
+export function syncRows(parent, items, keyOf, make, update) {
+    const old = new Map([...parent.children].map((child) => [child.dataset.key, child]));
+    items.forEach((item, at) => {
+        const key = String(keyOf(item));
+        let row = old.get(key);
+        old.delete(key);
+        if (!row) {
+            row = make(item);
+            row.dataset.key = key;
+        }
+        if (parent.children[at] !== row)
+            parent.insertBefore(row, parent.children[at] ?? null);
+        update(row, item);
+    });
+    for (const row of old.values())
+        row.remove();
+}
+
+// Runs at most once a frame, however often it is called.
+export function oncePerFrame(run) {
+    let isDue = false;
+    return () => {
+        if (isDue)
+            return;
+        isDue = true;
+        requestAnimationFrame(() => {
+            isDue = false;
+            run();
+        });
+    };
+}

@@ -1,0 +1,135 @@
+// Faults by name: a form of their words, the list of those in force, and the switch for all.
+
+import {copyOnClick, showOutcome} from './actions.js';
+import {quote} from './command.js';
+import {element, find, setText, syncRows} from './dom.js';
+import {CODES, EFFECTS, effectsOf, faultLine, hasPost, OPERATIONS} from './faults.js';
+
+const VALUE_NAMES = {code: 'Code', ms: 'Milliseconds', bytes: 'Bytes'};
+const VALUES = {code: 'gone1', ms: '500', bytes: '-16'};
+
+function options(names) {
+    return names.map((name) => element('option', {value: name}, name));
+}
+
+export class FaultsView {
+    #live;
+    #actions;
+
+    constructor(live, actions) {
+        this.#live = live;
+        this.#actions = actions;
+        find('#fault-operation').append(...options(OPERATIONS));
+        find('#fault-operation').value = 'open_osd';
+        find('#fault-codes').append(...options(CODES));
+        this.#showEffects();
+        this.#listen();
+    }
+
+    #listen() {
+        const form = find('#fault-form');
+        find('#fault-operation').addEventListener('input', () => this.#showEffects());
+        find('#fault-effect').addEventListener('input', () => this.#showValue());
+        form.addEventListener('input', () => this.#showLine());
+        form.addEventListener('submit', (event) => {
+            event.preventDefault();
+            this.#add();
+        });
+        find('#fault-clear').addEventListener('click', () => this.#clear());
+        find('#faults-on').addEventListener('change', (event) => this.#switch(event.target));
+        copyOnClick(find('#fault-copy'), find('#fault-command'));
+        this.#live.addEventListener('state', () => this.#showList());
+    }
+
+    // ---- The form ---------------------------------------------------------------------------------
+
+    #showEffects() {
+        const operation = find('#fault-operation').value;
+        const select = find('#fault-effect');
+        const old = select.value;
+        const effects = effectsOf(operation);
+        select.replaceChildren(...effects.map(({name, what}) =>
+            element('option', {value: name}, `${name}: ${what}`)));
+        select.value = effects.some(({name}) => name === old) ? old : effects[0].name;
+        find('#fault-post').disabled = !hasPost(operation);
+        this.#showValue();
+    }
+
+    #showValue() {
+        const effect = EFFECTS.find(({name}) => name === find('#fault-effect').value);
+        find('#fault-value-field').hidden = effect.value === null;
+        if (effect.value !== null && find('#fault-value').dataset.kind !== effect.value) {
+            find('#fault-value').dataset.kind = effect.value;
+            find('#fault-value').value = VALUES[effect.value];
+            setText(find('#fault-value-name'), VALUE_NAMES[effect.value]);
+        }
+        this.#showLine();
+    }
+
+    get #line() {
+        const words = {};
+        for (const name of ['operation', 'when', 'number', 'effect', 'value', 'post'])
+            words[name] = find(`#fault-${name}`).value;
+        return faultLine(words);
+    }
+
+    #showLine() {
+        const when = find('#fault-when').value;
+        find('#fault-number-field').hidden = when !== 'nth' && when !== 'percent';
+        setText(find('#fault-number-name'), when === 'percent' ? 'Per cent' : 'N');
+        const words = this.#line.split(' ').map(quote).join(' ');
+        setText(find('#fault-command'), `qm5sim fault add ${words}`);
+        showOutcome(find('#fault-outcome'), '');
+    }
+
+    #add() {
+        return this.#actions.run(find('#fault-outcome'), 'POST', '/api/faults', {fault: this.#line});
+    }
+
+    // ---- The list ---------------------------------------------------------------------------------
+
+    #clear() {
+        return this.#actions.run(find('#fault-outcome'), 'DELETE', '/api/faults');
+    }
+
+    async #remove(id, button) {
+        // The row goes with its button, so the focus has to have another place.
+        const scroll = find('#fault-scroll');
+        const isFocused = document.activeElement === button;
+        await this.#actions.run(find('#fault-outcome'), 'DELETE', `/api/faults/${id}`);
+        if (isFocused)
+            (scroll.hidden ? find('#fault-operation') : scroll).focus();
+    }
+
+    async #switch(box) {
+        await this.#actions.run(find('#fault-outcome'), 'PUT', '/api/settings',
+                                {name: 'faults', value: box.checked ? '1' : '0'});
+        box.checked = this.#live.state.faults.on;
+    }
+
+    #showList() {
+        const {on, list} = this.#live.state.faults;
+        find('#faults-on').checked = on;
+        find('#fault-empty').hidden = list.length > 0;
+        find('#fault-scroll').hidden = list.length === 0;
+        find('#fault-clear').disabled = list.length === 0;
+        syncRows(find('#fault-rows'), list, ({id}) => id, (fault) => this.#makeRow(fault),
+                 (row, {met, happened}) => {
+                     setText(row.children[2], String(met));
+                     setText(row.children[3], on ? String(happened) : `${happened}, off`);
+                 });
+    }
+
+    #makeRow({id, line}) {
+        const number = () => element('td', {className: 'number'});
+        const remove = element('button', {
+            type: 'button',
+            textContent: 'Remove',
+            attributes: {'aria-label': `Remove fault ${id}`},
+            on: {click: (event) => this.#remove(id, event.currentTarget)},
+        });
+        return element('tr', {}, element('th', {scope: 'row', className: 'number'}, String(id)),
+                       element('td', {className: 'code'}, line), number(), number(),
+                       element('td', {}, remove));
+    }
+}

@@ -1,0 +1,149 @@
+// What the page knows of the simulated codec: it follows the server's events and tells the views.
+// Pixels are fetched only where an event says that they have changed.
+
+import {getJson} from './api.js';
+import {PostPicture} from './post_picture.js';
+import {packPalette} from './picture.js';
+import {SLOTS, TIME_SLOT} from './slots.js';
+
+const RETRY_MS = [500, 1000, 2000, 5000];
+
+// What a change of parameters may have changed in a state: everything but how often the time was
+// drawn.
+function traceOf(state) {
+    const osds = state.posts.flatMap((post) => post.osds.map((osd) => {
+        const sets = osd.number === TIME_SLOT ? 0 : osd.sets;
+        return [post.number, osd.number, osd.handle, osd.shown, osd.x, osd.y, sets];
+    }));
+    return JSON.stringify([state.application.running, osds]);
+}
+
+// Fires: connection, state, parameters, palette, picture (detail: number of the post), calls and
+// reports (detail: what the server's event carried).
+export class Live extends EventTarget {
+    connection = 'connecting'; // or 'open', 'lost'
+    state = null;
+    parameters = []; // rows of the catalogue with the values in force
+    palette = packPalette(Array(256).fill([0, 0, 0, 0]));
+    hasDefaultPalette = true;
+    pictures = [];
+
+    #values = new Map();
+    #source = null;
+    #failures = 0;
+    #isFresh = true; // nothing of this stream was seen before
+    #trace = '';
+    #paletteVersion = null;
+    #parametersWanted = false;
+    #parametersRunning = false;
+
+    constructor() {
+        super();
+        this.pictures = SLOTS.map((_, number) => new PostPicture(
+            number, () => this.palette, () => this.#tell('picture', number)));
+    }
+
+    // The value in force of a parameter; null if none is known.
+    valueOf = (key) => this.#values.get(key) ?? null;
+
+    rowOf(key) {
+        return this.parameters.find((row) => row.key === key);
+    }
+
+    connect() {
+        this.#isFresh = true;
+        this.#source = new EventSource('/api/events');
+        this.#source.onopen = () => this.#opened();
+        this.#source.onerror = () => this.#lost();
+        this.#on('state', (state) => this.#takeState(state));
+        this.#on('calls', (event) => this.#tell('calls', {...event, reset: this.#resets(event)}));
+        this.#on('reports', (event) => {
+            this.#tell('reports', {...event, reset: this.#resets(event)});
+            this.#isFresh = false; // the last one of the three that a stream begins with
+        });
+    }
+
+    // Asks for the parameters in force; one question at a time.
+    async readParameters() {
+        this.#parametersWanted = true;
+        if (this.#parametersRunning)
+            return;
+        this.#parametersRunning = true;
+        try {
+            while (this.#parametersWanted) {
+                this.#parametersWanted = false;
+                this.parameters = (await getJson('/api/parameters')).parameters;
+                this.#values = new Map(this.parameters.map((row) => [row.key, row.value]));
+                this.#tell('parameters');
+            }
+        } catch {
+            // The connection is lost or the server is ending; what comes next asks again.
+        } finally {
+            this.#parametersRunning = false;
+        }
+    }
+
+    #on(name, take) {
+        this.#source.addEventListener(name, (event) => take(JSON.parse(event.data)));
+    }
+
+    #tell(name, detail) {
+        this.dispatchEvent(new CustomEvent(name, {detail}));
+    }
+
+    #resets(event) {
+        return event.reset || this.#isFresh;
+    }
+
+    #setConnection(connection) {
+        if (this.connection === connection)
+            return;
+        this.connection = connection;
+        this.#tell('connection');
+    }
+
+    #opened() {
+        this.#failures = 0;
+        this.#trace = ''; // anything may have changed meanwhile
+        this.#paletteVersion = null;
+        this.pictures.forEach((picture) => picture.forget());
+        this.#setConnection('open');
+    }
+
+    // The browser tries again by itself, unless the server has refused the stream.
+    #lost() {
+        this.#setConnection('lost');
+        if (this.#source.readyState !== EventSource.CLOSED)
+            return;
+        this.#source.close();
+        const wait = RETRY_MS[Math.min(this.#failures++, RETRY_MS.length - 1)];
+        setTimeout(() => this.connect(), wait);
+    }
+
+    #takeState(state) {
+        this.state = state;
+        const trace = traceOf(state);
+        if (trace !== this.#trace) {
+            this.#trace = trace;
+            this.readParameters();
+        }
+        if (state.palette !== this.#paletteVersion)
+            this.#readPalette(state.palette);
+        this.#tell('state');
+        state.posts.forEach((post) => this.pictures[post.number].take(post));
+    }
+
+    async #readPalette(version) {
+        this.#paletteVersion = version;
+        try {
+            const {colors, default: isDefault} = await getJson('/api/palette');
+            this.palette = packPalette(colors);
+            this.hasDefaultPalette = isDefault;
+        } catch {
+            this.#paletteVersion = null; // asked again with the next state
+            return;
+        }
+        this.#tell('palette');
+        this.pictures.forEach((picture) => picture.repaint());
+    }
+}

@@ -1,0 +1,232 @@
+// The pictures of the four posts side by side, with each post's thread below its picture, and the
+// guides that all pictures can show.
+
+import {element, find, setText} from './dom.js';
+import {drawGuides, isEmpty, safeArea} from './picture.js';
+import {cellOf, modeName, modeOf, parseSize, POSTS, safeSpaceOf} from './slots.js';
+
+const SIZES = ['720x576', '1920x1080', '1280x720', '640x360', '352x288'];
+
+// ---- Guides -------------------------------------------------------------------------------------
+
+// Which guides are switched on, and what they are of a post.
+export class GuideSwitches extends EventTarget {
+    #live;
+
+    constructor(live) {
+        super();
+        this.#live = live;
+        for (const name of ['frames', 'overlaps', 'safe', 'cells', 'cell'])
+            find(`#guide-${name}`).addEventListener('input', () => this.#changed());
+        live.addEventListener('state', () => this.#propose());
+        live.addEventListener('parameters', () => this.#changed());
+    }
+
+    // For drawGuides(); null if nothing is to be drawn.
+    of(post) {
+        const isOn = (name) => find(`#guide-${name}`).checked;
+        const safe = isOn('safe') ? safeSpaceOf(this.#live.valueOf, post.number) : null;
+        const cell = isOn('cells') ? this.#cellOf(post) : null;
+        const guides = {frames: isOn('frames'), overlaps: isOn('overlaps'), safe, cell};
+        return Object.values(guides).some(Boolean) ? guides : null;
+    }
+
+    #cellOf(post) {
+        const typed = find('#guide-cell').value.trim();
+        return typed === '' ? cellOf(this.#live.valueOf, post) : parseSize(typed);
+    }
+
+    // The field's proposal is the cell of the first post that shows a text.
+    #propose() {
+        const cells = this.#live.state.posts.map((post) => cellOf(this.#live.valueOf, post));
+        const cell = cells.find(Boolean);
+        find('#guide-cell').placeholder = cell ? `${cell.width}x${cell.height}` : 'none';
+    }
+
+    #changed() {
+        const field = find('#guide-cell');
+        const typed = field.value.trim();
+        field.setAttribute('aria-invalid', typed !== '' && !parseSize(typed));
+        if (this.#live.state)
+            this.#propose();
+        this.dispatchEvent(new CustomEvent('change'));
+    }
+}
+
+// A post's picture with its guides, as an ImageData.
+export function paint({picture, layers}, guides, thick) {
+    const {width, height} = picture;
+    if (!guides)
+        return new ImageData(picture.rgba, width, height);
+    const marked = {width, height, rgba: picture.rgba.slice()};
+    drawGuides(marked, layers, guides, thick);
+    return new ImageData(marked.rgba, width, height);
+}
+
+// ---- One post -----------------------------------------------------------------------------------
+
+class PostView {
+    root;
+    #number;
+    #live;
+    #guides;
+    #actions;
+    #parts = {};
+    #wasOpen = null;
+
+    constructor(number, live, guides, actions, zoom) {
+        this.#number = number;
+        this.#live = live;
+        this.#guides = guides;
+        this.#actions = actions;
+        this.root = this.#make(zoom);
+    }
+
+    #make(zoom) {
+        const id = `post-${this.#number}`;
+        const p = this.#parts;
+        p.size = element('span', {className: 'number post-size'});
+        p.pixels = element('button', {
+            type: 'button',
+            textContent: 'Pixels',
+            attributes: {'aria-label': `Pixels of post ${this.#number}`},
+            on: {click: () => zoom(this.#number)},
+        });
+        p.canvas = element('canvas', {
+            id: `canvas-${this.#number}`,
+            hidden: true,
+            attributes: {role: 'img'},
+            on: {dblclick: () => zoom(this.#number)},
+        });
+        p.empty = element('p', {className: 'empty'});
+        const heading = element('h3', {id: `${id}-heading`}, `Post ${this.#number} `,
+                                element('span', {}, POSTS[this.#number]));
+        const head = element('div', {className: 'post-head'}, heading, p.size, p.pixels);
+        const screen = element('div', {className: 'screen'}, p.canvas, p.empty);
+        return element('article', {
+            className: 'post', id, attributes: {'aria-labelledby': heading.id},
+        }, head, screen, this.#makeForm());
+    }
+
+    #makeForm() {
+        const p = this.#parts;
+        p.wanted = element('input', {
+            type: 'text',
+            id: `post-${this.#number}-size`,
+            autocomplete: 'off',
+            spellcheck: false,
+            attributes: {'aria-label': `Size of post ${this.#number}`, list: 'sizes', size: 10},
+            on: {input: () => this.#showButtons()},
+        });
+        p.set = element('button', {type: 'submit', textContent: 'Resize'});
+        p.close = element('button', {
+            type: 'button', textContent: 'Close', on: {click: () => this.#change('closed')},
+        });
+        p.note = element('p', {className: 'hint', hidden: true});
+        p.safe = element('p', {
+            className: 'hint',
+            hidden: true,
+            textContent: 'The safe spaces leave nothing of this picture.',
+        });
+        p.outcome = element('p', {className: 'outcome', hidden: true});
+        return element('form', {
+            className: 'post-form',
+            attributes: {'aria-label': `Thread of post ${this.#number}`},
+            on: {submit: (event) => {
+                event.preventDefault();
+                this.#change(p.wanted.value.trim() || p.wanted.placeholder);
+            }},
+        }, p.wanted, p.set, p.close, p.note, p.safe, p.outcome);
+    }
+
+    async #change(size) {
+        const p = this.#parts;
+        const answer = await this.#actions.run(p.outcome, 'PUT', `/api/posts/${this.#number}`,
+                                               {size});
+        if (answer.good && p.wanted.value.trim() === size)
+            p.wanted.value = '';
+        this.#showButtons();
+    }
+
+    get #post() {
+        return this.#live.state?.posts[this.#number];
+    }
+
+    showState() {
+        const p = this.#parts;
+        const post = this.#post;
+        setText(p.size, post.open ? `${post.width} × ${post.height}` : 'no thread');
+        p.canvas.hidden = !post.open;
+        p.empty.hidden = post.open;
+        setText(p.empty, this.#live.state.folder ? `Post ${this.#number} has no thread.`
+                                                 : 'Nothing has been shown yet.');
+        p.pixels.disabled = !post.open;
+        const now = post.open ? `${post.width}x${post.height}` : 'closed';
+        p.wanted.placeholder = post.wanted === 'closed' ? SIZES[this.#number] : post.wanted;
+        const isDue = now !== post.wanted;
+        p.note.hidden = !isDue;
+        setText(p.note, isDue ? `${post.wanted} is wanted` + (this.#live.state.device_open ?
+            '.' : '; the codec takes it up when the application runs.') : '');
+        this.#wasOpen = post.wanted !== 'closed';
+        this.#showButtons();
+        this.#describe();
+    }
+
+    #showButtons() {
+        const p = this.#parts;
+        const typed = p.wanted.value.trim();
+        p.wanted.setAttribute('aria-invalid', typed !== '' && !parseSize(typed));
+        setText(p.set, this.#wasOpen === false ? 'Open' : 'Resize');
+        p.set.disabled = this.#wasOpen !== false && typed === '';
+        p.close.disabled = this.#wasOpen === false;
+    }
+
+    // What the picture shows, in words.
+    #describe() {
+        const post = this.#post;
+        const shown = post.osds.filter((osd) => osd.shown).map((osd) => {
+            const mode = modeOf(this.#live.valueOf, post.number, osd.number);
+            return mode === 'text' || mode === 'rectangle' ? modeName(mode, osd.number)
+                                                           : `OSD ${osd.number}`;
+        });
+        const what = shown.length > 0 ? shown.join(', ') : 'no OSD';
+        this.#parts.canvas.setAttribute('aria-label',
+            `Picture of post ${post.number}, ${post.width} by ${post.height}, showing ${what}`);
+    }
+
+    repaint() {
+        const shown = this.#live.pictures[this.#number];
+        const {picture} = shown;
+        const {canvas, safe} = this.#parts;
+        if (!picture || !this.#post?.open)
+            return;
+        if (canvas.width !== picture.width || canvas.height !== picture.height)
+            Object.assign(canvas, {width: picture.width, height: picture.height});
+        const thick = Math.max(1, Math.round(picture.width / (canvas.clientWidth || picture.width)));
+        const guides = this.#guides.of(this.#post);
+        canvas.getContext('2d').putImageData(paint(shown, guides, thick), 0, 0);
+        safe.hidden = !guides?.safe || !isEmpty(safeArea(picture, guides.safe));
+    }
+}
+
+// ---- All four -----------------------------------------------------------------------------------
+
+export class OutputsView {
+    #views;
+
+    constructor(live, guides, actions, zoom) {
+        this.#views = POSTS.map((_, number) => new PostView(number, live, guides, actions, zoom));
+        const sizes = SIZES.map((value) => element('option', {value}));
+        find('#posts').append(element('datalist', {id: 'sizes'}, ...sizes),
+                              ...this.#views.map((view) => view.root));
+        const showState = () => this.#views.forEach((view) => view.showState());
+        live.addEventListener('state', showState);
+        live.addEventListener('parameters', showState);
+        live.addEventListener('picture', (event) => this.#views[event.detail].repaint());
+        guides.addEventListener('change', () => this.repaint());
+    }
+
+    repaint() {
+        this.#views.forEach((view) => view.repaint());
+    }
+}

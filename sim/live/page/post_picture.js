@@ -1,0 +1,161 @@
+// The picture of one post, kept up to date by fetching only what has changed.
+
+import {get} from './api.js';
+import {areaOf, compose, newPicture} from './picture.js';
+
+async function fetchBackground(number) {
+    const blob = await (await get(`/api/posts/${number}/background`)).blob();
+    const exact = {colorSpaceConversion: 'none', premultiplyAlpha: 'none'};
+    const bitmap = await createImageBitmap(blob, exact);
+    const canvas = new OffscreenCanvas(bitmap.width, bitmap.height);
+    const context = canvas.getContext('2d', {willReadFrequently: true});
+    context.drawImage(bitmap, 0, 0);
+    const {data, width, height} = context.getImageData(0, 0, bitmap.width, bitmap.height);
+    return {width, height, rgba: data};
+}
+
+// The pixels of an OSD, as long as it is the very one of the state; otherwise null, and another
+// state is on its way.
+async function fetchIndices(number, osd) {
+    const response = await get(`/api/posts/${number}/osds/${osd.number}`);
+    const indices = new Uint8Array(await response.arrayBuffer());
+    const isSame = Number(response.headers.get('X-Handle')) === osd.handle &&
+        indices.length === osd.line_pixels * osd.height;
+    return isSame ? {indices, sets: Number(response.headers.get('X-Sets'))} : null;
+}
+
+function unionArea(one, other) {
+    return {
+        left: Math.min(one.left, other.left),
+        top: Math.min(one.top, other.top),
+        right: Math.max(one.right, other.right),
+        bottom: Math.max(one.bottom, other.bottom),
+    };
+}
+
+export class PostPicture {
+    picture = null; // as it is shown; null while the post is closed or nothing has come yet
+    background = null;
+    layers = []; // the shown OSDs with their indices, ready to be composed
+    changed = []; // numbers of the OSDs that the last repaint changed
+
+    #number;
+    #palette;
+    #repainted;
+    #post = null;
+    #isBusy = false;
+    #backgroundKey = '';
+
+    // `palette` gives the one in force, `repainted` is called when `picture` has changed.
+    constructor(number, palette, repainted) {
+        this.#number = number;
+        this.#palette = palette;
+        this.#repainted = repainted;
+    }
+
+    // Takes a post of the state. While its pixels are being fetched a newer one just waits.
+    async take(post) {
+        this.#post = post;
+        if (this.#isBusy)
+            return;
+        this.#isBusy = true;
+        try {
+            while (this.#post) {
+                const next = this.#post;
+                this.#post = null;
+                await this.#update(next);
+            }
+        } catch {
+            // No answer, or the post closed meanwhile: another state is on its way.
+        } finally {
+            this.#isBusy = false;
+        }
+    }
+
+    // Fetches everything anew with the next state.
+    forget() {
+        this.#backgroundKey = '';
+        this.layers = [];
+    }
+
+    repaint() {
+        if (!this.picture)
+            return;
+        this.changed = this.layers.map((layer) => layer.number);
+        compose(this.picture, this.background, this.layers, this.#palette());
+        this.#repainted();
+    }
+
+    async #update(post) {
+        if (!post.open) {
+            this.#close();
+            return;
+        }
+        const isNew = await this.#updateBackground(post);
+        const old = this.layers;
+        const shown = post.osds.filter((osd) => osd.shown);
+        const layers = await Promise.all(shown.map((osd) => this.#updateLayer(osd)));
+        this.layers = layers.filter((layer) => layer !== null);
+        if (isNew)
+            this.repaint();
+        else
+            this.#repaintChanged(old);
+    }
+
+    #close() {
+        if (!this.picture)
+            return;
+        this.forget();
+        this.picture = null;
+        this.background = null;
+        this.changed = [];
+        this.#repainted();
+    }
+
+    async #updateBackground(post) {
+        const key = `${post.width}x${post.height} ${post.background}`;
+        if (key === this.#backgroundKey)
+            return false;
+        const background = await fetchBackground(this.#number);
+        if (background.width !== post.width || background.height !== post.height)
+            throw new Error('the post has another size by now');
+        this.background = background;
+        this.#backgroundKey = key;
+        this.picture = newPicture(post.width, post.height);
+        return true;
+    }
+
+    // The layer of an OSD: with new pixels if the codec has been given some, else with the old.
+    async #updateLayer(osd) {
+        const old = this.layers.find((layer) => layer.number === osd.number);
+        if (old && old.handle === osd.handle && old.fetched >= osd.sets)
+            return {...old, x: osd.x, y: osd.y};
+        const fetched = await fetchIndices(this.#number, osd).catch((error) => {
+            if (error.status === 404)
+                return null;
+            throw error;
+        });
+        return fetched && {...osd, indices: fetched.indices, fetched: fetched.sets};
+    }
+
+    #repaintChanged(old) {
+        const find = (layers, number) => layers.find((layer) => layer.number === number);
+        const areas = new Map();
+        for (const layer of [...old, ...this.layers]) {
+            const one = find(old, layer.number);
+            const other = find(this.layers, layer.number);
+            const isSame = one && other && one.indices === other.indices && one.x === other.x &&
+                one.y === other.y;
+            if (isSame)
+                continue;
+            const area = areas.get(layer.number);
+            areas.set(layer.number, area ? unionArea(area, areaOf(layer)) : areaOf(layer));
+        }
+        if (areas.size === 0)
+            return;
+        this.changed = [...areas.keys()];
+        const all = [...areas.values()].reduce(unionArea, areas.values().next().value);
+        compose(this.picture, this.background, this.layers, this.#palette(), all);
+        this.#repainted();
+    }
+}

@@ -1,0 +1,174 @@
+// The bar at the top: connection, application, codec; and the notices below it, which tell what is
+// wrong for longer than a moment.
+
+import {announce} from './announce.js';
+import {element, find, setText, syncRows} from './dom.js';
+import {counted} from './format.js';
+import {splitReports, troubleOf} from './log.js';
+
+const CONNECTIONS = {
+    connecting: ['Connecting', ''],
+    open: ['Live', 'good'],
+    lost: ['Connection lost', 'bad'],
+};
+
+function setLamp(name, text, kind) {
+    const lamp = find(`#lamp-${name}`);
+    lamp.className = `lamp ${kind}`;
+    setText(find(`#text-${name}`), text);
+    const item = find(`#item-${name}`);
+    if (item)
+        item.hidden = text === '';
+}
+
+export class StatusView {
+    #live;
+    #actions;
+    #troubles = new Map(); // text of each trouble that the reports tell of, to the moment's handles
+    #told = {};
+
+    constructor(live, actions) {
+        this.#live = live;
+        this.#actions = actions;
+        live.addEventListener('connection', () => this.#showConnection());
+        live.addEventListener('state', () => this.#showState());
+        live.addEventListener('reports', (event) => this.#takeReports(event.detail));
+        actions.addEventListener('busy', () => this.#showButtons());
+        for (const name of ['start', 'stop', 'restart']) {
+            find(`#application-${name}`).addEventListener(
+                'click', () => actions.application(null, {function: name, parameters: []}));
+        }
+        this.#showConnection();
+        this.#showButtons();
+    }
+
+    #showConnection() {
+        const {connection} = this.#live;
+        setLamp('connection', ...CONNECTIONS[connection]);
+        document.body.classList.toggle('lost', connection === 'lost');
+        this.#tell('connection', connection === 'lost' ? 'Connection lost.' : 'Connected.',
+                   connection === 'connecting');
+        this.#showNotices();
+    }
+
+    #showState() {
+        const {state} = this.#live;
+        const running = state.application.running;
+        setLamp('application', running ? 'Server runs' : 'No server runs', running ? 'good' : '');
+        setLamp('device', state.device_open ? 'Codec open' : 'Codec closed',
+                state.device_open ? 'good' : '');
+        this.#showFaults();
+        setLamp('breaches', state.breaches > 0 ? counted(state.breaches, 'breach', 'breaches') : '',
+                'bad');
+        this.#tell('application', running ? 'The server runs.' : 'No server runs.');
+        for (const post of state.posts) {
+            const size = post.open ? `has ${post.width} by ${post.height}` : 'has no thread';
+            this.#tell(`post${post.number}`, `Post ${post.number} ${size}.`);
+        }
+        this.#dropOldTroubles();
+        this.#showButtons();
+        this.#showNotices();
+    }
+
+    #showFaults() {
+        const {on, list} = this.#live.state.faults;
+        const count = counted(list.length, 'fault');
+        if (list.length === 0)
+            setLamp('faults', on ? '' : 'Faults off', '');
+        else
+            setLamp('faults', on ? count : `${count}, off`, on ? 'warn' : '');
+    }
+
+    // Announces a fact when it has changed, but not what is found at the beginning.
+    #tell(name, text, quietly = false) {
+        const old = this.#told[name];
+        if (quietly)
+            return;
+        this.#told[name] = text;
+        if (old !== undefined && old !== text)
+            announce(text);
+    }
+
+    #showButtons() {
+        const running = this.#live.state?.application.running;
+        const cannot = this.#live.state === null || this.#actions.running > 0;
+        find('#application-start').disabled = cannot || running;
+        find('#application-stop').disabled = cannot || !running;
+        find('#application-restart').disabled = cannot || !running;
+    }
+
+    // ---- Notices --------------------------------------------------------------------------------
+
+    #takeReports({reset, text}) {
+        if (reset)
+            this.#troubles.clear();
+        for (const line of splitReports(text)) {
+            const trouble = troubleOf(line);
+            if (trouble)
+                this.#troubles.set(trouble, this.#newestHandle());
+        }
+        this.#showNotices();
+    }
+
+    #newestHandle() {
+        const osds = this.#live.state?.posts.flatMap((post) => post.osds) ?? [];
+        return Math.max(0, ...osds.map((osd) => osd.handle));
+    }
+
+    // An OSD that was opened since says that the trouble is over.
+    #dropOldTroubles() {
+        const newest = this.#newestHandle();
+        for (const [text, handle] of this.#troubles) {
+            if (handle > 0 && newest > handle)
+                this.#troubles.delete(text);
+        }
+    }
+
+    #notices() {
+        const {connection, state} = this.#live;
+        const notices = [];
+        if (connection === 'lost')
+            notices.push({kind: 'bad', text: 'The connection to qm5sim serve is lost. What stands ' +
+                'below is what was known last; this page tries again by itself.'});
+        if (!state)
+            return notices;
+        if (!state.folder)
+            notices.push({kind: 'info', text: 'There is no state folder yet: no application has ' +
+                'used the simulated codec. Start the application.'});
+        else if (!state.application.running)
+            notices.push({kind: 'info', text: 'No server runs. The pictures change only while the ' +
+                'application runs.'});
+        if (state.application.running && !state.device_open)
+            notices.push({kind: 'warn', text: 'A server runs, but not on this simulated codec: ' +
+                'nobody has it open.'});
+        if (state.faults.error)
+            notices.push({kind: 'bad', text: `The faults can't be read: ${state.faults.error}`});
+        for (const text of this.#troubles.keys())
+            notices.push({kind: 'bad', text, dismiss: () => this.#troubles.delete(text)});
+        return notices;
+    }
+
+    #showNotices() {
+        const list = find('#notices');
+        const notices = this.#notices();
+        list.hidden = notices.length === 0;
+        syncRows(list, notices, (notice) => notice.text, (notice) => this.#makeNotice(notice),
+                 () => {});
+    }
+
+    #makeNotice({kind, text, dismiss}) {
+        const row = element('li', {className: `notice ${kind}`}, element('span', {}, text));
+        if (dismiss) {
+            announce(text);
+            row.append(element('button', {
+                type: 'button',
+                textContent: 'Dismiss',
+                on: {click: () => {
+                    dismiss();
+                    this.#showNotices();
+                }},
+            }));
+        }
+        return row;
+    }
+}
