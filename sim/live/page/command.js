@@ -1,8 +1,10 @@
 // Commands as a POSIX shell takes them, and parameter files: what the page shows for copying.
 
-// A word that the shell takes as it stands, or in quotes.
+// A word as it stands if the shell takes it so, or in quotes. A first word with a `=` would be an
+// assignment; in an option it means nothing.
 export function quote(word) {
-    return /^[A-Za-z0-9_@%+=:,./-]+$/.test(word) ? word : `'${word.replaceAll("'", `'\\''`)}'`;
+    const isPlain = /^(-[A-Za-z0-9_@%+=:,./-]*|[A-Za-z0-9_@%+:,./-]+)$/.test(word);
+    return isPlain ? word : `'${word.replaceAll("'", `'\\''`)}'`;
 }
 
 export function commandLine(words) {
