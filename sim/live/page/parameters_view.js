@@ -11,15 +11,11 @@ import {
 } from './parameters.js';
 import {COLOR_TYPES, POSTS, SLOTS} from './slots.js';
 
-const CHOICES = {
-    ColorType: COLOR_TYPES.map((name, value) => [String(value), name]),
-    RectangleOn: [['0', 'no'], ['1', 'yes'], ['2', 'yes (2)']],
-};
-
+// What the values of some parameters mean, by value.
 function choicesOf(key) {
     if (key.endsWith('ColorType'))
-        return CHOICES.ColorType;
-    return /Rectangle\dOn$/.test(key) ? CHOICES.RectangleOn : null;
+        return COLOR_TYPES.map((name) => name.split(' ')[0]);
+    return /Rectangle\dOn$/.test(key) ? ['no', 'yes', 'yes'] : null;
 }
 
 // ---- One parameter ------------------------------------------------------------------------------
@@ -71,8 +67,8 @@ class Field {
             return element('input', {type: 'checkbox'});
         const choices = choicesOf(this.key);
         if (choices) {
-            return element('select', {}, ...choices.map(([value, name]) =>
-                element('option', {value}, `${value} ${name}`)));
+            return element('select', {}, ...choices.map((name, value) =>
+                element('option', {value}, `${value}: ${name}`)));
         }
         return element('input', {
             type: 'text',
@@ -107,19 +103,24 @@ class Field {
         if (!isTyped)
             this.#value = inForce ?? this.#row.default;
         this.root.classList.toggle('changed', isTyped);
-        setText(this.#hint, this.#hintText(inForce, isTyped));
+        const hints = this.#hints(inForce, isTyped);
+        if (this.#hint.textContent !== hints.join(', ')) {
+            const parts = hints.map((text, at) =>
+                element('span', {}, at + 1 < hints.length ? `${text}, ` : text));
+            this.#hint.replaceChildren(...parts);
+        }
         if (this.#swatch)
             this.#showSwatch();
     }
 
-    #hintText(inForce, isTyped) {
-        const parts = isSwitch(this.#row) ? [`default ${this.#row.default}`]
-                                          : [rangeOf(this.#row), `default ${defaultOf(this.#row)}`];
+    #hints(inForce, isTyped) {
+        const hints = isSwitch(this.#row) ? [] : [rangeOf(this.#row)];
         if (this.#row.kind === 'string')
-            parts.unshift(`${byteLength(this.#value)} bytes`);
+            hints.unshift(counted(byteLength(this.#value), 'byte'));
+        hints.push(`default ${defaultOf(this.#row)}`);
         if (isTyped && inForce !== null)
-            parts.push(`in force ${inForce === '' ? 'empty' : inForce}`);
-        return parts.join(' · ');
+            hints.push(`in force ${inForce === '' ? 'empty' : inForce}`);
+        return hints;
     }
 
     #showSwatch() {

@@ -5,10 +5,11 @@ import {element, find, oncePerFrame, setText} from './dom.js';
 import {colorCode, colorStyle} from './format.js';
 import {announce} from './announce.js';
 import {paint} from './outputs_view.js';
-import {probe} from './picture.js';
+import {areaOf, commonArea, isEmpty, probe, wholeArea} from './picture.js';
 import {modeName, modeOf, POSTS} from './slots.js';
 
 const SCALES = [1, 2, 3, 4, 6, 8, 12, 16, 24, 32];
+const FIRST_SCALE = 3;
 const GRID_FROM = 12; // at this scale the edges of the pixels are drawn
 const FAR = 10; // how far a step with Shift goes
 
@@ -60,15 +61,23 @@ export class ZoomView {
         this.#post = number;
         find('#posts').hidden = true;
         find('#zoom').hidden = false;
-        const {picture} = this.#live.pictures[number];
-        if (picture)
-            this.#cursor = {x: picture.width >> 1, y: picture.height >> 1};
-        this.#scale = 2;
+        this.#cursor = this.#firstPlace();
+        this.#scale = FIRST_SCALE;
         this.#fitCanvas();
         this.#center();
         this.#copyPicture();
         this.#showHead();
         this.#canvas.focus();
+    }
+
+    // The middle of the first OSD that is shown, or else of the picture.
+    #firstPlace() {
+        const {picture, layers} = this.#shown;
+        if (!picture)
+            return {x: 0, y: 0};
+        const areas = layers.map((layer) => commonArea(areaOf(layer), wholeArea(picture)));
+        const area = areas.find((each) => !isEmpty(each)) ?? wholeArea(picture);
+        return {x: (area.left + area.right) >> 1, y: (area.top + area.bottom) >> 1};
     }
 
     close() {

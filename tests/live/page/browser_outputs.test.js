@@ -1,0 +1,219 @@
+// The pictures of the live page in a browser, held against what the tool writes of the same moment.
+
+import assert from 'node:assert/strict';
+import {writeFileSync} from 'node:fs';
+import path from 'node:path';
+import {after, test} from 'node:test';
+
+import {closeBrowser, Stage, until} from './stage.js';
+
+after(closeBrowser);
+
+test('without a state the page says so and shows no picture', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.text('#text-application', 'No server runs');
+    await stage.text('#notices', /There is no state folder yet/);
+    await stage.text('#post-2 .empty', 'Nothing has been shown yet.');
+    await stage.text('#slots-empty', 'No OSD is open.');
+    assert.equal(await stage.page.locator('.screen canvas:visible').count(), 0);
+    await stage.shot('empty');
+});
+
+test('a date that the form switches on comes into the picture', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await stage.showsSnapshot(1);
+    const before = await stage.page.evaluate(() =>
+        document.querySelector('#canvas-1').toDataURL());
+    await stage.click('#parameter-groups [data-group="1"]');
+    await stage.page.check('#field-Post1DateOn');
+    await stage.text('#apply-command', 'qm5osd update --Post1DateOn=1');
+    assert.equal(await stage.update(), 'Done: qm5osd update --Post1DateOn=1');
+    await stage.showsSnapshot(1);
+    const now = await stage.page.evaluate(() => document.querySelector('#canvas-1').toDataURL());
+    assert.notEqual(now, before);
+    await stage.text('#slots-rows tr', /^1\s*2\s*Date/);
+    await stage.shot('date');
+});
+
+const ALL_TEXTS = ['DateOn=1', 'TypeOn=1', 'StringOn=1', 'String=side by side'];
+
+test('texts and rectangles of all posts are composed as the tool does', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    const options = [0, 1, 2, 3].flatMap((post) =>
+        ALL_TEXTS.map((option) => `--Post${post}${option}`));
+    options.push('--Post2Rectangle3On=1', '--Post2Osd3ColorType=1', '--Post2Osd3ColorFg=1',
+                 '--Post2Osd3X=200', '--Post2Osd3Y=0', '--Post2Osd3W=300', '--Post2Osd3H=60',
+                 '--Post3Rectangle3On=1', '--Post3Osd3ColorFg=2', '--Post3Osd3X=1180',
+                 '--Post3Osd3Y=690', '--Post3Osd3W=300', '--Post3Osd3H=60');
+    assert.equal(stage.osd('update', ...options).status, 0);
+    for (const post of [0, 1, 2, 3])
+        await stage.showsSnapshot(post);
+    await stage.shot('texts');
+    await stage.sim('post', '2', '352x288'); // shown at its own size, so that guides are thin
+    await stage.text('#post-2 .post-size', '352 × 288');
+    await stage.showsSnapshot(2);
+    await stage.page.check('#guide-frames');
+    await stage.page.check('#guide-overlaps');
+    await stage.showsSnapshot(2, '--guides');
+    await stage.page.check('#guide-cells');
+    const cell = await stage.page.locator('#guide-cell').getAttribute('placeholder');
+    assert.match(cell, /^\d+x\d+$/);
+    await stage.shot('guides');
+});
+
+test('safe spaces and cells are marked as the tool does', async (t) => {
+    const stage = await Stage.open(t);
+    stage.sim('post', '0', '352x288');
+    const file = path.join(stage.folder, 'safe.conf');
+    writeFileSync(file, '[osd]\nOsdTVOutSafeSpaceUp=8\nOsdTVOutSafeSpaceDown=10\n' +
+        'OsdTVOutSafeSpaceLeft=12\nOsdTVOutSafeSpaceRight=14\n');
+    assert.equal(stage.osd('start', '-f', file, '-l', path.join(stage.folder, 'server.log'),
+                           '--Post0DateOn=1', '--Post0TypeOn=1').status, 0);
+    await stage.text('#post-0 .post-size', '352 × 288');
+    await stage.page.check('#guide-frames');
+    await stage.page.check('#guide-safe');
+    await stage.showsSnapshot(0, '--guides', '--safe', '8,10,12,14');
+    await stage.page.check('#guide-cells');
+    await until(async () => (await stage.page.locator('#guide-cell').getAttribute('placeholder')) !==
+        'none', 'a proposal for the cell');
+    const cell = await stage.page.locator('#guide-cell').getAttribute('placeholder');
+    await stage.page.check('#guide-overlaps');
+    await stage.showsSnapshot(0, '--guides', '--safe', '8,10,12,14', '--cell', cell);
+    await stage.page.fill('#guide-cell', '1x1x1');
+    assert.equal(await stage.page.locator('#guide-cell').getAttribute('aria-invalid'), 'true');
+    await stage.showsSnapshot(0, '--guides', '--safe', '8,10,12,14');
+});
+
+test('a post thread is resized, closed and opened from the page', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await stage.page.fill('#post-2-size', '352x288');
+    await stage.click('#post-2 [type="submit"]');
+    await stage.text('#post-2 .post-size', '352 × 288');
+    await stage.showsSnapshot(2);
+    assert.equal(await stage.page.inputValue('#post-2-size'), '');
+    await stage.click('#post-2 button:text("Close")');
+    await stage.text('#post-2 .empty', 'Post 2 has no thread.');
+    await stage.text('#announcements', /Post 2 has no thread\./);
+    await stage.shot('closed');
+    await stage.page.fill('#post-2-size', 'huge');
+    await stage.click('#post-2 [type="submit"]');
+    await stage.page.locator('#post-2 .outcome').waitFor();
+    assert.match(await stage.page.locator('#post-2 .outcome').textContent(), /huge/);
+    await stage.page.fill('#post-2-size', '640x360');
+    await stage.click('#post-2 [type="submit"]');
+    await stage.text('#post-2 .post-size', '640 × 360');
+    await stage.showsSnapshot(2);
+});
+
+test('another palette colours the pictures', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    assert.equal(stage.osd('update', '--Post0TypeOn=1').status, 0);
+    await stage.click('#tab-palette');
+    await stage.text('#palette-state', 'The built-in palette.');
+    await stage.page.setInputFiles('#palette-load', {
+        name: 'own', mimeType: 'text/plain', buffer: Buffer.from('3 10 200 30 128\n'),
+    });
+    await stage.text('#palette-state', 'A palette of its own.');
+    await stage.showsSnapshot(0);
+    await stage.page.locator('#palette-rows td:has(.swatch)').nth(3).hover();
+    await stage.text('#palette-readout', /^3: red 10, green 200, blue 30, alpha 128/);
+    await stage.page.setInputFiles('#palette-load', {
+        name: 'bad', mimeType: 'text/plain', buffer: Buffer.from('3 10 200 30\n'),
+    });
+    await stage.text('#palette-outcome', /line 1: not INDEX RED GREEN BLUE ALPHA/);
+    await stage.click('#palette-default');
+    await stage.text('#palette-state', 'The built-in palette.');
+    await stage.showsSnapshot(0);
+});
+
+test('a picture of the user comes below the OSDs', async (t) => {
+    const stage = await Stage.open(t);
+    stage.sim('post', '2', '64x36');
+    await stage.startApplication();
+    const frame = path.join(stage.folder, 'frame.png');
+    assert.equal(stage.sim('snapshot', '2', '--guides', '--safe', '4,4,4,4', frame).status, 0);
+    await stage.click('#tab-codec');
+    await stage.page.selectOption('#frame-post', '2');
+    await stage.page.setInputFiles('#frame-load', frame);
+    await stage.showsSnapshot(2, '--over', frame);
+    await stage.page.selectOption('#frame-post', '1');
+    await stage.page.setInputFiles('#frame-load', frame);
+    await stage.text('#frame-outcome', /64x36/);
+    await stage.page.selectOption('#frame-post', '2');
+    await stage.click('#frame-default');
+    await stage.showsSnapshot(2);
+});
+
+test('pixels tell position, colour and the index of each OSD', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    assert.equal(stage.osd('update', '--Post0Rectangle0On=1', '--Post0Osd0ColorFg=4',
+                           '--Post0Osd0X=100', '--Post0Osd0Y=50', '--Post0Osd0W=64',
+                           '--Post0Osd0H=20').status, 0);
+    await stage.showsSnapshot(0);
+    await stage.page.locator('#post-0').getByText('Pixels').click();
+    const probe = stage.page.locator('#zoom-probe');
+    await until(async () => /132, 60/.test(await probe.textContent()), 'the cursor is on the OSD');
+    const told = await probe.locator('tr', {hasText: 'Rectangle 0'}).textContent();
+    assert.match(told, /0 Rectangle 0\s*4\s*224, 32, 32, 255\s*32, 10/);
+    assert.match(await probe.locator('tr', {hasText: 'Colour'}).first().textContent(), /#e02020/);
+    for (const key of ['Shift+ArrowUp', 'ArrowUp', 'Shift+ArrowLeft', 'ArrowRight'])
+        await stage.page.keyboard.press(key);
+    await until(async () => /123, 49/.test(await probe.textContent()), 'the cursor has moved');
+    assert.match(await probe.locator('tr', {hasText: 'Rectangle 0'}).textContent(), /—/);
+    await stage.text('#announcements', /123, 49, #969628\./);
+    for (let step = 0; step < 4; step++)
+        await stage.page.keyboard.press('+');
+    await stage.text('#zoom-scale', '12×');
+    await stage.shot('pixels');
+    await stage.page.keyboard.press('Escape');
+    assert.equal(await stage.page.locator('#posts').isVisible(), true);
+    assert.equal(await stage.page.evaluate(() => document.activeElement.textContent), 'Pixels');
+});
+
+test('pixels follow the pointer and the wheel', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await stage.page.locator('#post-2').getByText('Pixels').click();
+    const canvas = stage.page.locator('#zoom-canvas');
+    await stage.text('#zoom-scale', '3×');
+    const {x, y} = await canvas.boundingBox();
+    await stage.page.mouse.move(x + 10, y + 10);
+    const cell = stage.page.locator('#zoom-probe td').nth(1);
+    const position = async () => (await cell.textContent()).split(', ').map(Number);
+    const before = await until(async () => {
+        const found = await position();
+        return found[0] < 320 && found;
+    }, 'the cursor follows');
+    await stage.page.mouse.wheel(0, -100);
+    await stage.text('#zoom-scale', '4×');
+    const wheeled = await position();
+    assert.ok(Math.abs(wheeled[0] - before[0]) <= 1, 'the pixel at the pointer stays');
+    await stage.page.mouse.down();
+    await stage.page.mouse.move(x + 50, y + 10);
+    await stage.page.mouse.up();
+    await stage.page.mouse.move(x + 10, y + 10);
+    await until(async () => (await position())[0] === wheeled[0] - 10, 'the picture was dragged');
+});
+
+test('only what has changed is fetched, and nothing without a change', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    assert.equal(stage.osd('update', '--Post0TimeOn=1', '--Post0TypeOn=1').status, 0);
+    const sets = () => stage.page.evaluate(() => Number(document.querySelector(
+        '#slots-rows tr:last-child [data-column="sets"]')?.textContent));
+    await until(async () => await sets() >= 2, 'the time goes on');
+    await stage.showsSnapshot(2);
+    const asked = [];
+    stage.page.on('request', (request) => asked.push(new URL(request.url()).pathname));
+    const first = await sets();
+    await until(async () => await sets() >= first + 3, 'the time goes on');
+    assert.ok(asked.length >= 3, 'the time was fetched');
+    assert.deepEqual([...new Set(asked)], ['/api/posts/0/osds/3']);
+    assert.equal(stage.osd('update', '--Post0TimeOn=0').status, 0);
+    await stage.showsSnapshot(0);
+});
