@@ -76,11 +76,12 @@ export function showOutcome(target, text, good = false) {
     target.classList.toggle('good', good);
 }
 
-// A copy button for the text of an element.
-export function copyOnClick(button, source) {
+// A copy button for a text. Where the browser keeps the clipboard from the page, the element that
+// shows the text is selected.
+export function copyOnClick(button, source, text = () => source.textContent) {
     button.addEventListener('click', async () => {
         try {
-            await navigator.clipboard.writeText(source.textContent);
+            await navigator.clipboard.writeText(text());
             announce('Copied.');
             button.textContent = 'Copied';
         } catch {

@@ -1,6 +1,7 @@
 // The logs: commands of this page, reports of the server, calls of the codec library. Each shows
 // its last lines, and stays where the user has scrolled to unless that is its end.
 
+import {copyOnClick} from './actions.js';
 import {element, find, oncePerFrame, setText} from './dom.js';
 import {OPERATIONS} from './faults.js';
 import {timeOfDay} from './format.js';
@@ -56,10 +57,14 @@ class Lines {
 
 export function followCommands(actions) {
     const lines = new Lines('commands');
+    const copy = find('#commands-copy');
+    copyOnClick(copy, find('#commands'),
+                () => actions.records.map(({command}) => `${command}\n`).join(''));
     actions.addEventListener('command', ({detail: {time, command, good, words}}) => {
         const first = {text: `${timeOfDay(time).slice(0, 8)}  ${command}`, isBad: !good};
         const more = good ? [] : words.split('\n').map((text) => ({text: `  ${text}`, isBad: true}));
         lines.add([first, ...more]);
+        copy.hidden = false;
     });
 }
 

@@ -3,9 +3,9 @@
 
 import {element, find, setText} from './dom.js';
 import {drawGuides, isEmpty, safeArea} from './picture.js';
-import {cellOf, modeName, modeOf, parseSize, POSTS, safeSpaceOf} from './slots.js';
+import {cellOf, modeName, modeOf, parseSize, POST_SIZES, POSTS, safeSpaceOf} from './slots.js';
 
-const SIZES = ['720x576', '1920x1080', '1280x720', '640x360', '352x288'];
+const SIZES = [...POST_SIZES, '352x288'];
 
 // ---- Guides -------------------------------------------------------------------------------------
 
@@ -162,7 +162,7 @@ class PostView {
                                                  : 'Nothing has been shown yet.');
         p.pixels.disabled = !post.open;
         const now = post.open ? `${post.width}x${post.height}` : 'closed';
-        p.wanted.placeholder = post.wanted === 'closed' ? SIZES[this.#number] : post.wanted;
+        p.wanted.placeholder = post.wanted === 'closed' ? POST_SIZES[this.#number] : post.wanted;
         const isDue = now !== post.wanted;
         p.note.hidden = !isDue;
         setText(p.note, isDue ? `${post.wanted} is wanted` + (this.#live.state.device_open ?

@@ -2,6 +2,9 @@
 
 export const POSTS = ['TV output', 'Stream 1', 'Stream 2', 'Storage'];
 
+// The sizes that their threads have without a word.
+export const POST_SIZES = ['720x576', '1920x1080', '640x360', '1280x720'];
+
 // By number: the text of a slot, the switch that shows it, and of how many cells its row is.
 export const SLOTS = [
     {text: 'User string', name: 'string', on: 'StringOn', cells: 22},

@@ -36,12 +36,16 @@ export class SlotsView {
         const rows = this.#live.state.posts.flatMap((post) => {
             const osds = withClosed ? [0, 1, 2, 3].map((number) => (
                 post.osds.find((osd) => osd.number === number) ?? {number})) : post.osds;
-            return osds.filter((osd) => withClosed || osd.handle).map((osd) => ({post, osd}));
+            return osds.filter((osd) => withClosed || osd.handle)
+                .map((osd, at) => ({post, osd, isFirst: at === 0}));
         });
         find('#slots-empty').hidden = rows.length > 0;
         find('#slots-scroll').hidden = rows.length === 0;
         syncRows(find('#slots-rows'), rows, ({post, osd}) => `${post.number}/${osd.number}`, makeRow,
-                 (row, {post, osd}) => this.#update(row, post, osd));
+                 (row, {post, osd, isFirst}) => {
+                     row.classList.toggle('first', isFirst);
+                     this.#update(row, post, osd);
+                 });
     }
 
     #texts(post, osd) {

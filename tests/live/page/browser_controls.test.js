@@ -1,0 +1,327 @@
+// What the live page changes: parameters, files, faults, settings and the application itself.
+
+import assert from 'node:assert/strict';
+import {readFileSync, writeFileSync} from 'node:fs';
+import path from 'node:path';
+import {after, test} from 'node:test';
+
+import {closeBrowser, Stage, until} from './stage.js';
+
+after(closeBrowser);
+
+// Chooses the parameters of a post, or with '' the common ones.
+async function choose(stage, group) {
+    await stage.click(`#parameter-groups [data-group="${group}"]`);
+}
+
+// The value in force of a parameter, as the application tells it.
+function inForce(stage, key) {
+    const {stdout} = stage.osd('getthdinfo', '-a');
+    return new RegExp(`:${key}=(.*)$`, 'm').exec(stdout)?.[1];
+}
+
+// ---- Parameters ---------------------------------------------------------------------------------
+
+test('a refused value stands by its field in the words of the application', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await stage.page.fill('#field-Post0StringColor', '256');
+    await choose(stage, '1');
+    await stage.page.check('#field-Post1DateOn');
+    const told = await stage.update();
+    assert.match(told, /^It failed with exit status 1\./);
+    await stage.text('#error-Post0StringColor', `invalid value '256' of key Post0StringColor`);
+    assert.equal(await stage.page.evaluate(() => document.activeElement.id),
+                 'field-Post0StringColor');
+    assert.equal(await stage.page.getAttribute('#field-Post0StringColor', 'aria-invalid'), 'true');
+    assert.equal(inForce(stage, 'Post1DateOn'), '0');
+    await stage.text('#apply-count', '2 changes');
+    await stage.shot('refused');
+    await stage.page.fill('#field-Post0StringColor', '255');
+    await stage.text('#error-Post0StringColor', '');
+    assert.match(await stage.update(), /^Done:/);
+    assert.equal(inForce(stage, 'Post0StringColor'), '255');
+    assert.equal(inForce(stage, 'Post1DateOn'), '1');
+    await stage.text('#apply-count', 'No change.');
+});
+
+test('what a shell would touch reaches the application untouched', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    const text = `it's $HOME "&" \\;`;
+    await stage.page.fill('#field-Post0String', text);
+    await stage.text('#apply-command',
+                     `qm5osd update '--Post0String=it'\\''s $HOME "&" \\;'`);
+    assert.match(await stage.update(), /^Done:/);
+    assert.equal(inForce(stage, 'Post0String'), text);
+    await stage.page.fill('#field-Post0String', '');
+    assert.match(await stage.update(), /^Done: qm5osd update --Post0String=$/);
+    assert.equal(inForce(stage, 'Post0String'), '');
+});
+
+test('a parameter of files alone is changed through a file', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await choose(stage, '');
+    assert.equal(await stage.page.locator('#panel-parameters .tag:visible').count(), 12);
+    await stage.page.fill('#field-OsdDateFgColor', '2');
+    await stage.text('#apply-command', 'qm5osd update -f changes.conf');
+    await stage.text('#apply-file', 'changes.conf:\n[osd]\nOsdDateFgColor=2');
+    assert.match(await stage.update(), /^Done:/);
+    assert.match(readFileSync('/tmp/osd_tmp_param.txt', 'utf8'), /^OsdDateFgColor=2$/m);
+    await stage.shot('common');
+});
+
+test('safe spaces are changed by a restart that keeps everything else', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    assert.equal(stage.osd('update', '--Post0TypeOn=1', '--Post3String=kept').status, 0);
+    await choose(stage, '');
+    await stage.page.fill('#field-OsdTVOutSafeSpaceLeft', '40');
+    await stage.page.locator('#apply-note').waitFor();
+    await stage.click('#apply-restart');
+    await stage.page.locator('#apply-outcome.good').waitFor();
+    assert.equal(inForce(stage, 'Post0TypeOn'), '1');
+    assert.equal(inForce(stage, 'Post3String'), 'kept');
+    await stage.text('#slots-rows tr:first-child [data-column="shown"]', /^40, /);
+    await stage.showsSnapshot(0);
+});
+
+test('no event takes away what was typed', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await stage.page.fill('#field-Post0String', 'half a tho');
+    assert.equal(stage.osd('update', '--Post0String=theirs', '--Post0StringOn=1',
+                           '--Post0StringColor=7').status, 0);
+    await until(async () => await stage.page.inputValue('#field-Post0StringColor') === '7',
+                'the other field follows');
+    await stage.text('#hint-Post0String', /in force theirs$/);
+    assert.equal(await stage.page.inputValue('#field-Post0String'), 'half a tho');
+    await stage.click('#apply-discard');
+    assert.equal(await stage.page.inputValue('#field-Post0String'), 'theirs');
+});
+
+test('what is typed while a command runs is kept for the next one', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await stage.page.fill('#field-Post0String', 'first');
+    await stage.page.check('#field-Post0StringOn');
+    stage.sim('fault', 'add', 'set_osd', 'next', 'delay', '1500');
+    await stage.click('#apply-submit');
+    await stage.page.fill('#field-Post0String', 'second');
+    await stage.page.locator('#apply-outcome.good').waitFor();
+    assert.equal(await stage.page.inputValue('#field-Post0String'), 'second');
+    await stage.text('#apply-count', '1 change');
+    assert.equal(inForce(stage, 'Post0String'), 'first');
+});
+
+// ---- Files --------------------------------------------------------------------------------------
+
+test('parameters are saved, loaded, compared and applied', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    assert.equal(stage.osd('update', '--Post1TypeOn=1', '--Post1String=saved').status, 0);
+    await stage.click('#tab-file');
+    const coming = stage.page.waitForEvent('download');
+    await stage.click('#file-save');
+    const file = path.join(stage.folder, 'mine.conf');
+    await (await coming).saveAs(file);
+    assert.match(readFileSync(file, 'utf8'), /^\[osd\]$[^]*^Post1String=saved$/m);
+    await stage.page.setInputFiles('#file-load', file);
+    await stage.text('#file-verdict', 'It says nothing else than what is in force.');
+    assert.equal(stage.osd('update', '--Post1TypeOn=0', '--Post1String=other').status, 0);
+    await stage.click('#file-compare');
+    await stage.text('#file-verdict', '2 differences.');
+    assert.deepEqual(await stage.page.locator('#file-rows tr').allInnerTexts(),
+                     ['Post1TypeOn\t0\t1', 'Post1String\tother\tsaved']);
+    await stage.text('#file-command', 'qm5osd update -f mine.conf');
+    await stage.shot('file');
+    await stage.click('#file-apply');
+    await stage.text('#file-verdict', 'It says nothing else than what is in force.');
+    await stage.page.locator('#file-outcome.good').waitFor();
+    assert.equal(inForce(stage, 'Post1String'), 'saved');
+    await stage.showsSnapshot(1);
+});
+
+test('a file that the application refuses is told in its words', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await stage.click('#tab-file');
+    const load = (text) => stage.page.setInputFiles('#file-load', {
+        name: 'bad.conf', mimeType: 'text/plain', buffer: Buffer.from(text, 'latin1'),
+    });
+    await load('[osd]\nPost0Nothing=1\n');
+    await stage.text('#file-verdict', /invalid key 'Post0Nothing'/);
+    assert.equal(await stage.page.locator('#file-differences').isVisible(), false);
+    await stage.click('#file-apply');
+    await stage.text('#file-outcome', /invalid key 'Post0Nothing'/);
+    await load('[osd]\nPost0String=\xff\n');
+    await stage.text('#file-outcome', 'bad.conf: it is no text in UTF-8.');
+});
+
+// ---- Faults -------------------------------------------------------------------------------------
+
+test('a fault is added, happens, is reported, and is removed', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await stage.click('#tab-faults');
+    await stage.page.selectOption('#fault-operation', 'set_osd');
+    await stage.page.fill('#fault-value', '0x81E00042');
+    await stage.page.selectOption('#fault-post', '0');
+    await stage.text('#fault-command', 'qm5sim fault add set_osd next fail 0x81E00042 post 0');
+    await stage.click('#fault-form [type="submit"]');
+    await stage.text('#fault-rows tr', /^1set_osd next fail 0x81E00042 post 000Remove$/);
+    await stage.text('#text-faults', '1 fault');
+    stage.osd('update', '--Post0TypeOn=1');
+    await stage.text('#reports', /qm5_cl_post_set_osd\(\) failed\. errno=0x81E00042/);
+    await until(async () => /post 0[1-9]\d*1Remove$/.test(
+        await stage.page.locator('#fault-rows tr').textContent()), 'it has happened once');
+    await stage.shot('fault');
+    await stage.page.uncheck('#faults-on');
+    await stage.text('#text-faults', '1 fault, off');
+    assert.match(stage.sim('setting').stdout, /faults:? 0/);
+    await stage.click('#fault-rows button');
+    await stage.text('#fault-empty', 'No fault.');
+    assert.equal(stage.sim('fault').stdout, '');
+});
+
+test('a fault that makes no sense is refused with the reason', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.click('#tab-faults');
+    await stage.page.selectOption('#fault-when', 'percent');
+    await stage.page.fill('#fault-number', '101');
+    await stage.click('#fault-form [type="submit"]');
+    await stage.text('#fault-outcome', /bad WHEN/);
+    await stage.page.selectOption('#fault-operation', 'notify');
+    assert.deepEqual(await stage.page.locator('#fault-effect option').evaluateAll(
+        (options) => options.map(({value}) => value)), ['double', 'late']);
+    assert.equal(await stage.page.locator('#fault-value-field').isVisible(), false);
+    await stage.page.selectOption('#fault-operation', 'library_init');
+    assert.equal(await stage.page.locator('#fault-post').isDisabled(), true);
+});
+
+// ---- The application ----------------------------------------------------------------------------
+
+test('the application stops and starts while the page is open', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await stage.page.check('#field-Post0TypeOn');
+    await stage.update();
+    await stage.click('#application-stop');
+    await stage.text('#text-application', 'No server runs');
+    await stage.text('#notices', /No server runs\. The pictures change only/);
+    await stage.shot('stopped');
+    await stage.idle();
+    await stage.page.uncheck('#field-Post0TypeOn', {force: true}).catch(() => {});
+    await stage.page.check('#field-Post0DateOn');
+    await stage.text('#apply-submit', 'Start with them');
+    await stage.click('#apply-submit');
+    await stage.text('#text-application', 'Server runs');
+    await stage.page.locator('#apply-outcome.good').waitFor();
+    assert.equal(inForce(stage, 'Post0DateOn'), '1');
+    await stage.idle();
+    await stage.showsSnapshot(0);
+    assert.equal(stage.osd('stop').status, 0);
+    await stage.text('#text-application', 'No server runs');
+});
+
+test('a font that cannot be opened is told', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await choose(stage, '');
+    await stage.page.fill('#field-OsdFontFile', '/no/such/font.ttf');
+    await stage.click('#apply-restart');
+    await stage.page.locator('#apply-outcome').waitFor();
+    await stage.text('#notices', /The font cannot be opened: \/no\/such\/font\.ttf/);
+    await stage.text('#reports', /New_Face error\. font file: \/no\/such\/font\.ttf/);
+    await stage.shot('error');
+    await stage.checkAccessibility('a font that cannot be opened');
+    await stage.click('#notices button');
+    await until(async () => !/font/.test(await stage.page.locator('#notices').textContent()),
+                'the notice is dismissed');
+});
+
+test('the time zone block is set and removed', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.click('#tab-codec');
+    await stage.text('#clock-state', /There is no block/);
+    await stage.page.fill('#clock-zone', 'UTC-9');
+    await stage.click('#clock-form [type="submit"]');
+    await stage.text('#clock-state', 'Zone UTC-9, change byte 1.');
+    assert.match(stage.sim('clock').stdout, /^zone: UTC-9$/m);
+    stage.sim('clock', 'UTC+3');
+    await stage.text('#clock-state', 'Zone UTC+3, change byte 2.');
+    await stage.click('#clock-remove');
+    await stage.text('#clock-state', /There is no block/);
+});
+
+test('settings are shown and changed', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.click('#tab-codec');
+    await stage.page.check('#setting-strict');
+    await stage.page.fill('#setting-alignment', '16 32 64');
+    await stage.click('#settings-form [type="submit"]');
+    await until(() => /alignment:? 16 32 64/.test(stage.sim('setting').stdout), 'the alignment');
+    assert.match(stage.sim('setting').stdout, /strict:? 1/);
+    await until(async () => await stage.page.getAttribute('#setting-alignment', 'placeholder') ===
+        '16 32 64', 'the field says so');
+    await stage.page.fill('#setting-alignment', '3');
+    await stage.click('#settings-form [type="submit"]');
+    await stage.page.locator('#settings-outcome').waitFor();
+    assert.equal(await stage.page.inputValue('#setting-alignment'), '3');
+    stage.sim('setting', 'strict', '0');
+    await until(async () => !await stage.page.isChecked('#setting-strict'), 'strict is off again');
+});
+
+// ---- Logs ---------------------------------------------------------------------------------------
+
+test('recorded calls are shown, filtered and paused', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.text('#calls-empty', /Nothing is recorded/);
+    await stage.click('#tab-codec');
+    await stage.page.check('#setting-record');
+    await stage.text('#calls-empty', 'No call has been recorded yet.');
+    await stage.startApplication();
+    await stage.text('#calls', /library_init.*→ 0/);
+    stage.sim('fault', 'add', 'open_osd', 'next', 'fail', 'refused', 'post', '2');
+    stage.osd('update', '--Post1TypeOn=1', '--Post2TypeOn=1');
+    await stage.text('#calls', /post 2 {2}open_osd .*→ -1 errno=0x81E03246/);
+    await stage.shot('calls');
+    const lines = () => stage.page.locator('#calls li').allInnerTexts();
+    await stage.page.check('#calls-failed');
+    await until(async () => (await lines()).every((line) => !line.includes('→ 0')), 'failed only');
+    await stage.page.uncheck('#calls-failed');
+    await stage.page.selectOption('#calls-operation', 'set_osd');
+    await stage.page.selectOption('#calls-post', '1');
+    const found = await lines();
+    assert.ok(found.length >= 1);
+    assert.ok(found.every((line) => /post 1 {2}set_osd /.test(line)), found.join('\n'));
+    await stage.click('#calls-pause');
+    stage.osd('update', '--Post1DateOn=1');
+    await stage.text('#calls-count', /, [1-9]\d* since the pause$/);
+    assert.deepEqual(await lines(), found);
+    await stage.click('#calls-pause');
+    await until(async () => (await lines()).length > found.length, 'the log goes on');
+    await stage.page.fill('#calls-text', 'no such words');
+    await stage.text('#calls-empty', 'No call passes the filter.');
+});
+
+test('commands of the page are kept for copying', async (t) => {
+    const stage = await Stage.open(t, {permissions: ['clipboard-read', 'clipboard-write']});
+    await stage.page.fill('#post-3-size', '320x240');
+    await stage.click('#post-3 [type="submit"]');
+    await stage.text('#commands', /qm5sim post 3 320x240$/);
+    await stage.click('#commands-copy');
+    await stage.text('#commands-copy', 'Copied');
+    assert.equal(await stage.page.evaluate(() => navigator.clipboard.readText()),
+                 'qm5sim post 3 320x240\n');
+});
+
+test('a server that wrote a lot keeps the page short', async (t) => {
+    const stage = await Stage.open(t);
+    const lines = Array.from({length: 9000}, (_, at) => `line ${at}`).join('\n');
+    writeFileSync(path.join(stage.folder, 'server.log'), `${lines}\n`);
+    await stage.text('#reports li:last-child', 'line 8999');
+    const count = await stage.page.locator('#reports li').count();
+    assert.ok(count > 0 && count <= 2000, `${count} lines`);
+});
