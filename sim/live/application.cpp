@@ -98,6 +98,7 @@ std::optional<Done> Application::run(const Task &task)
     sim_reader::make_folder(folder_); // for the log and the file
     std::vector<std::string> words = {program_, task.function};
     const bool logs = find_function(task.function)->takes_log;
+    sim_reader::make_folder(folder_); // of the log and the file, before any codec has made it
     if (logs)
         words.insert(words.end(), {"-l", log_.string()});
     if (task.file) {
