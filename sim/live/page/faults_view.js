@@ -92,13 +92,8 @@ export class FaultsView {
         return this.#actions.run(find('#fault-outcome'), 'DELETE', '/api/faults');
     }
 
-    async #remove(id, button) {
-        // The row goes with its button, so the focus has to have another place.
-        const scroll = find('#fault-scroll');
-        const isFocused = document.activeElement === button;
-        await this.#actions.run(find('#fault-outcome'), 'DELETE', `/api/faults/${id}`);
-        if (isFocused)
-            (scroll.hidden ? find('#fault-operation') : scroll).focus();
+    #remove(id) {
+        return this.#actions.run(find('#fault-outcome'), 'DELETE', `/api/faults/${id}`);
     }
 
     async #switch(box) {
@@ -109,15 +104,20 @@ export class FaultsView {
 
     #showList() {
         const {on, list} = this.#live.state.faults;
+        const scroll = find('#fault-scroll');
+        const hadFocus = scroll.contains(document.activeElement);
         find('#faults-on').checked = on;
         find('#fault-empty').hidden = list.length > 0;
-        find('#fault-scroll').hidden = list.length === 0;
         find('#fault-clear').disabled = list.length === 0;
         syncRows(find('#fault-rows'), list, ({id}) => id, (fault) => this.#makeRow(fault),
                  (row, {met, happened}) => {
                      setText(row.children[2], String(met));
                      setText(row.children[3], on ? String(happened) : `${happened}, off`);
                  });
+        // A row that goes takes its button along, which may have had the focus.
+        if (hadFocus && !scroll.contains(document.activeElement))
+            (list.length > 0 ? scroll : find('#fault-operation')).focus();
+        scroll.hidden = list.length === 0;
     }
 
     #makeRow({id, line}) {
@@ -126,7 +126,7 @@ export class FaultsView {
             type: 'button',
             textContent: 'Remove',
             attributes: {'aria-label': `Remove fault ${id}`},
-            on: {click: (event) => this.#remove(id, event.currentTarget)},
+            on: {click: () => this.#remove(id)},
         });
         return element('tr', {}, element('th', {scope: 'row', className: 'number'}, String(id)),
                        element('td', {className: 'code'}, line), number(), number(),

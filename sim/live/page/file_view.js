@@ -121,6 +121,6 @@ export class FileView {
         await this.#live.readParameters();
         await this.#compare();
         if (answer.good)
-            showOutcome(outcome, `Done: ${answer.command}`, true);
+            showOutcome(outcome, 'Done.', true);
     }
 }

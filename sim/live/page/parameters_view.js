@@ -44,6 +44,7 @@ class Field {
         this.#input = this.#makeInput();
         this.#input.id = `field-${key}`;
         this.#input.setAttribute('aria-describedby', `hint-${key} error-${key}`);
+        this.#input.setAttribute('form', 'parameter-apply'); // Return carries the changes out
         this.#input.addEventListener('input', () => this.#typed());
         this.#hint = element('span', {className: 'hint', id: `hint-${key}`});
         this.#error = element('span', {className: 'error', id: `error-${key}`});
@@ -318,7 +319,7 @@ export class ParametersView {
         const answer = await this.#actions.application(null, {function: name, ...plan});
         if (answer.good) {
             this.draft.carriedOut(changes);
-            showOutcome(outcome, `Done: ${answer.command}`, true);
+            showOutcome(outcome, 'Done.', true);
         } else {
             showOutcome(outcome, answer.words);
             this.#showErrors(answer.error ?? '');

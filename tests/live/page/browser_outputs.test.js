@@ -28,7 +28,8 @@ test('a date that the form switches on comes into the picture', async (t) => {
     await stage.click('#parameter-groups [data-group="1"]');
     await stage.page.check('#field-Post1DateOn');
     await stage.text('#apply-command', 'qm5osd update --Post1DateOn=1');
-    assert.equal(await stage.update(), 'Done: qm5osd update --Post1DateOn=1');
+    assert.equal(await stage.update(), 'Done.');
+    await stage.text('#commands li:last-child', /qm5osd update --Post1DateOn=1$/);
     await stage.showsSnapshot(1);
     const now = await stage.page.evaluate(() => document.querySelector('#canvas-1').toDataURL());
     assert.notEqual(now, before);

@@ -1,0 +1,248 @@
+// Whether anybody can use the live page: by keyboard, enlarged, on a narrow screen, in the dark,
+// with a screen reader; and what it does when the connection breaks.
+
+import assert from 'node:assert/strict';
+import {after, test} from 'node:test';
+
+import {closeBrowser, Stage, until} from './stage.js';
+
+after(closeBrowser);
+
+const TABS = ['parameters', 'file', 'faults', 'palette', 'codec'];
+
+// A page with something of everything: texts, a rectangle, a fault, recorded calls, a loaded file.
+async function openBusyPage(t, options) {
+    const stage = await Stage.open(t, options);
+    stage.sim('setting', 'record', '1');
+    await stage.startApplication();
+    stage.sim('fault', 'add', 'clear_osd', '25%', 'delay', '1', 'post', '1');
+    assert.equal(stage.osd('update', '--Post0DateOn=1', '--Post0StringOn=1', '--Post0String=hello',
+                           '--Post1TypeOn=1', '--Post1Rectangle2On=1', '--Post1Osd2X=500',
+                           '--Post1Osd2W=300', '--Post1Osd2H=200').status, 0);
+    await stage.click('#tab-file');
+    await stage.page.setInputFiles('#file-load', {
+        name: 'other.conf', mimeType: 'text/plain',
+        buffer: Buffer.from('[osd]\nPost0DateOn=0\nPost0String=a longer one\n'),
+    });
+    await stage.text('#file-verdict', '2 differences.');
+    await stage.click('#tab-parameters');
+    await stage.page.fill('#field-Post0StringColor', '7');
+    await stage.page.check('#guide-frames');
+    return stage;
+}
+
+async function forEachTab(stage, run) {
+    for (const tab of TABS) {
+        await stage.click(`#tab-${tab}`);
+        await run(tab);
+    }
+    await stage.click('#tab-parameters');
+}
+
+// ---- Rules of accessibility -----------------------------------------------------------------------
+
+for (const colorScheme of ['light', 'dark']) {
+    test(`the empty page breaks no rule of accessibility, ${colorScheme}`, async (t) => {
+        const stage = await Stage.open(t, {colorScheme});
+        await stage.text('#notices', /There is no state folder yet/);
+        await forEachTab(stage, (tab) => stage.checkAccessibility(`empty, ${tab}`));
+    });
+
+    test(`the busy page breaks no rule of accessibility, ${colorScheme}`, async (t) => {
+        const stage = await openBusyPage(t, {colorScheme});
+        await forEachTab(stage, async (tab) => {
+            await stage.checkAccessibility(`busy, ${tab}`);
+            await stage.shot(`${tab}-${colorScheme}`);
+        });
+        await stage.page.locator('#post-0').getByText('Pixels').click();
+        await stage.checkAccessibility('pixels');
+        await stage.shot(`pixels-${colorScheme}`);
+        await stage.page.keyboard.press('Escape');
+        stage.sim('post', '3', 'closed');
+        await stage.text('#post-3 .empty', 'Post 3 has no thread.');
+        await stage.page.fill('#field-Post0StringColor', 'blue');
+        assert.match(await stage.update(), /^It failed/);
+        await stage.text('#error-Post0StringColor', /invalid value 'blue'/);
+        await stage.checkAccessibility('a refused value');
+        await stage.shot(`refused-${colorScheme}`);
+        await stage.server.end();
+        stage.server = null;
+        await stage.text('#text-connection', 'Connection lost');
+        await stage.checkAccessibility('connection lost');
+        await stage.shot(`lost-${colorScheme}`);
+    });
+}
+
+test('dark and light are what the user prefers', async (t) => {
+    const stage = await Stage.open(t);
+    const ground = () => stage.page.evaluate(() => getComputedStyle(document.body).backgroundColor);
+    const brightness = (color) => color.match(/\d+/g).slice(0, 3).reduce((sum, each) =>
+        sum + Number(each), 0);
+    assert.ok(brightness(await ground()) > 3 * 200);
+    await stage.page.emulateMedia({colorScheme: 'dark'});
+    assert.ok(brightness(await ground()) < 3 * 60);
+});
+
+test('nothing moves for who wants it so', async (t) => {
+    const stage = await Stage.open(t, {reducedMotion: 'reduce'});
+    await stage.startApplication();
+    assert.equal(stage.osd('update', '--Post0TypeOn=1').status, 0);
+    await stage.page.locator('#slots-rows tr').first().waitFor();
+    assert.deepEqual(await stage.page.evaluate(() => [...new Set([...document.querySelectorAll('*')]
+        .flatMap((each) => [getComputedStyle(each).transitionDuration,
+            getComputedStyle(each).animationName]))].sort()), ['0s', 'none']);
+});
+
+// ---- Sizes --------------------------------------------------------------------------------------
+
+for (const [name, options] of [
+    ['360 pixels wide', {viewport: {width: 360, height: 740}}],
+    ['at 200 per cent', {viewport: {width: 720, height: 450}, deviceScaleFactor: 2}],
+]) {
+    test(`nothing sticks out ${name}`, async (t) => {
+        const stage = await openBusyPage(t, options);
+        await forEachTab(stage, async (tab) => {
+            assert.equal(await stage.overhang(), 0, tab);
+            await stage.shot(`${tab}-${options.viewport.width}`);
+        });
+        await stage.page.locator('#post-0').getByText('Pixels').click();
+        assert.equal(await stage.overhang(), 0, 'pixels');
+        await stage.shot(`pixels-${options.viewport.width}`);
+        await stage.checkAccessibility(name);
+    });
+}
+
+test('letters of twice the size still fit', async (t) => {
+    const stage = await openBusyPage(t);
+    await stage.page.evaluate(() => (document.documentElement.style.fontSize = '200%'));
+    await forEachTab(stage, async (tab) => {
+        assert.equal(await stage.overhang(), 0, tab);
+        await stage.shot(`${tab}-large`, false);
+    });
+});
+
+// ---- Keyboard -----------------------------------------------------------------------------------
+
+// Presses Tab until an element has the focus, and sees on the way that each that has it shows it.
+async function tabTo(stage, selector) {
+    for (let pressed = 0; pressed < 200; pressed++) {
+        await stage.page.keyboard.press('Tab');
+        const found = await stage.page.evaluate((wanted) => {
+            const active = document.activeElement;
+            const shown = active.matches('.button input') ? active.parentElement : active;
+            const {outlineStyle, outlineWidth} = getComputedStyle(shown);
+            return {
+                isThere: active.matches(wanted),
+                isShown: outlineStyle !== 'none' && parseFloat(outlineWidth) >= 2,
+                name: active.outerHTML.slice(0, 200),
+                isNone: active === document.body,
+            };
+        }, selector);
+        assert.ok(found.isShown || found.isNone, `the focus is not seen: ${found.name}`);
+        if (found.isThere)
+            return;
+    }
+    assert.fail(`${selector} is not reached`);
+}
+
+test('everything is done by keyboard alone', async (t) => {
+    const stage = await Stage.open(t);
+    const {keyboard} = stage.page;
+    await tabTo(stage, '.skip');
+    await stage.shot('focus', false);
+    await tabTo(stage, '#application-start');
+    await keyboard.press('Enter');
+    await stage.text('#text-application', 'Server runs');
+    await stage.idle();
+    await tabTo(stage, '#field-Post0DateOn');
+    await keyboard.press('Space');
+    await tabTo(stage, '#field-Post0String');
+    await keyboard.type('typed');
+    await keyboard.press('Enter');
+    await stage.page.locator('#apply-outcome.good').waitFor();
+    await stage.showsSnapshot(0);
+    await tabTo(stage, '#post-0-size');
+    await keyboard.type('640x480');
+    await keyboard.press('Enter');
+    await stage.text('#post-0 .post-size', '640 × 480');
+    await tabTo(stage, '#tab-parameters');
+    for (let step = 0; step < 3; step++)
+        await keyboard.press('ArrowRight');
+    assert.equal(await stage.page.evaluate(() => document.activeElement.id), 'tab-palette');
+    assert.equal(await stage.page.locator('#panel-palette').isVisible(), true);
+    await tabTo(stage, '.palette td');
+    await keyboard.press('ArrowDown');
+    await keyboard.press('ArrowRight');
+    await stage.text('#palette-readout', /^17: /);
+    await keyboard.press('Shift+Tab');
+    await keyboard.press('End');
+    assert.equal(await stage.page.locator('#panel-codec').isVisible(), true);
+    await keyboard.press('ArrowRight');
+    assert.equal(await stage.page.locator('#panel-parameters').isVisible(), true);
+});
+
+test('removing the last fault leaves the focus at a useful place', async (t) => {
+    const stage = await Stage.open(t);
+    stage.sim('fault', 'add', 'open_osd', 'next', 'fail', 'gone1');
+    await stage.click('#tab-faults');
+    await stage.page.focus('#fault-rows button');
+    await stage.page.keyboard.press('Enter');
+    await stage.text('#fault-empty', 'No fault.');
+    await until(() => stage.page.evaluate(() => document.activeElement.id === 'fault-operation'),
+                'the focus');
+});
+
+// ---- Announcements --------------------------------------------------------------------------------
+
+test('a time that goes on is not announced, and what matters is', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    assert.equal(stage.osd('update', '--Post0TimeOn=1').status, 0);
+    await stage.page.evaluate(() => {
+        globalThis.changes = 0;
+        const live = document.querySelectorAll('[aria-live]:not([aria-live="off"]), [role="status"]');
+        const observer = new MutationObserver((records) => (globalThis.changes += records.length));
+        live.forEach((each) => observer.observe(
+            each, {childList: true, subtree: true, characterData: true}));
+    });
+    const sets = () => stage.page.evaluate(() => Number(document.querySelector(
+        '#slots-rows [data-column="sets"]')?.textContent));
+    await stage.page.locator('#slots-rows tr').first().waitFor();
+    await until(async () => /runs|Done/.test(
+        await stage.page.locator('#announcements').textContent()), 'the start was announced');
+    const first = await sets();
+    await stage.page.evaluate(() => (globalThis.changes = 0));
+    await until(async () => await sets() >= first + 3, 'the time goes on');
+    assert.equal(await stage.page.evaluate(() => globalThis.changes), 0);
+    stage.sim('post', '2', 'closed');
+    await stage.text('#announcements', 'Post 2 has no thread.');
+    stage.osd('stop');
+    await stage.text('#announcements', 'No server runs.');
+});
+
+// ---- Connection ---------------------------------------------------------------------------------
+
+test('a server that comes back is followed, and obeys the page again', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await stage.page.fill('#field-Post0String', 'still here');
+    await stage.restartServer();
+    await stage.text('#text-connection', 'Live');
+    await stage.text('#announcements', /Connected\./);
+    assert.equal(await stage.page.inputValue('#field-Post0String'), 'still here');
+    assert.equal(await stage.update(), 'Done.');
+    assert.equal(stage.osd('update', '--Post0StringOn=1').status, 0);
+    await stage.showsSnapshot(0);
+});
+
+test('what cannot be carried out without a connection says so', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await stage.server.end();
+    stage.server = null;
+    await stage.text('#notices', /The connection to qm5sim serve is lost/);
+    await stage.page.fill('#field-Post0String', 'x');
+    assert.equal(await stage.update(), 'The server does not answer.');
+    assert.equal(await stage.page.inputValue('#field-Post0String'), 'x');
+    await stage.text('#apply-count', '1 change');
+});
