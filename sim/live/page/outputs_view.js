@@ -162,12 +162,13 @@ class PostView {
                                                  : 'Nothing has been shown yet.');
         p.pixels.disabled = !post.open;
         const now = post.open ? `${post.width}x${post.height}` : 'closed';
-        p.wanted.placeholder = post.wanted === 'closed' ? POST_SIZES[this.#number] : post.wanted;
-        const isDue = now !== post.wanted;
+        const wanted = post.wanted ?? POST_SIZES[this.#number];
+        p.wanted.placeholder = wanted === 'closed' ? POST_SIZES[this.#number] : wanted;
+        const isDue = post.wanted !== null && now !== wanted;
         p.note.hidden = !isDue;
-        setText(p.note, isDue ? `${post.wanted} is wanted` + (this.#live.state.device_open ?
+        setText(p.note, isDue ? `${wanted} is wanted` + (this.#live.state.device_open ?
             '.' : '; the codec takes it up when the application runs.') : '');
-        this.#wasOpen = post.wanted !== 'closed';
+        this.#wasOpen = wanted !== 'closed';
         this.#showButtons();
         this.#describe();
     }

@@ -4,14 +4,15 @@
 import assert from 'node:assert/strict';
 import {spawn, spawnSync} from 'node:child_process';
 import {once} from 'node:events';
-import {mkdirSync, mkdtempSync, rmSync} from 'node:fs';
+import {mkdirSync, mkdtempSync, readFileSync, rmSync} from 'node:fs';
 import {createRequire} from 'node:module';
 import {tmpdir} from 'node:os';
 import path from 'node:path';
 import {createInterface} from 'node:readline';
-import {readFileSync} from 'node:fs';
 
-const {QM5SIM_PROGRAM, QM5OSD_PROGRAM, PAGE_TEST_PACKAGES, PAGE_TEST_PICTURES} = process.env;
+const {
+    QM5SIM_PROGRAM, QM5OSD_PROGRAM, PAGE_TEST_BROWSER, PAGE_TEST_PACKAGES, PAGE_TEST_PICTURES,
+} = process.env;
 const require = createRequire(path.join(PAGE_TEST_PACKAGES, 'package.json'));
 const {chromium} = require('playwright-core');
 const AXE = readFileSync(require.resolve('axe-core/axe.min.js'), 'utf8');
@@ -19,7 +20,7 @@ const AXE = readFileSync(require.resolve('axe-core/axe.min.js'), 'utf8');
 const PATIENCE_MS = 30000; // for what takes a moment; a busy machine may need it all
 
 const BROWSER = {
-    executablePath: '/usr/bin/chromium',
+    executablePath: PAGE_TEST_BROWSER,
     args: [
         '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
         '--disable-background-networking', '--disable-component-update', '--disable-sync',
