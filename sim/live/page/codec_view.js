@@ -59,8 +59,10 @@ export class CodecView {
         const path = () => `/api/posts/${find('#frame-post').value}/frame`;
         find('#frame-load').addEventListener('change', async ({target}) => {
             const [file] = target.files;
-            if (file)
-                await this.#actions.run(outcome, 'PUT', path(), await file.arrayBuffer(), 'image/png');
+            if (file) {
+                const bytes = await file.arrayBuffer();
+                await this.#actions.run(outcome, 'PUT', path(), bytes, 'image/png');
+            }
             target.value = '';
         });
         find('#frame-default').addEventListener('click', () =>

@@ -36,8 +36,8 @@ export function planCommand(name, plan, fileName = 'changes.conf') {
 }
 
 // What a `restart` needs for keeping the parameters in force, with some of them changed: it begins
-// with the common parameter file alone, so all go through a file. A value that is to be emptied can't:
-// there it is an option.
+// with the common parameter file alone, so all go through a file; but for a value that is to be
+// emptied, which only an option can do.
 export function planRestart(parameters, pairs) {
     const changed = new Map(pairs);
     const valueOf = (row) => changed.get(row.key) ?? row.value ?? '';

@@ -36,8 +36,8 @@ export function hasPost(operation) {
     return operation === 'notify' || CALLS_OF_POSTS.includes(operation);
 }
 
-// The line of a fault from the form's words: {operation, when: 'next' | 'nth' | 'every' | 'percent',
-// number, effect, value, post: '' or a digit}.
+// The line of a fault from the form's words: {operation, when, number, effect, value, post}, with
+// next, nth, every or percent for `when`, and '' or a digit for `post`.
 export function faultLine({operation, when, number, effect, value, post}) {
     const times = {next: 'next', every: 'every', nth: `${number}`, percent: `${number}%`};
     const words = [operation, times[when], effect];

@@ -41,7 +41,7 @@ export class FaultsView {
         this.#live.addEventListener('state', () => this.#showList());
     }
 
-    // ---- The form ---------------------------------------------------------------------------------
+    // ---- The form ------------------------------------------------------------------------------
 
     #showEffects() {
         const operation = find('#fault-operation').value;
@@ -83,10 +83,11 @@ export class FaultsView {
     }
 
     #add() {
-        return this.#actions.run(find('#fault-outcome'), 'POST', '/api/faults', {fault: this.#line});
+        return this.#actions.run(find('#fault-outcome'), 'POST', '/api/faults',
+                                 {fault: this.#line});
     }
 
-    // ---- The list ---------------------------------------------------------------------------------
+    // ---- The list ------------------------------------------------------------------------------
 
     #clear() {
         return this.#actions.run(find('#fault-outcome'), 'DELETE', '/api/faults');

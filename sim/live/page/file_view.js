@@ -1,5 +1,5 @@
-// Parameter files: the one that the application saves, and one that is loaded, compared with what is
-// in force, and carried out.
+// Parameter files: the one that the application saves, and one that is loaded, compared with what
+// is in force, and carried out.
 
 import {copyOnClick, onFile, showOutcome} from './actions.js';
 import {get, change} from './api.js';

@@ -26,6 +26,7 @@ export class Live extends EventTarget {
     parameters = []; // rows of the catalogue with the values in force
     palette = packPalette(Array(256).fill([0, 0, 0, 0]));
     hasDefaultPalette = true;
+    paletteError = ''; // why the one in force can't be read
     pictures = [];
 
     #values = new Map();
@@ -139,9 +140,10 @@ export class Live extends EventTarget {
             const {colors, default: isDefault} = await getJson('/api/palette');
             this.palette = packPalette(colors);
             this.hasDefaultPalette = isDefault;
-        } catch {
+            this.paletteError = '';
+        } catch (error) {
             this.#paletteVersion = null; // asked again with the next state
-            return;
+            this.paletteError = error.status === 0 ? '' : error.message;
         }
         this.#tell('palette');
         this.pictures.forEach((picture) => picture.repaint());

@@ -25,7 +25,7 @@ export class Log {
     }
 }
 
-// ---- Calls --------------------------------------------------------------------------------------
+// ---- Calls -------------------------------------------------------------------------------------
 
 const OWN_COLUMNS = ['n', 'time', 'thread', 'call', 'result', 'us'];
 
@@ -89,7 +89,7 @@ export function passes(filter, call, post, line) {
         (filter.text === '' || line.toLowerCase().includes(filter.text.toLowerCase()));
 }
 
-// ---- Reports ------------------------------------------------------------------------------------
+// ---- Reports -----------------------------------------------------------------------------------
 
 export function splitReports(text) {
     const lines = text.split('\n');

@@ -53,7 +53,7 @@ class Lines {
     }
 }
 
-// ---- Commands and reports -----------------------------------------------------------------------
+// ---- Commands and reports ----------------------------------------------------------------------
 
 export function followCommands(actions) {
     const lines = new Lines('commands');
@@ -62,8 +62,8 @@ export function followCommands(actions) {
                 () => actions.records.map(({command}) => `${command}\n`).join(''));
     actions.addEventListener('command', ({detail: {time, command, good, words}}) => {
         const first = {text: `${timeOfDay(time).slice(0, 8)}  ${command}`, isBad: !good};
-        const more = good ? [] : words.split('\n').map((text) => ({text: `  ${text}`, isBad: true}));
-        lines.add([first, ...more]);
+        const more = words.split('\n').map((text) => ({text: `  ${text}`, isBad: true}));
+        lines.add(good ? [first] : [first, ...more]);
         copy.hidden = false;
     });
 }
@@ -79,7 +79,7 @@ export function followReports(live) {
         setText(find('#reports-file'), live.state.log ?? 'no log yet'));
 }
 
-// ---- Calls --------------------------------------------------------------------------------------
+// ---- Calls -------------------------------------------------------------------------------------
 
 export class CallsView {
     #live;

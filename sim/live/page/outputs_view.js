@@ -7,7 +7,7 @@ import {cellOf, modeName, modeOf, parseSize, POST_SIZES, POSTS, safeSpaceOf} fro
 
 const SIZES = [...POST_SIZES, '352x288'];
 
-// ---- Guides -------------------------------------------------------------------------------------
+// ---- Guides ------------------------------------------------------------------------------------
 
 // Which guides are switched on, and what they are of a post.
 export class GuideSwitches extends EventTarget {
@@ -63,7 +63,7 @@ export function paint({picture, layers}, guides, thick) {
     return new ImageData(marked.rgba, width, height);
 }
 
-// ---- One post -----------------------------------------------------------------------------------
+// ---- One post ----------------------------------------------------------------------------------
 
 class PostView {
     root;
@@ -203,14 +203,15 @@ class PostView {
             return;
         if (canvas.width !== picture.width || canvas.height !== picture.height)
             Object.assign(canvas, {width: picture.width, height: picture.height});
-        const thick = Math.max(1, Math.round(picture.width / (canvas.clientWidth || picture.width)));
+        const shownWidth = canvas.clientWidth || picture.width;
+        const thick = Math.max(1, Math.round(picture.width / shownWidth));
         const guides = this.#guides.of(this.#post);
         canvas.getContext('2d').putImageData(paint(shown, guides, thick), 0, 0);
         safe.hidden = !guides?.safe || !isEmpty(safeArea(picture, guides.safe));
     }
 }
 
-// ---- All four -----------------------------------------------------------------------------------
+// ---- All four ----------------------------------------------------------------------------------
 
 export class OutputsView {
     #views;

@@ -35,12 +35,14 @@ export class PaletteView {
         const names = Array.from({length: COLUMNS}, (_, column) => head(String(column)));
         find('#palette-head').append(element('tr', {}, element('td'), ...names));
         for (let first = 0; first < 256; first += COLUMNS) {
-            const cells = Array.from({length: COLUMNS}, (_, column) => this.#makeCell(first + column));
+            const cells = Array.from({length: COLUMNS},
+                                     (_, column) => this.#makeCell(first + column));
             find('#palette-rows').append(
                 element('tr', {}, element('th', {scope: 'row'}, String(first)), ...cells));
         }
         const grid = find('#palette-rows');
-        grid.addEventListener('focusin', (event) => this.#moveTo(this.#cells.indexOf(event.target)));
+        grid.addEventListener('focusin',
+                              (event) => this.#moveTo(this.#cells.indexOf(event.target)));
         grid.addEventListener('pointerover', (event) => {
             const index = this.#cells.indexOf(event.target.closest('td'));
             if (index >= 0)
@@ -62,9 +64,10 @@ export class PaletteView {
     }
 
     #show() {
-        setText(find('#palette-state'), this.#live.hasDefaultPalette ? 'The built-in palette.'
-                                                                     : 'A palette of its own.');
-        find('#palette-default').disabled = this.#live.hasDefaultPalette;
+        const {hasDefaultPalette, paletteError} = this.#live;
+        setText(find('#palette-state'), paletteError ||
+            (hasDefaultPalette ? 'The built-in palette.' : 'A palette of its own.'));
+        find('#palette-default').disabled = hasDefaultPalette && paletteError === '';
         this.#cells.forEach((cell, index) => {
             const color = this.#color(index);
             cell.firstChild.style.backgroundColor = colorStyle(color);
@@ -79,7 +82,8 @@ export class PaletteView {
     }
 
     #read(index) {
-        setText(find('#palette-readout'), `${this.#words(index)} · ${colorCode(this.#color(index))}`);
+        const code = colorCode(this.#color(index));
+        setText(find('#palette-readout'), `${this.#words(index)} · ${code}`);
     }
 
     #moveTo(index) {

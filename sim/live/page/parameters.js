@@ -80,7 +80,7 @@ export function byteLength(text) {
     return new TextEncoder().encode(text).length;
 }
 
-// ---- Errors -------------------------------------------------------------------------------------
+// ---- Errors ------------------------------------------------------------------------------------
 
 // The messages of the application's standard error, by the key that they name; those that name none
 // stand under ''. A message is what is behind the function word and before the place.
@@ -98,7 +98,7 @@ export function errorsByKey(text) {
     return errors;
 }
 
-// ---- What was typed -----------------------------------------------------------------------------
+// ---- What was typed ----------------------------------------------------------------------------
 
 // Values that were typed and aren't carried out yet, by key. Nothing but the user changes them, and
 // a command that has carried them out.

@@ -18,7 +18,7 @@ function choicesOf(key) {
     return /Rectangle\dOn$/.test(key) ? ['no', 'yes', 'yes'] : null;
 }
 
-// ---- One parameter ------------------------------------------------------------------------------
+// ---- One parameter -----------------------------------------------------------------------------
 
 class Field {
     root;
@@ -59,7 +59,8 @@ class Field {
         }
         const parts = isSwitch(this.#row) ? [box, label] : [label, box];
         return element('div', {
-            className: isSwitch(this.#row) ? 'field check' : 'field', dataset: {kind: this.#row.kind},
+            className: isSwitch(this.#row) ? 'field check' : 'field',
+            dataset: {kind: this.#row.kind},
         }, ...parts, this.#hint, this.#error);
     }
 
@@ -145,16 +146,19 @@ class Field {
     }
 }
 
-// ---- Groups -------------------------------------------------------------------------------------
+// ---- Groups ------------------------------------------------------------------------------------
 
-// Legend, test of the key, and what is to be known of the group.
+// Legend, test of the key, what is to be known of the group, and how its fields are laid out.
 const COMMON_GROUPS = [
     ['Font', (key) => key === 'OsdFontFile',
-        'A running server takes another font where a post or a slot next opens.'],
-    ['Colours of the texts', (key) => key.includes('Color'), ''],
+        'A running server takes another font where a post or a slot next opens.', ''],
+    ['Colours of the texts', (key) => key.includes('Color'), '', 'pairs'],
     ['Safe spaces of the TV output, in pixels', (key) => key.includes('SafeSpace'),
-        'Change them with a restart: they change the size of the font.'],
+        'Change them with a restart: they change the size of the font.', ''],
 ];
+
+const RESTART_NOTE = 'Safe spaces and font belong to a restart: an update that changes the size ' +
+    'of the font can end the server.';
 
 function rectangleNote(number) {
     return `Shares its slot with the ${SLOTS[number].text.toLowerCase()}, which wins.`;
@@ -195,7 +199,7 @@ export class ParametersView {
         this.#showChoices();
     }
 
-    // ---- Making the form --------------------------------------------------------------------------
+    // ---- Making the form -----------------------------------------------------------------------
 
     #makeChoices() {
         const groups = [...POSTS.keys()].map(String).concat('');
@@ -245,19 +249,19 @@ export class ParametersView {
         this.#choose(this.#group);
     }
 
-    #fieldSet(legend, note, rows) {
+    #fieldSet(legend, note, rows, layout = '') {
         const parts = [element('legend', {}, legend)];
         if (note !== '')
             parts.push(element('p', {className: 'hint'}, note));
         const fields = rows.map((row) => this.#fields.get(row.key).root);
-        parts.push(element('div', {className: 'fields'}, ...fields));
+        parts.push(element('div', {className: `fields ${layout}`}, ...fields));
         return element('fieldset', {}, ...parts);
     }
 
     #commonSets() {
         const rows = this.live.parameters.filter((row) => row.group === 'common');
-        return COMMON_GROUPS.map(([legend, belongs, note]) =>
-            this.#fieldSet(legend, note, rows.filter((row) => belongs(row.key))));
+        return COMMON_GROUPS.map(([legend, belongs, note, layout]) =>
+            this.#fieldSet(legend, note, rows.filter((row) => belongs(row.key)), layout));
     }
 
     #postSets(post) {
@@ -275,7 +279,7 @@ export class ParametersView {
         this.#showChoices();
     }
 
-    // ---- Carrying out -----------------------------------------------------------------------------
+    // ---- Carrying out --------------------------------------------------------------------------
 
     #changes() {
         return this.draft.changes(this.live.parameters);
@@ -297,8 +301,7 @@ export class ParametersView {
         setText(find('#apply-file'), plan.file === undefined ? ''
                                                              : `changes.conf:\n${plan.file}`);
         const wantsRestart = running && changes.some(([key]) => needsRestart(key));
-        setText(find('#apply-note'), wantsRestart ? 'Safe spaces and font belong to a restart: an ' +
-            'update that changes the size of the font can end the server.' : '');
+        setText(find('#apply-note'), wantsRestart ? RESTART_NOTE : '');
         find('#apply-note').hidden = !wantsRestart;
         find('#apply-restart').hidden = !wantsRestart;
         setText(find('#apply-submit'), running ? 'Update' : 'Start with them');

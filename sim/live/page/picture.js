@@ -18,7 +18,7 @@ export function packPalette(colors) {
     return Uint8Array.from(colors.flat());
 }
 
-// ---- Areas --------------------------------------------------------------------------------------
+// ---- Areas -------------------------------------------------------------------------------------
 
 export function commonArea(one, other) {
     return {
@@ -42,7 +42,7 @@ export function areaOf(osd) {
     return {left: osd.x, top: osd.y, right: osd.x + osd.line_pixels, bottom: osd.y + osd.height};
 }
 
-// ---- Composing ----------------------------------------------------------------------------------
+// ---- Composing ---------------------------------------------------------------------------------
 
 // Whole numbers, rounded down: the codec's way, and that of qm5sim.
 function mix(below, above, alpha) {
@@ -87,7 +87,7 @@ export function compose(picture, background, layers, palette, area = wholeArea(p
         layOver(picture, layer, palette, seen);
 }
 
-// ---- Looking at one pixel -----------------------------------------------------------------------
+// ---- Looking at one pixel ----------------------------------------------------------------------
 
 function colorAt(picture, x, y) {
     const at = (y * picture.width + x) * 4;
@@ -115,7 +115,7 @@ export function probe(picture, background, layers, palette, x, y) {
     return {x, y, color: colorAt(picture, x, y), below: colorAt(background, x, y), osds};
 }
 
-// ---- Guides -------------------------------------------------------------------------------------
+// ---- Guides ------------------------------------------------------------------------------------
 
 const GUIDE_COLORS = Uint8Array.from([
     255, 64, 64, 255, // OSD 0

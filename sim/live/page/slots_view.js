@@ -41,7 +41,8 @@ export class SlotsView {
         });
         find('#slots-empty').hidden = rows.length > 0;
         find('#slots-scroll').hidden = rows.length === 0;
-        syncRows(find('#slots-rows'), rows, ({post, osd}) => `${post.number}/${osd.number}`, makeRow,
+        const keyOf = ({post, osd}) => `${post.number}/${osd.number}`;
+        syncRows(find('#slots-rows'), rows, keyOf, makeRow,
                  (row, {post, osd, isFirst}) => {
                      row.classList.toggle('first', isFirst);
                      this.#update(row, post, osd);

@@ -12,6 +12,13 @@ const CONNECTIONS = {
     lost: ['Connection lost', 'bad'],
 };
 
+const LOST = 'The connection to qm5sim serve is lost. What stands below is what was known last; ' +
+    'this page tries again by itself.';
+const ELSEWHERE = 'A server runs, but not on this simulated codec: nobody has it open.';
+const NO_STATE = 'There is no state folder yet: no application has used the simulated codec. ' +
+    'Start the application.';
+const NOT_RUNNING = 'No server runs. The pictures change only while the application runs.';
+
 function setLamp(name, text, kind) {
     const lamp = find(`#lamp-${name}`);
     lamp.className = `lamp ${kind}`;
@@ -32,6 +39,7 @@ export class StatusView {
         this.#actions = actions;
         live.addEventListener('connection', () => this.#showConnection());
         live.addEventListener('state', () => this.#showState());
+        live.addEventListener('palette', () => this.#showNotices());
         live.addEventListener('reports', (event) => this.#takeReports(event.detail));
         actions.addEventListener('busy', () => this.#showButtons());
         for (const name of ['start', 'stop', 'restart']) {
@@ -97,7 +105,7 @@ export class StatusView {
         find('#application-restart').disabled = cannot || !running;
     }
 
-    // ---- Notices --------------------------------------------------------------------------------
+    // ---- Notices -------------------------------------------------------------------------------
 
     #takeReports({reset, text}) {
         if (reset)
@@ -128,21 +136,20 @@ export class StatusView {
         const {connection, state} = this.#live;
         const notices = [];
         if (connection === 'lost')
-            notices.push({kind: 'bad', text: 'The connection to qm5sim serve is lost. What stands ' +
-                'below is what was known last; this page tries again by itself.'});
+            notices.push({kind: 'bad', text: LOST});
         if (!state)
             return notices;
-        if (!state.folder)
-            notices.push({kind: 'info', text: 'There is no state folder yet: no application has ' +
-                'used the simulated codec. Start the application.'});
-        else if (!state.application.running)
-            notices.push({kind: 'info', text: 'No server runs. The pictures change only while the ' +
-                'application runs.'});
-        if (state.application.running && !state.device_open)
-            notices.push({kind: 'warn', text: 'A server runs, but not on this simulated codec: ' +
-                'nobody has it open.'});
+        const running = state.application.running;
+        if (running && !state.device_open)
+            notices.push({kind: 'warn', text: ELSEWHERE});
+        else if (!state.folder)
+            notices.push({kind: 'info', text: NO_STATE});
+        else if (!running)
+            notices.push({kind: 'info', text: NOT_RUNNING});
         if (state.faults.error)
-            notices.push({kind: 'bad', text: `The faults can't be read: ${state.faults.error}`});
+            notices.push({kind: 'bad', text: `Faults and settings: ${state.faults.error}`});
+        if (this.#live.paletteError)
+            notices.push({kind: 'bad', text: `The palette: ${this.#live.paletteError}`});
         for (const text of this.#troubles.keys())
             notices.push({kind: 'bad', text, dismiss: () => this.#troubles.delete(text)});
         return notices;

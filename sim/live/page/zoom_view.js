@@ -87,7 +87,7 @@ export class ZoomView {
         this.#opener?.focus();
     }
 
-    // ---- Making -----------------------------------------------------------------------------------
+    // ---- Making --------------------------------------------------------------------------------
 
     #makeProbe() {
         const cell = (name) => (this.#cells[name] = element('td', {className: 'number'}));
@@ -153,7 +153,7 @@ export class ZoomView {
         this.#guides.addEventListener('change', () => this.#copyPicture());
     }
 
-    // ---- What is shown ----------------------------------------------------------------------------
+    // ---- What is shown -------------------------------------------------------------------------
 
     get #shown() {
         return this.#live.pictures[this.#post];
@@ -255,7 +255,7 @@ export class ZoomView {
         this.#cells[swatch].style.backgroundColor = color ? colorStyle(color) : '';
     }
 
-    // ---- Moving -----------------------------------------------------------------------------------
+    // ---- Moving --------------------------------------------------------------------------------
 
     get #viewWidth() {
         return this.#canvas.width / this.#scale;

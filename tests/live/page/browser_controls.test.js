@@ -1,11 +1,14 @@
 // What the live page changes: parameters, files, faults, settings and the application itself.
 
 import assert from 'node:assert/strict';
-import {readFileSync, writeFileSync} from 'node:fs';
+import {spawnSync} from 'node:child_process';
+import {readFileSync, rmSync, writeFileSync} from 'node:fs';
 import path from 'node:path';
 import {after, test} from 'node:test';
 
 import {closeBrowser, Stage, until} from './stage.js';
+
+const {QM5OSD_PROGRAM} = process.env;
 
 after(closeBrowser);
 
@@ -20,7 +23,7 @@ function inForce(stage, key) {
     return new RegExp(`:${key}=(.*)$`, 'm').exec(stdout)?.[1];
 }
 
-// ---- Parameters ---------------------------------------------------------------------------------
+// ---- Parameters --------------------------------------------------------------------------------
 
 test('a refused value stands by its field in the words of the application', async (t) => {
     const stage = await Stage.open(t);
@@ -116,7 +119,7 @@ test('what is typed while a command runs is kept for the next one', async (t) =>
     assert.equal(inForce(stage, 'Post0String'), 'first');
 });
 
-// ---- Files --------------------------------------------------------------------------------------
+// ---- Files -------------------------------------------------------------------------------------
 
 test('parameters are saved, loaded, compared and applied', async (t) => {
     const stage = await Stage.open(t);
@@ -160,7 +163,7 @@ test('a file that the application refuses is told in its words', async (t) => {
     await stage.text('#file-outcome', 'bad.conf: it is no text in UTF-8.');
 });
 
-// ---- Faults -------------------------------------------------------------------------------------
+// ---- Faults ------------------------------------------------------------------------------------
 
 test('a fault is added, happens, is reported, and is removed', async (t) => {
     const stage = await Stage.open(t);
@@ -201,7 +204,7 @@ test('a fault that makes no sense is refused with the reason', async (t) => {
     assert.equal(await stage.page.locator('#fault-post').isDisabled(), true);
 });
 
-// ---- The application ----------------------------------------------------------------------------
+// ---- The application ---------------------------------------------------------------------------
 
 test('the application stops and starts while the page is open', async (t) => {
     const stage = await Stage.open(t);
@@ -243,6 +246,52 @@ test('a font that cannot be opened is told', async (t) => {
                 'the notice is dismissed');
 });
 
+test('a server that was killed is told, and another one started', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    assert.equal(stage.osd('update', '--Post0TypeOn=1').status, 0);
+    await stage.text('#slots-rows', /Label/);
+    const {stdout} = spawnSync('pidof', [QM5OSD_PROGRAM], {encoding: 'utf8'});
+    process.kill(Number(stdout), 'SIGKILL');
+    await stage.text('#text-application', 'No server runs');
+    await stage.text('#text-device', 'Codec closed');
+    await stage.startApplication();
+    await stage.text('#slots-empty', 'No OSD is open.');
+    await stage.showsSnapshot(0);
+});
+
+test('files of the state folder that make no sense are told', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    const spoil = (name) => writeFileSync(path.join(stage.folder, name), 'nonsense\n');
+    spoil('faults');
+    await stage.text('#notices', /faults:1: not ID OPERATION WHEN EFFECT/);
+    spoil('palette');
+    await stage.text('#notices', /palette: line 1: not INDEX RED GREEN BLUE ALPHA/);
+    await stage.click('#tab-palette');
+    await stage.click('#palette-default');
+    await stage.text('#palette-state', 'The built-in palette.');
+    await stage.click('#tab-faults');
+    rmSync(path.join(stage.folder, 'faults'));
+    await until(async () => await stage.page.locator('#notices').isHidden(), 'all is well again');
+});
+
+test('two pages at once see what either does', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    const other = await stage.page.context().newPage();
+    await other.goto(stage.server.address);
+    await other.click('#parameter-groups [data-group="1"]');
+    await Promise.all([stage.page.check('#field-Post0DateOn'), other.check('#field-Post1DateOn')]);
+    await Promise.all([stage.click('#apply-submit'), other.click('#apply-submit')]);
+    await stage.text('#apply-outcome', 'Done.');
+    await until(async () => await other.textContent('#apply-outcome') === 'Done.', 'the other');
+    await until(() => stage.page.isChecked('#field-Post1DateOn'), 'the first sees the second');
+    await until(() => other.isChecked('#field-Post0DateOn'), 'the second sees the first');
+    await stage.showsSnapshot(0);
+    await stage.showsSnapshot(1);
+});
+
 test('the time zone block is set and removed', async (t) => {
     const stage = await Stage.open(t);
     await stage.click('#tab-codec');
@@ -275,7 +324,7 @@ test('settings are shown and changed', async (t) => {
     await until(async () => !await stage.page.isChecked('#setting-strict'), 'strict is off again');
 });
 
-// ---- Logs ---------------------------------------------------------------------------------------
+// ---- Logs --------------------------------------------------------------------------------------
 
 test('recorded calls are shown, filtered and paused', async (t) => {
     const stage = await Stage.open(t);

@@ -39,7 +39,7 @@ async function forEachTab(stage, run) {
     await stage.click('#tab-parameters');
 }
 
-// ---- Rules of accessibility -----------------------------------------------------------------------
+// ---- Rules of accessibility --------------------------------------------------------------------
 
 for (const colorScheme of ['light', 'dark']) {
     test(`the empty page breaks no rule of accessibility, ${colorScheme}`, async (t) => {
@@ -93,7 +93,7 @@ test('nothing moves for who wants it so', async (t) => {
             getComputedStyle(each).animationName]))].sort()), ['0s', 'none']);
 });
 
-// ---- Sizes --------------------------------------------------------------------------------------
+// ---- Sizes -------------------------------------------------------------------------------------
 
 for (const [name, options] of [
     ['360 pixels wide', {viewport: {width: 360, height: 740}}],
@@ -121,7 +121,7 @@ test('letters of twice the size still fit', async (t) => {
     });
 });
 
-// ---- Keyboard -----------------------------------------------------------------------------------
+// ---- Keyboard ----------------------------------------------------------------------------------
 
 // Presses Tab until an element has the focus, and sees on the way that each that has it shows it.
 async function tabTo(stage, selector) {
@@ -192,7 +192,7 @@ test('removing the last fault leaves the focus at a useful place', async (t) => 
                 'the focus');
 });
 
-// ---- Announcements --------------------------------------------------------------------------------
+// ---- Announcements -----------------------------------------------------------------------------
 
 test('a time that goes on is not announced, and what matters is', async (t) => {
     const stage = await Stage.open(t);
@@ -200,7 +200,7 @@ test('a time that goes on is not announced, and what matters is', async (t) => {
     assert.equal(stage.osd('update', '--Post0TimeOn=1').status, 0);
     await stage.page.evaluate(() => {
         globalThis.changes = 0;
-        const live = document.querySelectorAll('[aria-live]:not([aria-live="off"]), [role="status"]');
+        const live = document.querySelectorAll('[aria-live], [role="status"], [role="log"]');
         const observer = new MutationObserver((records) => (globalThis.changes += records.length));
         live.forEach((each) => observer.observe(
             each, {childList: true, subtree: true, characterData: true}));
@@ -220,7 +220,7 @@ test('a time that goes on is not announced, and what matters is', async (t) => {
     await stage.text('#announcements', 'No server runs.');
 });
 
-// ---- Connection ---------------------------------------------------------------------------------
+// ---- Connection --------------------------------------------------------------------------------
 
 test('a server that comes back is followed, and obeys the page again', async (t) => {
     const stage = await Stage.open(t);

@@ -77,9 +77,10 @@ test('safe spaces and cells are marked as the tool does', async (t) => {
     await stage.page.check('#guide-safe');
     await stage.showsSnapshot(0, '--guides', '--safe', '8,10,12,14');
     await stage.page.check('#guide-cells');
-    await until(async () => (await stage.page.locator('#guide-cell').getAttribute('placeholder')) !==
-        'none', 'a proposal for the cell');
-    const cell = await stage.page.locator('#guide-cell').getAttribute('placeholder');
+    const cell = await until(async () => {
+        const proposal = await stage.page.getAttribute('#guide-cell', 'placeholder');
+        return proposal !== 'none' && proposal;
+    }, 'a proposal for the cell');
     await stage.page.check('#guide-overlaps');
     await stage.showsSnapshot(0, '--guides', '--safe', '8,10,12,14', '--cell', cell);
     await stage.page.fill('#guide-cell', '1x1x1');

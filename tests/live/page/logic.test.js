@@ -20,7 +20,7 @@ function valuesOf(values) {
     return (key) => values[key] ?? null;
 }
 
-// ---- Slots --------------------------------------------------------------------------------------
+// ---- Slots -------------------------------------------------------------------------------------
 
 test('a text wins over the rectangle of its slot', () => {
     const mode = (text, rectangle) => modeOf(
@@ -63,7 +63,7 @@ test('a size is two numbers that are not 0', () => {
         assert.equal(parseSize(text), null, text);
 });
 
-// ---- Commands -----------------------------------------------------------------------------------
+// ---- Commands ----------------------------------------------------------------------------------
 
 test('words are quoted as a POSIX shell needs it', () => {
     assert.equal(quote('--Post0DateOn=1'), '--Post0DateOn=1');
@@ -104,7 +104,7 @@ test('a parameter file has its section', () => {
     assert.equal(parameterFile([['A', ' b ']]), '[osd]\nA= b \n');
 });
 
-// ---- Parameters ---------------------------------------------------------------------------------
+// ---- Parameters --------------------------------------------------------------------------------
 
 test('keys have names', () => {
     assert.equal(nameOf('OsdTVOutSafeSpaceUp'), 'Up');
@@ -167,7 +167,7 @@ test('what was typed stays until it is carried out or taken back', () => {
     assert.deepEqual(draft.changes(rows), []);
 });
 
-// ---- Faults -------------------------------------------------------------------------------------
+// ---- Faults ------------------------------------------------------------------------------------
 
 test('the words of a fault make its line', () => {
     const words = {
@@ -192,7 +192,7 @@ test('each operation has its effects', () => {
     assert.deepEqual(['notify', 'set_osd', 'set_notify'].map(hasPost), [true, true, false]);
 });
 
-// ---- Logs ---------------------------------------------------------------------------------------
+// ---- Logs --------------------------------------------------------------------------------------
 
 const OPENED = {
     n: 40, time: '2026-11-21T14:03:07.123456Z', thread: 7, call: 'open_osd', res_id: '0x50000001',
@@ -256,7 +256,7 @@ test('reports are told apart', () => {
     assert.equal(troubleOf('ERR:#qm5osd:[server]=post 1 has been closed(osd_refresh)'), null);
 });
 
-// ---- Texts --------------------------------------------------------------------------------------
+// ---- Texts -------------------------------------------------------------------------------------
 
 test('numbers and colours have their forms', () => {
     assert.equal(hexadecimal(0x60000005), '0x60000005');

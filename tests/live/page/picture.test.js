@@ -111,7 +111,7 @@ test('a pixel tells its colour, the one below, and the index of each OSD there',
     assert.equal(probe(picture, background, layers, PALETTE, 0, -1), null);
 });
 
-// ---- Guides -------------------------------------------------------------------------------------
+// ---- Guides ------------------------------------------------------------------------------------
 
 const NO_GUIDES = {frames: false, overlaps: false, safe: null, cell: null};
 
@@ -128,7 +128,8 @@ function marks(picture) {
 test('frames are the outermost pixels of the memory, cut at the edges', () => {
     const picture = newPicture(6, 4);
     const osds = [layer(1, 1, 1, 3, [[0, 0, 0], [0, 0, 0], [0, 0, 0]]),
-        {...layer(2, 0, 0, 6, [[0, 0, 0, 0, 0, 0]]), shown: false}, layer(3, 5, 3, 4, [[0, 0, 0, 0]])];
+        {...layer(2, 0, 0, 6, [[0, 0, 0, 0, 0, 0]]), shown: false},
+        layer(3, 5, 3, 4, [[0, 0, 0, 0]])];
     drawGuides(picture, osds, {...NO_GUIDES, frames: true});
     assert.deepEqual(marks(picture), ['......', '.111..', '.1.1..', '.111.3']);
 });

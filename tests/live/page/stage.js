@@ -53,7 +53,7 @@ function runWith(program, folder, words) {
     return {status, stdout, stderr};
 }
 
-// ---- The server ---------------------------------------------------------------------------------
+// ---- The server --------------------------------------------------------------------------------
 
 class Server {
     #child;
@@ -86,7 +86,7 @@ class Server {
     }
 }
 
-// ---- The stage ----------------------------------------------------------------------------------
+// ---- The stage ---------------------------------------------------------------------------------
 
 // What a browser tells of connections and requests that the tests themselves make fail.
 const EXPECTED = /^Failed to load resource:|net::ERR_/;
@@ -147,7 +147,7 @@ export class Stage {
         this.server = await Server.start(this.#folder, port);
     }
 
-    // ---- The page ---------------------------------------------------------------------------------
+    // ---- The page ------------------------------------------------------------------------------
 
     // Waits until an element has this text, or one that matches.
     async text(selector, expected) {
