@@ -70,6 +70,7 @@ std::string format_state(const Facts &facts)
     all["application"] = {{"running", facts.running}};
     all["posts"] = posts;
     all["palette"] = facts.palette;
+    all["parameters"] = facts.parameters;
     all["faults"] = describe_faults(facts);
     all["settings"] = describe_settings(facts.settings);
     all["clock"] = facts.zone ? Json{{"zone", *facts.zone}, {"change", facts.zone_change}} : Json();

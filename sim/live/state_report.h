@@ -20,7 +20,8 @@ struct Facts {
     std::array<std::optional<std::string>, SIM_POSTS> wanted;
     std::array<std::uint64_t, SIM_POSTS> background{};
     std::array<std::array<std::optional<double>, SIM_OSDS>, SIM_POSTS> last_set; // Unix seconds
-    std::uint64_t palette = 0;
+    std::uint64_t palette = 0;    // versions of the palette,
+    std::uint64_t parameters = 0; // and of the parameters in force
     sim_settings settings = SIM_DEFAULT_SETTINGS;
     fault_list::List faults;
     std::optional<std::string> error; // why settings or faults can't be read

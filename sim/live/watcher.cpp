@@ -3,6 +3,7 @@
 #include "application.h"
 #include "control_files.h"
 #include "file_io.h"
+#include "server/channel.h"
 #include "state_reader.h"
 #include "time_zone_block.h"
 
@@ -31,7 +32,26 @@ double unix_seconds()
            1000;
 }
 
+// What differs between two contents of a file.
+std::string stamp_of(const fs::path &file)
+{
+    struct stat status {
+    };
+    if (stat(file.c_str(), &status) != 0)
+        return "none";
+    return std::to_string(status.st_ino) + ' ' + std::to_string(status.st_size) + ' ' +
+           std::to_string(status.st_mtim.tv_sec) + ' ' + std::to_string(status.st_mtim.tv_nsec);
+}
+
 } // namespace
+
+void FileVersion::look(const fs::path &file)
+{
+    std::string stamp = stamp_of(file);
+    if (stamp != stamp_)
+        count_++;
+    stamp_ = std::move(stamp);
+}
 
 Watcher::Watcher(fs::path folder, fs::path log, const Frames &frames, EventHub &hub)
     : folder_(std::move(folder)), log_path_(std::move(log)), frames_(frames), hub_(hub),
@@ -140,7 +160,10 @@ void Watcher::look_around()
     }
     read_control();
     read_zone();
-    look_at_palette();
+    palette_.look(folder_ / "palette");
+    facts_.palette = palette_.count();
+    parameters_.look(OSD_TMP_PARAM);
+    facts_.parameters = parameters_.count();
     facts_.log = log_state_.there ? std::optional(log_path_.filename().string()) : std::nullopt;
 }
 
@@ -165,21 +188,6 @@ void Watcher::read_zone()
     } catch (const std::runtime_error &) { // there is none
         facts_.zone = std::nullopt;
     }
-}
-
-// Counts the changes of the file.
-void Watcher::look_at_palette()
-{
-    struct stat status {
-    };
-    std::string stamp = "none";
-    if (stat((folder_ / "palette").c_str(), &status) == 0)
-        stamp = std::to_string(status.st_ino) + ' ' + std::to_string(status.st_size) + ' ' +
-                std::to_string(status.st_mtim.tv_sec) + ' ' +
-                std::to_string(status.st_mtim.tv_nsec);
-    if (stamp != palette_stamp_)
-        facts_.palette++;
-    palette_stamp_ = std::move(stamp);
 }
 
 } // namespace live

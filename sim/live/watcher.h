@@ -10,6 +10,7 @@
 #include "state_report.h"
 
 #include <condition_variable>
+#include <cstdint>
 #include <filesystem>
 #include <mutex>
 #include <string>
@@ -17,6 +18,22 @@
 
 namespace live
 {
+
+// Counts the changes of a file.
+class FileVersion
+{
+public:
+    void look(const std::filesystem::path &file);
+
+    std::uint64_t count() const
+    {
+        return count_;
+    }
+
+private:
+    std::string stamp_;
+    std::uint64_t count_ = 0;
+};
 
 class Watcher
 {
@@ -40,7 +57,6 @@ private:
     void look_around();
     void read_control();
     void read_zone();
-    void look_at_palette();
 
     const std::filesystem::path folder_;
     const std::filesystem::path log_path_;
@@ -54,7 +70,8 @@ private:
     bool known_ = false;                    // is the state in the facts that of the file?
     std::optional<std::uint32_t> sequence_; // and as of which change
     bool first_look_ = true;
-    std::string palette_stamp_;
+    FileVersion palette_;
+    FileVersion parameters_;
     LogFollower log_;
     Facts facts_;
     RecordState record_;

@@ -4,19 +4,9 @@
 import {getJson} from './api.js';
 import {PostPicture} from './post_picture.js';
 import {packPalette} from './picture.js';
-import {SLOTS, TIME_SLOT} from './slots.js';
+import {SLOTS} from './slots.js';
 
 const RETRY_MS = [500, 1000, 2000, 5000];
-
-// What a change of parameters may have changed in a state: everything but how often the time was
-// drawn.
-function traceOf(state) {
-    const osds = state.posts.flatMap((post) => post.osds.map((osd) => {
-        const sets = osd.number === TIME_SLOT ? 0 : osd.sets;
-        return [post.number, osd.number, osd.handle, osd.shown, osd.x, osd.y, sets];
-    }));
-    return JSON.stringify([state.application.running, osds]);
-}
 
 // Fires: connection, state, parameters, palette, picture (detail: number of the post), calls and
 // reports (detail: what the server's event carried).
@@ -33,7 +23,7 @@ export class Live extends EventTarget {
     #source = null;
     #failures = 0;
     #isFresh = true; // nothing of this stream was seen before
-    #trace = '';
+    #parametersVersion = null;
     #paletteVersion = null;
     #parametersWanted = false;
     #parametersRunning = false;
@@ -105,7 +95,7 @@ export class Live extends EventTarget {
 
     #opened() {
         this.#failures = 0;
-        this.#trace = ''; // anything may have changed meanwhile
+        this.#parametersVersion = null; // another server counts anew
         this.#paletteVersion = null;
         this.pictures.forEach((picture) => picture.forget());
         this.#setConnection('open');
@@ -123,9 +113,9 @@ export class Live extends EventTarget {
 
     #takeState(state) {
         this.state = state;
-        const trace = traceOf(state);
-        if (trace !== this.#trace) {
-            this.#trace = trace;
+        const version = `${state.parameters} ${state.application.running}`;
+        if (version !== this.#parametersVersion) {
+            this.#parametersVersion = version;
             this.readParameters();
         }
         if (state.palette !== this.#paletteVersion)

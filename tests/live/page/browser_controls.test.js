@@ -105,6 +105,15 @@ test('no event takes away what was typed', async (t) => {
     assert.equal(await stage.page.inputValue('#field-Post0String'), 'theirs');
 });
 
+test('a change that no picture shows is followed', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    for (const text of ['not shown', 'nor this', '']) {
+        assert.equal(stage.osd('update', `--Post0String=${text}`).status, 0);
+        await until(async () => await stage.page.inputValue('#field-Post0String') === text, text);
+    }
+});
+
 test('what is typed while a command runs is kept for the next one', async (t) => {
     const stage = await Stage.open(t);
     await stage.startApplication();
