@@ -6,9 +6,10 @@ import {COLOR_TYPES, modeName, modeOf, TIME_SLOT} from './slots.js';
 
 const FRESH_MS = 1500; // how long a change is marked
 
-const NUMBERS = new Set(['requested', 'line', 'memory', 'sets']);
+const NUMBERS = new Set(['requested', 'bytes', 'pixels', 'memory', 'sets']);
 const COLUMNS = [
-    'osd', 'holds', 'colors', 'handle', 'requested', 'line', 'memory', 'shown', 'sets', 'last',
+    'osd', 'holds', 'colors', 'handle', 'requested', 'bytes', 'pixels', 'memory', 'shown', 'sets',
+    'last',
 ];
 
 function makeRow() {
@@ -58,8 +59,9 @@ export class SlotsView {
             colors: isOpen ? `${COLOR_TYPES[osd.color_type]}, ${osd.bits_per_pixel} bits` : '—',
             handle: isOpen ? hexadecimal(osd.handle) : 'not open',
             requested: isOpen ? `${osd.width} × ${osd.height}` : '',
-            line: isOpen ? `${osd.line_bytes} bytes, ${osd.line_pixels} px` : '',
-            memory: isOpen ? `${osd.memory_bytes} bytes` : '',
+            bytes: isOpen ? String(osd.line_bytes) : '',
+            pixels: isOpen ? String(osd.line_pixels) : '',
+            memory: isOpen ? String(osd.memory_bytes) : '',
             shown: isOpen ? (osd.shown ? `${osd.x}, ${osd.y}` : 'not shown') : '',
             sets: isOpen ? String(osd.sets) : '',
             last: osd.last_set ? timeOfDay(osd.last_set) : '',
