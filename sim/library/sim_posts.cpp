@@ -193,8 +193,10 @@ static void sim_follow_vanishing(std::uint32_t number)
 static void *sim_run_posts(void *)
 {
     pollfd wanted[] = {{sim_watch, POLLIN, 0}, {sim_wake_up, POLLIN, 0}};
-    while (!sim_ending) {
+    for (;;) {
         sim_drain_events();
+        if (sim_ending) // after the draining, which may have taken the wake-up
+            return nullptr;
         sim_lock();
         sim_read_control();
         sim_unlock();
@@ -205,7 +207,6 @@ static void *sim_run_posts(void *)
         while (poll(wanted, 2, -1) == -1 && errno == EINTR)
             continue;
     }
-    return nullptr;
 }
 
 static void sim_wake_thread()

@@ -454,4 +454,16 @@ TEST_F(CodecLibrary, state_folder_that_cannot_be_made_is_told)
               "qm5sim: /tmp/none/codec: No such file or directory\n");
 }
 
+// The opening of an OSD makes files, so that the notification thread looks around just then.
+TEST_F(CodecLibrary, ends_while_the_notification_thread_looks_around)
+{
+    for (unsigned i = 0; i < 300; i++) {
+        notices.clear();
+        bring_up();
+        const std::uint32_t id = wait_for_notice(1).res_id;
+        EXPECT_EQ(lib_.close_osd(id, open_osd(id, {0, 16, 1, 0}).handle), 0);
+        take_down();
+    }
+}
+
 } // namespace
