@@ -11,7 +11,7 @@
 //            vanish       the post thread is gone and announced as such before the call
 //            vanish-after the same between the call's work and its return
 //            double       notify: the callback is called twice
-//            late MS      notify: the callback is called so much later
+//            late MS      notify: the callback is called so much later; only its post waits
 //
 // An operation is named as in the library without its qm5_cl_ and post_, sys_: open_osd; `notify`
 // is a call of the application's callback. `post N` limits a fault to one post's calls.

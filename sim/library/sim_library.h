@@ -144,9 +144,11 @@ void sim_reap_memory();
 // ---- Post threads -------------------------------------------------------------------------------
 
 // Starts and stops the thread that keeps the posts as the folder's files say and announces each
-// change, and first of all what runs already. -1 with errno for a failure.
+// change, and first of all what runs already. A post whose announcement is late stays as it is
+// until it has been made, and no other post waits for that. -1 with errno for a failure.
 int sim_start_posts(qm5_cl_post_notify_function *callback, std::uint32_t mask);
 void sim_stop_posts();
 
-// Closes a post thread, and its file says so, and waits until that is announced. Without the lock.
+// Closes a post thread, and its file says so, and waits until that is announced, or is to be
+// announced late. Without the lock.
 void sim_vanish_post(std::uint32_t post);

@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -21,6 +22,15 @@ static_assert(sizeof sim_default_sizes / sizeof *sim_default_sizes == SIM_POSTS)
 static qm5_cl_post_notify_function *sim_callback;
 static std::uint32_t sim_mask;
 static bool sim_announced[SIM_POSTS];
+
+// What a post is still to be told, late.
+static struct {
+    bool pending;
+    bool twice;
+    std::int64_t due; // as sim_now
+    std::uint32_t res_id;
+} sim_late[SIM_POSTS];
+
 static pthread_t sim_thread;
 static int sim_watch = -1;   // inotify on the folder
 static int sim_wake_up = -1; // eventfd: end the thread, or let a post vanish
@@ -90,18 +100,26 @@ static bool sim_read_size(std::uint32_t post, std::uint32_t *width, std::uint32_
 
 // ---- Changes ------------------------------------------------------------------------------------
 
-// Sleeps, but not beyond the end of the thread, and takes up settings and faults meanwhile.
-static void sim_wait(std::uint32_t ms)
+constexpr std::int64_t SIM_MILLISECOND = 1000000;
+
+// Nanoseconds of a clock that nobody sets.
+static std::int64_t sim_now()
 {
-    constexpr std::uint32_t slice = 20;
-    for (; ms > 0 && !sim_ending; ms -= ms < slice ? ms : slice) {
-        sim_sleep(ms < slice ? ms : slice);
-        sim_lock();
-        sim_read_control();
-        sim_unlock();
-    }
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::int64_t{now.tv_sec} * 1000 * SIM_MILLISECOND + now.tv_nsec;
 }
 
+static void sim_tell(std::uint32_t post, std::uint32_t res_id, bool twice)
+{
+    // A word that nobody reads is no zero.
+    const qm5_cl_post_notify_info info = {0x0BADF00D, res_id, post, res_id != 0};
+    sim_callback(info);
+    if (twice)
+        sim_callback(info);
+}
+
+// Tells of a post thread that has come, or of its end by a resource ID of 0.
 static void sim_announce(std::uint32_t post, std::uint32_t res_id)
 {
     sim_announced[post] = res_id != 0;
@@ -110,12 +128,33 @@ static void sim_announce(std::uint32_t post, std::uint32_t res_id)
     sim_lock();
     const sim_trouble trouble = sim_meet_faults(SIM_NOTIFY, post);
     sim_unlock();
-    sim_wait(trouble.late_ms);
-    // A word that nobody reads is no zero.
-    const qm5_cl_post_notify_info info = {0x0BADF00D, res_id, post, res_id != 0};
-    sim_callback(info);
-    if (trouble.twice)
-        sim_callback(info);
+    if (trouble.late_ms != 0)
+        sim_late[post] = {true, trouble.twice, sim_now() + trouble.late_ms * SIM_MILLISECOND,
+                          res_id};
+    else
+        sim_tell(post, res_id, trouble.twice);
+}
+
+static void sim_tell_what_is_due(std::uint32_t post)
+{
+    if (!sim_late[post].pending || sim_late[post].due > sim_now())
+        return;
+    sim_late[post].pending = false;
+    sim_tell(post, sim_late[post].res_id, sim_late[post].twice);
+}
+
+// Milliseconds to the next late announcement, rounded up; -1: there is none.
+static int sim_get_patience()
+{
+    std::int64_t first = INT64_MAX;
+    for (const auto &late : sim_late) {
+        if (late.pending && late.due < first)
+            first = late.due;
+    }
+    if (first == INT64_MAX)
+        return -1;
+    const std::int64_t left = first - sim_now();
+    return left > 0 ? static_cast<int>((left + SIM_MILLISECOND - 1) / SIM_MILLISECOND) : 0;
 }
 
 static void sim_close_post(std::uint32_t number)
@@ -143,19 +182,24 @@ static void sim_open_post(std::uint32_t number, std::uint32_t width, std::uint32
     sim_unlock();
 }
 
-// Brings a post to what its file says. A new size takes a new post thread.
+// Brings a post to what its file says, step by step if one is announced late. A new size takes a
+// new post thread.
 static void sim_follow_post(std::uint32_t number)
 {
     sim_post *post = &sim->post[number];
     std::uint32_t width = 0;
     std::uint32_t height = 0;
 
+    if (sim_late[number].pending)
+        return;
     if (!sim_read_size(number, &width, &height)) {
         width = post->width;
         height = post->height;
     }
     if (post->res_id != 0 && (post->width != width || post->height != height))
         sim_close_post(number);
+    if (sim_late[number].pending)
+        return;
     if (post->res_id == 0 && width != 0)
         sim_open_post(number, width, height);
     if (post->res_id != 0 && !sim_announced[number])
@@ -181,7 +225,10 @@ static void sim_follow_vanishing(std::uint32_t number)
     sim_unlock();
     if (!vanishing)
         return;
-    sim_write_size(number, "closed\n", rename);
+    if (sim_late[number].pending && sim->post[number].res_id != 0)
+        return; // its coming hasn't been told yet
+    sim_write_size(number, "closed
+", rename);
     if (sim->post[number].res_id != 0)
         sim_close_post(number);
     sim_lock();
@@ -201,11 +248,11 @@ static void *sim_run_posts(void *)
         sim_read_control();
         sim_unlock();
         for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
+            sim_tell_what_is_due(post);
             sim_follow_vanishing(post);
             sim_follow_post(post);
         }
-        while (poll(wanted, 2, -1) == -1 && errno == EINTR)
-            continue;
+        poll(wanted, 2, sim_get_patience());
     }
 }
 
@@ -254,6 +301,7 @@ int sim_start_posts(qm5_cl_post_notify_function *callback, std::uint32_t mask)
     sim_callback = callback;
     sim_mask = mask;
     memset(sim_announced, 0, sizeof sim_announced);
+    memset(sim_late, 0, sizeof sim_late);
     sim_ending = false;
     if (sim_make_size_files() != 0)
         return -1;

@@ -79,11 +79,16 @@ TEST(Setting, is_understood_whole_or_not_at_all)
 class Faults : public CodecLibrary
 {
 protected:
-    // Puts faults in force before the library comes up, so that no wait is needed.
-    std::vector<std::uint32_t> bring_up_with(const std::string &faults)
+    static void write_faults(const std::string &faults)
     {
         fs::create_directory(STATE);
         write_file(std::string(STATE) + "/faults", faults);
+    }
+
+    // Puts faults in force before the library comes up, so that no wait is needed.
+    std::vector<std::uint32_t> bring_up_with(const std::string &faults)
+    {
+        write_faults(faults);
         return bring_up_with_posts();
     }
 
@@ -123,19 +128,18 @@ protected:
 
 TEST_F(Faults, each_of_the_twelve_calls_fails_with_the_errno_asked_for)
 {
-    fs::create_directory(STATE);
-    write_file(std::string(STATE) + "/faults", "1 library_init next fail 0x81E00042\n"
-                                               "2 open_device next fail refused\n"
-                                               "3 notify_callback next fail gone1\n"
-                                               "4 set_notify next fail gone2\n"
-                                               "5 thread_get_status next fail gone3\n"
-                                               "6 open_osd next fail refused\n"
-                                               "7 get_osd_mem next fail 0x81E00043\n"
-                                               "8 set_osd next fail 0x81E00044\n"
-                                               "9 clear_osd next fail 0x81E00045\n"
-                                               "10 close_osd next fail 0x81E00046\n"
-                                               "11 close_device next fail 0x81E00047\n"
-                                               "12 library_exit next fail 0x81E00048\n");
+    write_faults("1 library_init next fail 0x81E00042\n"
+                 "2 open_device next fail refused\n"
+                 "3 notify_callback next fail gone1\n"
+                 "4 set_notify next fail gone2\n"
+                 "5 thread_get_status next fail gone3\n"
+                 "6 open_osd next fail refused\n"
+                 "7 get_osd_mem next fail 0x81E00043\n"
+                 "8 set_osd next fail 0x81E00044\n"
+                 "9 clear_osd next fail 0x81E00045\n"
+                 "10 close_osd next fail 0x81E00046\n"
+                 "11 close_device next fail 0x81E00047\n"
+                 "12 library_exit next fail 0x81E00048\n");
     EXPECT_TRUE(failed(lib_.library_init(), 0x81E00042));
     ASSERT_EQ(lib_.library_init(), 0);
     EXPECT_TRUE(failed(lib_.open_device(), QM5_CL_ERROR_OPEN_REFUSED));
@@ -314,6 +318,61 @@ TEST_F(Faults, notice_is_doubled_or_late)
     EXPECT_TRUE(wait_until([] { return state().fault[0].met == 1; }));
     change_faults(""); // nor does anything else wait that long
     take_down();
+}
+
+// The posts that were told of, in order, each with what was told.
+std::string notices_told()
+{
+    std::string told;
+    for (const Notice &notice : notices_so_far())
+        told += (notice.opened ? " +" : " -") + std::to_string(notice.post);
+    return told;
+}
+
+TEST_F(Faults, late_notice_holds_up_no_other_post)
+{
+    write_faults("1 notify every late 600000 post 0\n");
+    bring_up();
+    wait_for_notice(3);
+    sim_reader::write_size(STATE, 2, 0, 0);
+    wait_for_notice(4);
+    sim_reader::write_size(STATE, 2, 640, 480);
+    wait_for_notice(5);
+    EXPECT_EQ(notices_told(), " +1 +2 +3 -2 +2");
+    EXPECT_EQ(state().fault[0].happened, 1u);
+    take_down();
+    EXPECT_EQ(notices_so_far().size(), 5u) << "nothing is told behind the end";
+}
+
+TEST_F(Faults, late_notices_of_a_post_keep_their_order)
+{
+    write_faults("1 notify every late 40 post 1\n2 notify 2 double post 1\n");
+    bring_up();
+    wait_for_notice(3);
+    sim_reader::write_size(STATE, 1, 0, 0); // hardly later than the 40 ms
+    EXPECT_TRUE(wait_until([] { return notices_so_far().size() == 6; }));
+    sim_reader::write_size(STATE, 1, 640, 480);
+    wait_for_notice(7);
+    std::string told;
+    for (const Notice &notice : notices_so_far()) {
+        if (notice.post == 1)
+            told += notice.opened ? '+' : '-';
+    }
+    EXPECT_EQ(told, "+--+");
+}
+
+// The other way round than on any other day: the call fails before the application is told.
+TEST_F(Faults, post_vanishes_and_its_end_is_told_late)
+{
+    const std::vector<std::uint32_t> ids =
+        bring_up_with("1 notify 5 late 600000\n2 get_osd_mem next vanish\n");
+    const Opened opened = open_osd(ids[2], {0, 64, 2, 0});
+    qm5_cl_osd_mem mem{};
+    EXPECT_TRUE(failed(lib_.get_osd_mem(ids[2], opened.handle, &mem), QM5_CL_ERROR_GONE_1));
+    EXPECT_EQ(notices_so_far().size(), 4u);
+    EXPECT_EQ(read_file(std::string(STATE) + "/post2"), "closed\n");
+    take_down();
+    EXPECT_FALSE(fs::exists(std::string(STATE) + "/breaches"));
 }
 
 } // namespace
