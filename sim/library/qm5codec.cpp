@@ -96,6 +96,7 @@ static void sim_end_osds()
     for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
         for (std::uint32_t number = 0; number < SIM_OSDS; number++) {
             const std::uint32_t handle = sim->post[post].osd[number].handle;
+            sim_note_gone(post, number, 0);
             if (handle == 0)
                 continue;
             const sim_memory *memory = sim_get_memory(post, number);
@@ -311,8 +312,10 @@ static std::uint32_t sim_check_param(const sim_call *call, const qm5_cl_osd_para
         return SIM_ERROR_ARGUMENT;
     }
     if (call->post->osd[param->number].handle != 0 &&
-        sim_get_memory(call->post_number, param->number)->excused)
+        sim_get_memory(call->post_number, param->number)->excused) {
+        sim_note_gone(call->post_number, param->number, call->post->osd[param->number].handle);
         sim_end_osd(call->post_number, param->number);
+    }
     if (call->post->osd[param->number].handle != 0) {
         sim_breach(call->operation, "param: OSD %u of post %u is open", param->number,
                    call->post_number);
@@ -336,6 +339,7 @@ static int sim_open_osd(std::uint32_t res_id, const qm5_cl_osd_param *param, std
         return sim_end_call(&call, -1);
     }
     const sim_osd *osd = &call.post->osd[param->number];
+    sim_note_gone(call.post_number, param->number, 0); // the application knows another one now
     *handle = osd->handle;
     *aux = 0xA0000000 + param->number;
     *line_bytes = osd->line_bytes + static_cast<std::uint32_t>(call.trouble.line);
@@ -350,7 +354,6 @@ static int sim_close_osd(std::uint32_t res_id, std::uint32_t handle)
         return -1;
     }
     sim_check_memory(call.operation, sim_get_memory(call.post_number, call.osd_number));
-    sim_note_closed(handle);
     sim_end_osd(call.post_number, call.osd_number);
     return sim_end_call(&call, 0);
 }

@@ -13,9 +13,8 @@
 // The thread of qm5_cl_library_init.
 static pthread_t sim_server;
 
-// The last handles that the application has closed.
-static std::uint32_t sim_closed[64];
-static std::size_t sim_closed_count;
+// Handles that have gone without having been closed by the application.
+static std::uint32_t sim_gone[SIM_POSTS][SIM_OSDS];
 
 static void sim_write_breach(const char *line, std::size_t length)
 {
@@ -40,13 +39,17 @@ void sim_breach(sim_operation operation, const char *format, ...)
     strcat(line, "\n");
     fputs(line, stderr);
     fflush(stderr);
+    sim_settings setting = sim_setting;
     if (sim) {
         sim_write_breach(line, strlen(line));
         sim_begin();
         sim->breaches++;
         sim_end();
+    } else if (sim_make_folder() == 0) { // its state may be another process's
+        sim_write_breach(line, strlen(line));
+        sim_read_settings(sim_folder(), &setting);
     }
-    if (sim_setting.strict != 0)
+    if (setting.strict != 0)
         abort();
 }
 
@@ -60,13 +63,8 @@ void sim_check_thread(sim_operation operation)
 
 void sim_check_zero(sim_operation operation, const char *name, const void *record, std::size_t size)
 {
-    const auto *bytes = static_cast<const std::uint8_t *>(record);
-    for (std::size_t i = 0; i < size; i++) {
-        if (bytes[i] != 0) {
-            sim_breach(operation, "%s: not all zero before the call", name);
-            return;
-        }
-    }
+    if (!sim_is_all(record, 0, size))
+        sim_breach(operation, "%s: not all zero before the call", name);
 }
 
 // Was this ID or handle ever given out?
@@ -82,31 +80,47 @@ void sim_check_res_id(sim_operation operation, std::uint32_t res_id)
         sim_breach(operation, "resource ID 0x%08X: there has never been one", res_id);
 }
 
-static bool sim_was_closed(std::uint32_t handle)
+static bool sim_has_gone(std::uint32_t handle)
 {
-    for (const std::uint32_t closed : sim_closed) {
-        if (handle == closed)
-            return true;
+    for (const auto &post : sim_gone) {
+        for (const std::uint32_t gone : post) {
+            if (handle == gone)
+                return true;
+        }
     }
     return false;
 }
 
+static bool sim_is_open(std::uint32_t handle)
+{
+    for (const sim_post &post : sim->post) {
+        for (const sim_osd &osd : post.osd) {
+            if (handle == osd.handle)
+                return true;
+        }
+    }
+    return false;
+}
+
+// No handle comes twice, so that one that was given, isn't open and hasn't gone has been closed.
 void sim_check_handle(sim_operation operation, std::uint32_t handle)
 {
     if (!sim_was_given(handle, SIM_FIRST_HANDLE))
         sim_breach(operation, "handle 0x%08X: there has never been one", handle);
-    else if (sim_was_closed(handle))
+    else if (sim_is_open(handle))
+        sim_breach(operation, "handle 0x%08X: it is another post's", handle);
+    else if (!sim_has_gone(handle))
         sim_breach(operation, "handle 0x%08X: it has been closed", handle);
 }
 
 void sim_check_old_handle(sim_operation operation, std::uint32_t word)
 {
-    if (word != 0 && (!sim_was_given(word, SIM_FIRST_HANDLE) || sim_was_closed(word)))
+    if (word != 0 && !sim_has_gone(word))
         sim_breach(operation, "handle: 0x%08X before the call, neither 0 nor gone with its post",
                    word);
 }
 
-void sim_note_closed(std::uint32_t handle)
+void sim_note_gone(std::uint32_t post, std::uint32_t number, std::uint32_t handle)
 {
-    sim_closed[sim_closed_count++ % (sizeof sim_closed / sizeof *sim_closed)] = handle;
+    sim_gone[post][number] = handle;
 }

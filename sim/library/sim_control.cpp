@@ -11,40 +11,6 @@ sim_settings sim_setting = SIM_DEFAULT_SETTINGS;
 static sim_fault sim_faults[SIM_FAULTS];
 static std::size_t sim_fault_count_in_force;
 
-// Room for a text of so many lines.
-constexpr std::size_t SIM_TEXT = SIM_FAULTS * SIM_FAULT_LINE;
-
-// Calls `parse` for each line that is no comment and not empty; false, said on stderr, at the first
-// one that it refuses.
-template <typename Parse>
-static bool sim_parse_lines(const char *path, const char *text, Parse parse)
-{
-    std::size_t number = 0;
-    while (*text != '\0') {
-        char line[SIM_FAULT_LINE];
-        const std::size_t length = strcspn(text, "\n");
-        number++;
-        snprintf(line, sizeof line, "%.*s", static_cast<int>(length), text);
-        const char *why = length >= sizeof line ? "line is too long" : nullptr;
-        if (!why && line[strspn(line, " \t")] != '\0' && line[0] != ';')
-            why = parse(line);
-        if (why) {
-            fprintf(stderr, "qm5sim: %s:%zu: %s\n", path, number, why);
-            return false;
-        }
-        text += length + (text[length] == '\n');
-    }
-    return true;
-}
-
-static void sim_take_settings(const char *path, const char *text)
-{
-    sim_settings settings = SIM_DEFAULT_SETTINGS;
-    if (sim_parse_lines(path, text,
-                        [&settings](char *line) { return sim_parse_setting(line, &settings); }))
-        sim_setting = settings;
-}
-
 static const char *sim_add_fault(const char *line, sim_fault *faults, std::size_t *count)
 {
     if (*count == SIM_FAULTS)
@@ -63,7 +29,7 @@ static void sim_take_faults(const char *path, const char *text)
 {
     sim_fault faults[SIM_FAULTS] = {};
     std::size_t count = 0;
-    if (!sim_parse_lines(path, text, [&faults, &count](char *line) {
+    if (!sim_parse_lines(path, text, [&faults, &count](const char *line) {
             return sim_add_fault(line, faults, &count);
         }))
         return;
@@ -101,7 +67,7 @@ void sim_read_control()
     any = true;
     taken = hash;
     sim_begin();
-    sim_take_settings(settings_path, settings);
+    sim_take_settings(settings_path, settings, &sim_setting);
     sim_take_faults(faults_path, faults);
     sim->control = hash;
     sim_end();

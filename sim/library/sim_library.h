@@ -3,19 +3,7 @@
 #pragma once
 
 #include "display/qm5codec.h"
-#include "sim_state.h"
-
-// Errors of the simulator's own.
-constexpr std::uint32_t SIM_ERROR_ORDER = 0x81E00001;    // a call out of its order
-constexpr std::uint32_t SIM_ERROR_ARGUMENT = 0x81E00002; // an argument out of range
-constexpr std::uint32_t SIM_ERROR_BUSY = 0x81E03201;     // the post has an open OSD of this number
-constexpr std::uint32_t SIM_ERROR_SYSTEM = 0x81E00003;   // the state folder; said on stderr
-
-// Sets errno to a code and returns -1.
-int sim_fail(std::uint32_t code);
-
-// Says "qm5sim: what: why" on stderr, with the system's reason, and fails with SIM_ERROR_SYSTEM.
-int sim_fail_system(const char *what);
+#include "sim_text.h"
 
 // ---- State --------------------------------------------------------------------------------------
 
@@ -42,17 +30,17 @@ void sim_unmap_state();
 // Forgets all OSDs in the state.
 void sim_forget_osds();
 
-// The state folder, from the environment at sim_map_state: later the application changes its
-// environment while the notification thread runs.
+// Takes the state folder from the environment and makes it. -1 with errno for a failure. Only while
+// the library is down; sim_map_state does it too.
+int sim_make_folder();
+
+// The state folder as it was then: later the application changes its environment while the
+// notification thread runs.
 const char *sim_folder();
 
 // The path of a file in it, into SIM_PATH_SIZE bytes; cut if it is too long, which sim_map_state
 // doesn't let happen.
 [[gnu::format(printf, 2, 3)]] void sim_get_path(char *path, const char *format, ...);
-
-// The text of a small file of the folder, fewer than `size` - 1 bytes and a terminator; 0 bytes for
-// no file. The number of bytes, or -1 after saying why.
-long sim_read_text(const char *path, char *text, std::size_t size);
 
 std::uint32_t sim_new_id();
 
@@ -96,9 +84,9 @@ void sim_check_thread(sim_operation operation);
 void sim_check_zero(sim_operation operation, const char *name, const void *record,
                     std::size_t size);
 
-// Tells what is wrong with a resource ID or a handle of a post that nobody knows: that it has gone
-// with its post thread is no breach; that the application has closed it, or that there has never
-// been such a one, is.
+// Tells what is wrong with a resource ID or a handle that the call's post doesn't know: that it has
+// gone with its post thread is no breach; that the application has closed it, that it is another
+// post's, or that there has never been such a one, is.
 void sim_check_res_id(sim_operation operation, std::uint32_t res_id);
 void sim_check_handle(sim_operation operation, std::uint32_t handle);
 
@@ -111,8 +99,9 @@ void sim_check_old_handle(sim_operation operation, std::uint32_t word);
 constexpr std::uint32_t SIM_FIRST_RES_ID = 0x50000000;
 constexpr std::uint32_t SIM_FIRST_HANDLE = 0x60000000;
 
-// Remembers a handle that the application has closed.
-void sim_note_closed(std::uint32_t handle);
+// Remembers the handle of an OSD that has gone without having been closed by the application, which
+// may still hold it; 0: it no longer does. With the lock, if the notification thread runs.
+void sim_note_gone(std::uint32_t post, std::uint32_t number, std::uint32_t handle);
 
 // ---- OSD memory ---------------------------------------------------------------------------------
 
@@ -138,7 +127,12 @@ sim_memory *sim_get_memory(std::uint32_t post, std::uint32_t number);
 // Looks for writes where and when nobody may write; each is a breach.
 void sim_check_memory(sim_operation operation, const sim_memory *memory);
 
-// Gives back the memory of OSDs that have gone with their post thread.
+// Is all of a memory this byte?
+bool sim_is_all(const void *memory, std::uint8_t byte, std::size_t size);
+
+// Gives back the memory of OSDs that have gone from the state, if any have: who lets them go says
+// so. With the lock, if the notification thread runs.
+extern bool sim_is_reaping_due;
 void sim_reap_memory();
 
 // ---- Post threads -------------------------------------------------------------------------------

@@ -21,17 +21,7 @@ static int sim_state_fd = -1; // locked while the library is up
 
 static sim_memory sim_memories[SIM_POSTS][SIM_OSDS];
 
-int sim_fail(std::uint32_t code)
-{
-    errno = static_cast<int>(code);
-    return -1;
-}
-
-int sim_fail_system(const char *what)
-{
-    fprintf(stderr, "qm5sim: %s: %s\n", what, strerror(errno));
-    return sim_fail(SIM_ERROR_SYSTEM);
-}
+bool sim_is_reaping_due;
 
 // ---- State --------------------------------------------------------------------------------------
 
@@ -86,26 +76,6 @@ void sim_get_path(char *path, const char *format, ...)
     va_end(arguments);
 }
 
-long sim_read_text(const char *path, char *text, std::size_t size)
-{
-    text[0] = '\0';
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd == -1 && errno == ENOENT)
-        return 0;
-    if (fd == -1)
-        return sim_fail_system(path);
-    const ssize_t length = read(fd, text, size - 1);
-    if (length == -1)
-        sim_fail_system(path);
-    close(fd);
-    text[length > 0 ? length : 0] = '\0';
-    if (static_cast<std::size_t>(length) == size - 1) {
-        errno = EFBIG; // there may be more
-        return sim_fail_system(path);
-    }
-    return length;
-}
-
 // Opens a file of the folder, made anew if it isn't there; -1 with errno.
 static int sim_open_file(const char *path)
 {
@@ -132,6 +102,7 @@ void sim_forget_osds()
     for (sim_post &post : sim->post)
         memset(post.osd, 0, sizeof post.osd);
     sim_end();
+    sim_is_reaping_due = true;
 }
 
 // Can a library of this version have written it?
@@ -164,8 +135,7 @@ static void sim_take_over_state()
     sim_forget_osds(); // ends the change
 }
 
-// Takes the folder from the environment and makes it. -1 with errno for a failure.
-static int sim_make_folder()
+int sim_make_folder()
 {
     constexpr std::size_t longest_name = sizeof "/post0-osd0";
     sim_get_folder(sim_folder_path);
@@ -231,6 +201,12 @@ void sim_unmap_state()
 }
 
 // ---- OSD memory ---------------------------------------------------------------------------------
+
+bool sim_is_all(const void *memory, std::uint8_t byte, std::size_t size)
+{
+    const auto *bytes = static_cast<const std::uint8_t *>(memory);
+    return size == 0 || (*bytes == byte && memcmp(bytes, bytes + 1, size - 1) == 0);
+}
 
 // What OSD memory holds before it is first drawn: nothing that looks like a picture.
 constexpr int SIM_FRESH_BYTE = 0xA5;
@@ -345,16 +321,11 @@ void sim_close_memory(std::uint32_t post, std::uint32_t number)
 
 void sim_check_memory(sim_operation operation, const sim_memory *memory)
 {
-    const std::uint8_t *first = sim_first_byte(memory);
-    if (memory->draw - first > SIM_MARGIN)
-        first = memory->draw - SIM_MARGIN;
-    for (const std::uint8_t *byte = first; byte < memory->draw; byte++) {
-        if (*byte != SIM_MARGIN_BYTE) {
-            sim_breach(operation, "handle 0x%08X: bytes before its memory have been written",
-                       memory->handle);
-            break;
-        }
-    }
+    const std::ptrdiff_t before = memory->draw - sim_first_byte(memory);
+    const std::ptrdiff_t margin = before < SIM_MARGIN ? before : SIM_MARGIN;
+    if (!sim_is_all(memory->draw - margin, SIM_MARGIN_BYTE, static_cast<std::size_t>(margin)))
+        sim_breach(operation, "handle 0x%08X: bytes before its memory have been written",
+                   memory->handle);
     for (std::size_t i = memory->size; i < sim_round_up(memory->size, 4); i++) {
         if (memory->draw[i] != SIM_MARGIN_BYTE)
             sim_breach(operation, "handle 0x%08X: byte %zu behind its memory has been written",
@@ -367,6 +338,9 @@ void sim_check_memory(sim_operation operation, const sim_memory *memory)
 
 void sim_reap_memory()
 {
+    if (!sim_is_reaping_due)
+        return;
+    sim_is_reaping_due = false;
     for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
         for (std::uint32_t number = 0; number < SIM_OSDS; number++) {
             const std::uint32_t handle = sim_memories[post][number].handle;

@@ -161,9 +161,14 @@ static void sim_close_post(std::uint32_t number)
 {
     sim_post *post = &sim->post[number];
     sim_lock();
+    for (std::uint32_t i = 0; i < SIM_OSDS; i++) {
+        if (post->osd[i].handle != 0)
+            sim_note_gone(number, i, post->osd[i].handle);
+    }
     sim_begin();
     *post = {};
     sim_end();
+    sim_is_reaping_due = true;
     sim_unlock();
     if (sim_announced[number])
         sim_announce(number, 0);

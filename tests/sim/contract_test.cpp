@@ -142,6 +142,51 @@ TEST_F(Contract, handles_are_those_given_and_not_closed)
                   "qm5sim: breach: clear_osd: resource ID 0x00000007: there has never been one\n");
 }
 
+TEST_F(Contract, handle_that_was_closed_is_known_however_long_ago)
+{
+    const std::uint32_t first = open_osd(ids_[0], {2, 16, 1, 0}).handle;
+    EXPECT_EQ(lib_.close_osd(ids_[0], first), 0);
+    for (unsigned i = 0; i < 200; i++)
+        EXPECT_EQ(lib_.close_osd(ids_[0], open_osd(ids_[0], {2, 16, 1, 0}).handle), 0);
+    EXPECT_EQ(breach_of([&] { EXPECT_NE(lib_.clear_osd(ids_[0], first), 0); }),
+              "qm5sim: breach: clear_osd: handle " + hex(first) + ": it has been closed\n");
+}
+
+TEST_F(Contract, handle_belongs_to_its_post)
+{
+    const Opened opened = open_osd(ids_[0], {2, 16, 1, 0});
+    EXPECT_EQ(breach_of([&] { EXPECT_NE(lib_.clear_osd(ids_[1], opened.handle), 0); }),
+              "qm5sim: breach: clear_osd: handle " + hex(opened.handle) +
+                  ": it is another post's\n");
+    std::uint32_t handle = opened.handle;
+    std::uint32_t word = 0;
+    const qm5_cl_osd_param param = {1, 16, 1, 0};
+    EXPECT_EQ(breach_of([&] { lib_.open_osd(ids_[0], &param, &handle, &word, &word); }),
+              "qm5sim: breach: open_osd: handle: " + hex(opened.handle) +
+                  " before the call, neither 0 nor gone with its post\n");
+    EXPECT_EQ(lib_.close_osd(ids_[0], handle), 0);
+    EXPECT_EQ(lib_.close_osd(ids_[0], opened.handle), 0);
+}
+
+// An application that hasn't looked yet holds the handles of the thread before; once it has opened
+// the OSD anew, no longer.
+TEST_F(Contract, handle_that_has_gone_is_forgotten_with_the_next_of_its_osd)
+{
+    const Opened gone[] = {open_osd(ids_[0], {2, 16, 1, 0}), open_osd(ids_[0], {3, 16, 1, 0})};
+    sim_reader::write_size(STATE, 0, 800, 600);
+    wait_for_notice(6);
+    sim_reader::write_size(STATE, 0, 640, 480);
+    const std::uint32_t id = wait_for_notice(8).res_id;
+    const Opened next = open_osd(id, {2, 16, 1, 0});
+    EXPECT_EQ(breach_of([&] {
+                  EXPECT_NE(lib_.clear_osd(id, gone[0].handle), 0);
+                  EXPECT_NE(lib_.clear_osd(id, gone[1].handle), 0);
+              }),
+              "qm5sim: breach: clear_osd: handle " + hex(gone[0].handle) +
+                  ": it has been closed\n");
+    EXPECT_EQ(lib_.close_osd(id, next.handle), 0);
+}
+
 TEST_F(Contract, post_that_has_gone_is_no_breach)
 {
     const Opened opened = open_osd(ids_[0], {2, 16, 1, 0});
@@ -268,6 +313,61 @@ TEST_F(Contract, strict_library_ends_the_process_at_the_first_breach)
     const std::string told = testing::internal::GetCapturedStderr();
     EXPECT_EQ(told, "qm5sim: breach: set_notify: out of its order\n");
     fs::remove(std::string(STATE) + "/breaches");
+}
+
+// ---- While the library is down ------------------------------------------------------------------
+
+class DownContract : public CodecLibrary
+{
+protected:
+    static std::string breaches()
+    {
+        return read_file(std::string(STATE) + "/breaches");
+    }
+};
+
+TEST_F(DownContract, calls_before_library_init_are_told_in_the_file_too)
+{
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(failed(lib_.open_device(), 0x81E00001));
+    EXPECT_TRUE(failed(lib_.library_exit(), 0x81E00001));
+    EXPECT_TRUE(failed(lib_.clear_osd(1, 2), 0x81E00001));
+    const std::string told = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(told, "qm5sim: breach: open_device: out of its order\n"
+                    "qm5sim: breach: library_exit: out of its order\n"
+                    "qm5sim: breach: clear_osd: out of its order\n");
+    EXPECT_EQ(breaches(), told);
+}
+
+TEST_F(DownContract, calls_behind_library_exit_are_told_in_the_file_too)
+{
+    bring_up_with_posts();
+    take_down();
+    testing::internal::CaptureStderr();
+    EXPECT_NE(lib_.close_device(), 0);
+    const std::string told = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(told, "qm5sim: breach: close_device: out of its order\n");
+    EXPECT_EQ(breaches(), told);
+}
+
+TEST_F(DownContract, file_is_not_made_where_there_can_be_no_folder)
+{
+    setenv("QM5SIM_STATE", "/tmp/none/codec", 1);
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(failed(lib_.open_device(), 0x81E00001));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "qm5sim: breach: open_device: out of its order\n"
+              "qm5sim: /tmp/none/codec: No such file or directory\n");
+}
+
+TEST_F(DownContract, strict_library_ends_the_process_before_library_init_too)
+{
+    fs::create_directory(STATE);
+    write_file(std::string(STATE) + "/settings", "strict 1\n");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(signal_of([this] { lib_.open_device(); }), SIGABRT);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "qm5sim: breach: open_device: out of its order\n");
 }
 
 } // namespace
