@@ -75,6 +75,12 @@ const char *sim_parse_setting(const char *line, sim_settings *settings)
         memcpy(settings->alignment, value, sizeof value);
         return nullptr;
     }
+    if (sscanf(line, "record-limit %7u %n", &value[0], &end) == 1 && line[end] == '\0') {
+        if (value[0] == 0 || value[0] > 1000000)
+            return "a record's limit is 1 to 1000000 MiB";
+        settings->record_limit = value[0];
+        return nullptr;
+    }
     const struct {
         const char *name;
         std::uint32_t *place;

@@ -26,6 +26,7 @@
 //   strict 0            1: the first breach ends the process (SIGABRT)
 //   faults 1            0: none of the faults happens
 //   record 0            1, at qm5_cl_library_init: calls are recorded, see sim_calls.h
+//   record-limit 256    MiB that a record may take, at its beginning; 1 to 1000000
 #pragma once
 
 #include "sim_faults.h"
@@ -97,8 +98,9 @@ struct sim_settings {
     std::uint32_t strict;
     std::uint32_t faults;
     std::uint32_t record;
+    std::uint32_t record_limit;
 };
-constexpr sim_settings SIM_DEFAULT_SETTINGS = {{16, 16, 16}, 0, 1, 0};
+constexpr sim_settings SIM_DEFAULT_SETTINGS = {{16, 16, 16}, 0, 1, 0, 256};
 
 // Reads one line of the settings into its place. NULL, or why it can't be understood.
 const char *sim_parse_setting(const char *line, sim_settings *settings);

@@ -46,12 +46,18 @@ static int sim_library_init()
         return sim_fail_order(SIM_LIBRARY_INIT);
     if (sim_map_state() != 0)
         return -1;
-    if (sim_begin_plain_call(SIM_LIBRARY_INIT) != 0) {
+    const int result = sim_begin_plain_call(SIM_LIBRARY_INIT);
+    const int error = errno;
+    if (sim_setting.record != 0)
+        sim_record_start(sim_folder(), sim_setting.record_limit);
+    else
+        sim_record_stop();
+    if (result == 0)
+        sim_stage = SIM_INITIALISED;
+    else
         sim_unmap_state();
-        return -1;
-    }
-    sim_stage = SIM_INITIALISED;
-    return 0;
+    errno = error;
+    return result;
 }
 
 static int sim_open_device()
@@ -385,7 +391,7 @@ static int sim_get_osd_mem(std::uint32_t res_id, std::uint32_t handle, qm5_cl_os
 }
 
 // What the last set_osd has shown; it stays mapped until the next call.
-static sim_memory sim_last_shown;
+static sim_shown sim_last_shown;
 
 static void sim_show(const sim_call *call, sim_memory *memory, qm5_cl_osd_pos pos)
 {
@@ -398,7 +404,7 @@ static void sim_show(const sim_call *call, sim_memory *memory, qm5_cl_osd_pos po
     sim_end();
     memory->lent = false;
     memory->equal = true;
-    sim_last_shown = *memory;
+    sim_last_shown = {memory->shown, memory->size, call->osd->line_bytes};
 }
 
 static int sim_set_osd(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_pos pos)
@@ -416,22 +422,14 @@ static int sim_set_osd(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_po
 
 // ---- What stands behind the library's names -----------------------------------------------------
 
-int sim_codec_prepare()
+bool sim_codec_is_up()
 {
-    return 0;
+    return sim_stage != SIM_DOWN;
 }
 
-const char *sim_codec_record_folder()
+sim_shown sim_codec_shown()
 {
-    return sim_setting.record != 0 ? sim_folder() : nullptr;
-}
-
-const void *sim_codec_shown(std::uint32_t handle, std::size_t *size)
-{
-    if (sim_last_shown.handle != handle)
-        return nullptr;
-    *size = sim_last_shown.size;
-    return sim_last_shown.shown;
+    return sim_last_shown;
 }
 
 sim_codec_table sim_codec = {

@@ -1,10 +1,11 @@
 // What stands behind the library's twelve names: a simulated codec, or another codec library that
-// every call is passed on to. The names themselves are in sim_exports.cpp, which records the calls.
+// every call is passed on to. The names themselves are in sim_exports.cpp, which records the calls;
+// when a record begins is decided here, in library_init.
 #pragma once
 
 #include "display/qm5codec.h"
+#include "sim_record.h"
 
-#include <cstddef>
 #include <cstdint>
 
 struct sim_codec_table {
@@ -23,11 +24,8 @@ struct sim_codec_table {
 };
 extern sim_codec_table sim_codec;
 
-// Fills the table before its first use. -1 with errno if it can't be filled.
-int sim_codec_prepare();
+// Is the library up?
+bool sim_codec_is_up();
 
-// The folder for the record, after library_init has succeeded; NULL if none is wanted.
-const char *sim_codec_record_folder();
-
-// What a set_osd has just shown, valid until the next call on the OSD; NULL if that isn't known.
-const void *sim_codec_shown(std::uint32_t handle, std::size_t *size);
+// What the last set_osd, which has succeeded, has shown; valid until the next call.
+sim_shown sim_codec_shown();

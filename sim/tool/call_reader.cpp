@@ -103,7 +103,7 @@ bool Calls::is_empty() const
            (file_.read(0, &head, sizeof head) && std::memcmp(&head, &nothing, sizeof head) == 0);
 }
 
-std::uint64_t Calls::count() const
+sim_calls_head Calls::head() const
 {
     sim_calls_head head{};
     if (!file_.read(0, &head, sizeof head))
@@ -116,12 +116,31 @@ std::uint64_t Calls::count() const
     if (head.record_size != sizeof(sim_call_record))
         fail(std::to_string(head.record_size) + " bytes for a call, not " +
              std::to_string(sizeof(sim_call_record)));
+    return head;
+}
+
+std::uint64_t Calls::count() const
+{
+    const std::uint64_t count = head().count;
     const std::uint64_t size = std::max(file_.size(), FIRST_AT);
     const std::uint64_t present = (size - FIRST_AT) / sizeof(sim_call_record);
-    if (head.count > present)
-        fail("cut off: it holds " + std::to_string(present) + " of its " +
-             std::to_string(head.count) + " calls");
-    return head.count;
+    if (count > present)
+        fail("cut off: it holds " + std::to_string(present) + " of its " + std::to_string(count) +
+             " calls");
+    return count;
+}
+
+std::string Calls::why_cut() const
+{
+    const sim_calls_head now = head();
+    switch (now.cut) {
+    case SIM_CALLS_WHOLE:
+        return "";
+    case SIM_CALLS_AT_LIMIT:
+        return "its limit of " + std::to_string(now.limit >> 20) + " MiB was reached";
+    default:
+        return "they could not be written";
+    }
 }
 
 std::vector<sim_call_record> Calls::read(std::uint64_t first, std::uint64_t most)
@@ -307,6 +326,8 @@ void Rebuilt::set_osd(std::uint64_t number, const sim_call_record &call)
     osd->record.x = call.argument[2];
     osd->record.y = call.argument[3];
     osd->record.sets++;
+    if (call.line_bytes != 0) // otherwise it isn't known
+        osd->record.line_bytes = call.line_bytes;
     osd->call = number;
     osd->data_at = call.data_at;
     osd->data_size = call.data_size;

@@ -51,6 +51,9 @@ public:
     // How many there are by now.
     std::uint64_t count() const;
 
+    // Why calls are missing behind the last one; empty if none are, or may still come.
+    std::string why_cut() const;
+
     // The call `first` and those behind it, as many as there are by now and `most` at most.
     std::vector<sim_call_record> read(std::uint64_t first, std::uint64_t most);
 
@@ -64,6 +67,8 @@ public:
     [[noreturn]] void fail(std::uint64_t number, const std::string &why) const;
 
 private:
+    sim_calls_head head() const;
+
     File file_;
     std::optional<sim_call_record> first_; // by which a record is known
 };

@@ -40,6 +40,13 @@ constexpr std::uint64_t AT_ONCE = 256;
     throw std::runtime_error(std::string("standard output: ") + std::strerror(errno));
 }
 
+// Says so, beside the output, if calls are missing behind the last one.
+void tell_cut(const std::filesystem::path &file, const std::string &why)
+{
+    if (!why.empty())
+        std::cerr << "qm5sim: " << file.string() << ": later calls are missing: " << why << '\n';
+}
+
 void print_calls(const std::filesystem::path &file, std::uint64_t next)
 {
     Calls calls(file);
@@ -50,6 +57,7 @@ void print_calls(const std::filesystem::path &file, std::uint64_t next)
         if (!std::cout.flush())
             fail_output();
     }
+    tell_cut(file, calls.why_cut());
 }
 
 // ---- What is to come ----------------------------------------------------------------------------
@@ -140,8 +148,11 @@ private:
     {
         std::vector<sim_call_record> come;
         try {
-            if (!calls_->is_empty())
+            if (!calls_->is_empty()) {
                 come = calls_->read(next_, AT_ONCE);
+                if (come.empty())
+                    tell_end();
+            }
         } catch (const std::runtime_error &) {
             if (!calls_->has_begun_anew() && !calls_->is_empty())
                 throw;
@@ -150,12 +161,21 @@ private:
             return come;
         calls_ = std::make_unique<Calls>(file_);
         next_ = 1;
+        has_told_end_ = false;
         return {};
+    }
+
+    void tell_end()
+    {
+        const std::string why = has_told_end_ ? "" : calls_->why_cut();
+        has_told_end_ = has_told_end_ || !why.empty();
+        tell_cut(file_, why);
     }
 
     std::filesystem::path file_;
     std::unique_ptr<Calls> calls_;
     std::uint64_t next_;
+    bool has_told_end_ = false;
 };
 
 void follow_calls(const std::filesystem::path &file, std::uint64_t first)

@@ -22,7 +22,7 @@ void print_settings(const Context &context)
     for (const std::uint32_t bytes : settings.alignment)
         std::cout << ' ' << bytes;
     std::cout << "\nstrict " << settings.strict << "\nfaults " << settings.faults << "\nrecord "
-              << settings.record << '\n';
+              << settings.record << "\nrecord-limit " << settings.record_limit << '\n';
 }
 
 std::string read_line(const std::vector<std::string> &words)
@@ -58,6 +58,7 @@ void add_setting(CLI::App &app, Context &context)
         "  strict 0            1: the first breach of the contract ends the process\n"
         "  faults 1            0: none of the faults happens\n"
         "  record 0            1: calls are recorded; from the next start of a server on\n"
+        "  record-limit 256    MiB at which a record ends; from the next start on\n"
         "A change is in force when the command returns.\n"
         "Examples: qm5sim setting\n"
         "          qm5sim setting alignment 64 64 64");

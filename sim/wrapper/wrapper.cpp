@@ -5,8 +5,9 @@
 // is the state folder of sim_state.h.
 #include "sim_codec.h"
 #include "sim_faults.h"
-#include "sim_state.h"
+#include "sim_text.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -14,74 +15,65 @@
 #include <dlfcn.h>
 #include <sys/stat.h>
 
-// What the application learns from here has no other number.
-constexpr int WRAPPER_ERROR = static_cast<int>(0x81E00003);
+static sim_codec_table wrapper_passed; // the other library's
+static bool wrapper_is_up;
 
-sim_codec_table sim_codec;
+// What the last set_osd has shown; its memory is NULL if that isn't known.
+static sim_shown wrapper_shown;
+static void *wrapper_copy;
+static std::size_t wrapper_copy_size;
 
-static decltype(&qm5_cl_post_get_osd_mem) wrapper_get_osd_mem;
-static decltype(&qm5_cl_post_set_osd) wrapper_set_osd;
-static decltype(&qm5_cl_library_exit) wrapper_library_exit;
+static qm5_cl_post_notify_function *wrapper_callback;
 
-// What the last set_osd has shown; NULL if that isn't known.
-static void *wrapper_shown;
-static std::size_t wrapper_shown_size;
-
-// The memory that get_osd_mem has given for each of the last handles.
-static struct {
+// The post threads, of which the notification thread tells before the application can know of them,
+// and what their OSDs have got.
+struct wrapper_osd {
     std::uint32_t handle;
-    const void *memory;
-    std::size_t size;
-} wrapper_memories[16];
+    std::uint32_t line_bytes;
+    std::uint64_t size;   // of the memory, as the opening tells it
+    const void *memory;   // NULL outside a drawing
+    std::size_t readable; // bytes of it
+};
+static std::atomic<std::uint32_t> wrapper_res_ids[SIM_POSTS];
+static wrapper_osd wrapper_osds[SIM_POSTS][SIM_OSDS];
 
-static int wrapper_fail(const char *what, const char *why)
+// False, with errno.
+static bool wrapper_fail(const char *what, const char *why)
 {
     fprintf(stderr, "qm5sim: wrapper: %s: %s\n", what, why);
-    errno = WRAPPER_ERROR;
-    return -1;
+    return sim_fail(SIM_ERROR_SYSTEM) == 0;
 }
 
-static int wrapper_keep_memory(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_mem *mem)
-{
-    const int result = wrapper_get_osd_mem(res_id, handle, mem);
-    if (result == 0)
-        wrapper_memories[handle % 16] = {handle, mem->memory, mem->size};
-    return result;
-}
-
-// The memory is the application's only until set_osd, so what is shown is copied before it.
-static int wrapper_copy_memory(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_pos pos)
-{
-    const auto &kept = wrapper_memories[handle % 16];
-    free(wrapper_shown);
-    const bool known = handle != 0 && kept.handle == handle;
-    wrapper_shown = known ? malloc(kept.size) : nullptr;
-    wrapper_shown_size = kept.size;
-    if (wrapper_shown)
-        memcpy(wrapper_shown, kept.memory, kept.size);
-    return wrapper_set_osd(res_id, handle, pos);
-}
-
-static int wrapper_exit()
-{
-    free(wrapper_shown);
-    wrapper_shown = nullptr;
-    return wrapper_library_exit();
-}
+// ---- The other library --------------------------------------------------------------------------
 
 template <typename Function>
 static bool wrapper_load(void *library, const char *name, Function *function)
 {
     *function = reinterpret_cast<Function>(dlsym(library, name));
-    if (!*function)
-        wrapper_fail(name, "not in the wrapped library");
-    return *function != nullptr;
+    return *function || wrapper_fail(name, "not in the wrapped library");
 }
 
-int sim_codec_prepare()
+static bool wrapper_load_all(void *library, sim_codec_table *table)
 {
-    if (sim_codec.library_init)
-        return 0;
+    return wrapper_load(library, "qm5_cl_library_init", &table->library_init) &&
+           wrapper_load(library, "qm5_cl_sys_open_device", &table->open_device) &&
+           wrapper_load(library, "qm5_cl_post_notify_callback", &table->notify_callback) &&
+           wrapper_load(library, "qm5_cl_post_set_notify", &table->set_notify) &&
+           wrapper_load(library, "qm5_cl_post_thread_get_status", &table->thread_get_status) &&
+           wrapper_load(library, "qm5_cl_post_open_osd", &table->open_osd) &&
+           wrapper_load(library, "qm5_cl_post_close_osd", &table->close_osd) &&
+           wrapper_load(library, "qm5_cl_post_clear_osd", &table->clear_osd) &&
+           wrapper_load(library, "qm5_cl_post_get_osd_mem", &table->get_osd_mem) &&
+           wrapper_load(library, "qm5_cl_post_set_osd", &table->set_osd) &&
+           wrapper_load(library, "qm5_cl_sys_close_device", &table->close_device) &&
+           wrapper_load(library, "qm5_cl_library_exit", &table->library_exit);
+}
+
+// Loads the other library before the first call on it; false with errno.
+static bool wrapper_prepare()
+{
+    if (wrapper_passed.library_init)
+        return true;
     const char *path = getenv("QM5SIM_WRAPPED");
     if (!path)
         return wrapper_fail("QM5SIM_WRAPPED", "names no library");
@@ -89,41 +81,153 @@ int sim_codec_prepare()
     if (!library)
         return wrapper_fail(path, dlerror());
     sim_codec_table table = {};
-    if (!wrapper_load(library, "qm5_cl_library_init", &table.library_init) ||
-        !wrapper_load(library, "qm5_cl_sys_open_device", &table.open_device) ||
-        !wrapper_load(library, "qm5_cl_post_notify_callback", &table.notify_callback) ||
-        !wrapper_load(library, "qm5_cl_post_set_notify", &table.set_notify) ||
-        !wrapper_load(library, "qm5_cl_post_thread_get_status", &table.thread_get_status) ||
-        !wrapper_load(library, "qm5_cl_post_open_osd", &table.open_osd) ||
-        !wrapper_load(library, "qm5_cl_post_close_osd", &table.close_osd) ||
-        !wrapper_load(library, "qm5_cl_post_clear_osd", &table.clear_osd) ||
-        !wrapper_load(library, "qm5_cl_post_get_osd_mem", &wrapper_get_osd_mem) ||
-        !wrapper_load(library, "qm5_cl_post_set_osd", &table.set_osd) ||
-        !wrapper_load(library, "qm5_cl_sys_close_device", &table.close_device) ||
-        !wrapper_load(library, "qm5_cl_library_exit", &table.library_exit))
-        return -1;
+    if (!wrapper_load_all(library, &table))
+        return false;
     if (table.library_init == qm5_cl_library_init)
         return wrapper_fail(path, "that is the wrapper itself");
-    table.get_osd_mem = wrapper_keep_memory;
-    wrapper_set_osd = table.set_osd;
-    table.set_osd = wrapper_copy_memory;
-    wrapper_library_exit = table.library_exit;
-    table.library_exit = wrapper_exit;
-    sim_codec = table;
-    return 0;
+    wrapper_passed = table;
+    return true;
 }
 
-const char *sim_codec_record_folder()
+// Passes a call on as it is.
+template <auto OPERATION, typename... Words>
+static int wrapper_pass(Words... words)
 {
-    static char folder[SIM_PATH_SIZE];
+    return wrapper_prepare() ? (wrapper_passed.*OPERATION)(words...) : -1;
+}
+
+// ---- Calls that the record needs more of --------------------------------------------------------
+
+static void wrapper_start_record()
+{
+    char folder[SIM_PATH_SIZE];
+    sim_settings settings = SIM_DEFAULT_SETTINGS;
     sim_get_folder(folder);
     if (mkdir(folder, SIM_FOLDER_MODE) != 0 && errno != EEXIST)
         wrapper_fail(folder, strerror(errno));
-    return folder;
+    sim_read_settings(folder, &settings);
+    sim_record_start(folder, settings.record_limit);
 }
 
-const void *sim_codec_shown(std::uint32_t, std::size_t *size)
+static int wrapper_init()
 {
-    *size = wrapper_shown_size;
+    if (!wrapper_is_up)
+        wrapper_start_record();
+    const int result = wrapper_pass<&sim_codec_table::library_init>();
+    wrapper_is_up = wrapper_is_up || result == 0;
+    return result;
+}
+
+static int wrapper_exit()
+{
+    const int result = wrapper_pass<&sim_codec_table::library_exit>();
+    wrapper_is_up = wrapper_is_up && result != 0;
+    if (!wrapper_is_up) {
+        free(wrapper_copy);
+        wrapper_copy = nullptr;
+        memset(wrapper_osds, 0, sizeof wrapper_osds);
+    }
+    return result;
+}
+
+static void wrapper_notify(qm5_cl_post_notify_info info)
+{
+    if (info.opened != 0 && info.post < SIM_POSTS)
+        wrapper_res_ids[info.post] = info.res_id;
+    wrapper_callback(info);
+}
+
+static int wrapper_notify_callback(qm5_cl_post_notify_function *callback)
+{
+    if (callback)
+        wrapper_callback = callback;
+    return wrapper_pass<&sim_codec_table::notify_callback>(callback ? wrapper_notify : nullptr);
+}
+
+static int wrapper_open_osd(std::uint32_t res_id, const qm5_cl_osd_param *param,
+                            std::uint32_t *handle, std::uint32_t *aux, std::uint32_t *line_bytes)
+{
+    const int result =
+        wrapper_pass<&sim_codec_table::open_osd>(res_id, param, handle, aux, line_bytes);
+    for (std::uint32_t post = 0; post < SIM_POSTS && result == 0; post++) {
+        if (wrapper_res_ids[post] == res_id && param->number < SIM_OSDS)
+            wrapper_osds[post][param->number] = {
+                *handle, *line_bytes, std::uint64_t{*line_bytes} * param->height, nullptr, 0};
+    }
+    return result;
+}
+
+// NULL for an OSD that isn't known.
+static wrapper_osd *wrapper_find_osd(std::uint32_t handle)
+{
+    for (auto &post : wrapper_osds) {
+        for (wrapper_osd &osd : post) {
+            if (osd.handle == handle && handle != 0)
+                return &osd;
+        }
+    }
+    return nullptr;
+}
+
+static int wrapper_get_osd_mem(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_mem *mem)
+{
+    const int result = wrapper_pass<&sim_codec_table::get_osd_mem>(res_id, handle, mem);
+    wrapper_osd *osd = result == 0 ? wrapper_find_osd(handle) : nullptr;
+    if (osd) {
+        osd->memory = mem->memory;
+        osd->readable = mem->size < osd->size ? mem->size : static_cast<std::size_t>(osd->size);
+    }
+    return result;
+}
+
+// The memory is the application's only until set_osd, so what is shown is copied before it.
+static void wrapper_keep_shown(std::uint32_t handle)
+{
+    wrapper_osd *osd = sim_is_recording() ? wrapper_find_osd(handle) : nullptr;
+    wrapper_shown = {};
+    if (!osd || !osd->memory)
+        return;
+    if (!wrapper_copy || wrapper_copy_size < osd->readable) {
+        free(wrapper_copy);
+        wrapper_copy = malloc(osd->readable + 1); // an OSD without lines is shown too
+        wrapper_copy_size = osd->readable;
+    }
+    if (wrapper_copy) {
+        memcpy(wrapper_copy, osd->memory, osd->readable);
+        wrapper_shown = {wrapper_copy, osd->readable, osd->line_bytes};
+    }
+    osd->memory = nullptr;
+}
+
+static int wrapper_set_osd(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_pos pos)
+{
+    wrapper_keep_shown(handle);
+    return wrapper_pass<&sim_codec_table::set_osd>(res_id, handle, pos);
+}
+
+// ---- What stands behind the library's names -----------------------------------------------------
+
+bool sim_codec_is_up()
+{
+    return wrapper_is_up;
+}
+
+sim_shown sim_codec_shown()
+{
     return wrapper_shown;
 }
+
+sim_codec_table sim_codec = {
+    wrapper_init,
+    wrapper_pass<&sim_codec_table::open_device>,
+    wrapper_notify_callback,
+    wrapper_pass<&sim_codec_table::set_notify>,
+    wrapper_pass<&sim_codec_table::thread_get_status>,
+    wrapper_open_osd,
+    wrapper_pass<&sim_codec_table::close_osd>,
+    wrapper_pass<&sim_codec_table::clear_osd>,
+    wrapper_get_osd_mem,
+    wrapper_set_osd,
+    wrapper_pass<&sim_codec_table::close_device>,
+    wrapper_exit,
+};

@@ -69,9 +69,15 @@ TEST(Setting, is_understood_whole_or_not_at_all)
     EXPECT_EQ(sim_parse_setting("faults 0", &settings), nullptr);
     EXPECT_EQ(settings.strict, 1u);
     EXPECT_EQ(settings.faults, 0u);
+    EXPECT_EQ(sim_parse_setting("record-limit 1000000 \n", &settings), nullptr);
+    EXPECT_EQ(settings.record_limit, 1000000u);
+    for (const char *line : {"record-limit 0", "record-limit 1000001", "record-limit 9999999"})
+        EXPECT_STREQ(sim_parse_setting(line, &settings), "a record's limit is 1 to 1000000 MiB");
+    EXPECT_EQ(settings.record_limit, 1000000u);
     EXPECT_STREQ(sim_parse_setting("alignment 4 8 0", &settings),
                  "an alignment is 1 to 4096 bytes");
-    for (const char *line : {"alignment 4 8", "alignment 1 2 3 4", "strict 2", "strict", "fast 1"})
+    for (const char *line : {"alignment 4 8", "alignment 1 2 3 4", "strict 2", "strict", "fast 1",
+                             "record-limit", "record-limit 1 2", "record-limit 10000000"})
         EXPECT_STREQ(sim_parse_setting(line, &settings), "no setting, or not its values") << line;
     EXPECT_EQ(settings.alignment[2], 4096u);
 }

@@ -22,13 +22,22 @@ protected:
         return Process(sim_words(all));
     }
 
-    // What a process that runs has written so far.
-    static std::string output_of(const Process &process)
+    // What a process that runs has written so far into one of its two files.
+    static std::string written_by(const Process &process, int fd, const std::string &file)
     {
-        const fs::path output = "/proc/" + std::to_string(process.pid()) + "/fd/1";
-        if (fs::read_symlink(output).string().rfind("/memfd:out", 0) != 0)
+        const fs::path output =
+            "/proc/" + std::to_string(process.pid()) + "/fd/" + std::to_string(fd);
+        if (fs::read_symlink(output).string().rfind(file, 0) != 0)
             return ""; // it still has the test's own
         return read_file(output);
+    }
+    static std::string output_of(const Process &process)
+    {
+        return written_by(process, 1, "/memfd:out");
+    }
+    static std::string errors_of(const Process &process)
+    {
+        return written_by(process, 2, "/memfd:err");
     }
 
     static testing::AssertionResult writes(const Process &process, const std::string &text)
@@ -177,6 +186,45 @@ TEST_F(SimCalls, takes_another_file)
     EXPECT_EQ(sim({"calls", "--file", "/tmp/codec/other"}).out, init_line(1, 9));
 }
 
+// ---- A record that has been cut
+// -------------------------------------------------------------------
+
+TEST_F(SimCalls, tells_beside_its_output_that_later_calls_are_missing)
+{
+    sim_calls_head head = head_of(1);
+    head.limit = 20u << 20;
+    const std::pair<sim_calls_cut, std::string> cuts[] = {
+        {SIM_CALLS_AT_LIMIT, "its limit of 20 MiB was reached"},
+        {SIM_CALLS_FAILED, "they could not be written"},
+    };
+    for (const auto &[cut, why] : cuts) {
+        head.cut = cut;
+        write_file(CALLS, bytes_of(head) + bytes_of(init_by(1)));
+        const Ended ended = sim({"calls"});
+        EXPECT_EQ(ended.status, 0);
+        EXPECT_EQ(ended.out, init_line(1, 1));
+        EXPECT_EQ(ended.err, "qm5sim: /tmp/codec/calls: later calls are missing: " + why + "\n");
+    }
+}
+
+TEST_F(SimCalls, tells_that_once_while_it_follows_and_follows_the_next_record)
+{
+    sim_calls_head head = head_of(1);
+    head.cut = SIM_CALLS_FAILED;
+    write_file(CALLS, bytes_of(head) + bytes_of(init_by(1)));
+    Process process = follow();
+    const std::string missing =
+        "qm5sim: /tmp/codec/calls: later calls are missing: they could not be written\n";
+    EXPECT_TRUE(wait_until([&] { return errors_of(process) == missing; }));
+    remove_file(CALLS);
+    write_file("/tmp/codec/new", bytes_of(head) + bytes_of(init_by(2)));
+    fs::rename("/tmp/codec/new", CALLS);
+    EXPECT_TRUE(wait_until([&] { return errors_of(process) == missing + missing; }));
+    const Ended ended = end(process, SIGTERM);
+    EXPECT_EQ(ended.out, init_line(1, 1) + init_line(1, 2));
+    EXPECT_EQ(ended.err, missing + missing);
+}
+
 // ---- Refusals -----------------------------------------------------------------------------------
 
 TEST_F(SimCalls, refuses_a_file_that_is_cut_off)
@@ -209,10 +257,10 @@ TEST_F(SimCalls, refuses_what_is_no_record_of_its_version)
     write_file(CALLS, bytes_of(head));
     EXPECT_TRUE(failed_with(sim({"calls"}), 1, "/tmp/codec/calls: no record of calls"));
     head = head_of(0);
-    head.version = 2;
+    head.version = 1;
     write_file(CALLS, bytes_of(head));
     EXPECT_TRUE(
-        failed_with(sim({"calls"}), 1, "/tmp/codec/calls: a record of calls of version 2, not 1"));
+        failed_with(sim({"calls"}), 1, "/tmp/codec/calls: a record of calls of version 1, not 2"));
     head = head_of(0);
     head.record_size = 80;
     write_file(CALLS, bytes_of(head));

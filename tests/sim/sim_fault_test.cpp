@@ -196,15 +196,21 @@ TEST_F(FaultCommand, tells_a_line_that_the_library_would_refuse)
 
 TEST_F(FaultCommand, setting_shows_what_is_in_force_and_changes_one_line)
 {
-    EXPECT_EQ(good({"setting"}), "alignment 16 16 16\nstrict 0\nfaults 1\nrecord 0\n");
+    EXPECT_EQ(good({"setting"}),
+              "alignment 16 16 16\nstrict 0\nfaults 1\nrecord 0\nrecord-limit 256\n");
     EXPECT_EQ(good({"setting", "record", "1"}), "");
     EXPECT_EQ(read_file(SETTINGS), "record 1\n");
     write_file(SETTINGS, "; mine\nalignment 4 4 4\n\nstrict 1\nalignment 8 8 8\n; end");
     EXPECT_EQ(good({"setting", "alignment", "1", "2", "4096"}), "");
     EXPECT_EQ(read_file(SETTINGS), "; mine\nalignment 1 2 4096\n\nstrict 1\n; end\n");
-    EXPECT_EQ(good({"setting"}), "alignment 1 2 4096\nstrict 1\nfaults 1\nrecord 0\n");
+    EXPECT_EQ(good({"setting"}),
+              "alignment 1 2 4096\nstrict 1\nfaults 1\nrecord 0\nrecord-limit 256\n");
+    EXPECT_EQ(good({"setting", "record-limit", "20"}), "");
+    EXPECT_NE(good({"setting"}).find("record-limit 20\n"), std::string::npos);
     EXPECT_EQ(files(), Names{"settings"});
 
+    expect_failure({"setting", "record-limit", "0"}, 2,
+                   "record-limit 0: a record's limit is 1 to 1000000 MiB");
     expect_failure({"setting", "strict", "2"}, 2, "strict 2: no setting, or not its values");
     expect_failure({"setting", "strict"}, 2, "strict: no setting, or not its values");
     expect_failure({"setting", "alignment", "-1", "2", "3"}, 2,

@@ -160,6 +160,19 @@ TEST_F(SimReplay, gives_every_part_of_a_post)
     EXPECT_EQ(now.osd[0].record.handle, 0u);
 }
 
+// As where a fault has told the application another length than the memory had.
+TEST_F(SimReplay, takes_the_length_of_the_lines_that_were_shown)
+{
+    open_post();
+    calls_[2].given[2] = 24;
+    show(HANDLE, 3, 4, std::string(16, '\5') + std::string(16, '\6'));
+    calls_.back().line_bytes = 8;
+    const sim_reader::Post now = post();
+    EXPECT_EQ(now.osd[1].record.line_bytes, 8u);
+    EXPECT_EQ(now.osd[1].index_at(7, 1), 5u);
+    EXPECT_EQ(now.osd[1].index_at(0, 2), 6u);
+}
+
 // ---- What calls do ------------------------------------------------------------------------------
 
 TEST_F(SimReplay, clears_shows_again_and_closes)
