@@ -1,4 +1,4 @@
-// Posts with their OSDs open on the plain codec library, for what measures and counts passes.
+// Posts with parameters and open OSDs, for what measures and counts passes.
 #pragma once
 
 #include "cli/catalogue.h"
@@ -11,9 +11,8 @@
 namespace support
 {
 
-// Gives the posts the default parameters and these pairs, as an update does, and a thread to each
-// post up to `posts`; the next visits open and draw them.
-inline void open_posts(int posts, std::initializer_list<param_parampair> pairs)
+// Gives the posts the default parameters and these pairs, as an update does.
+inline void set_posts(std::initializer_list<param_parampair> pairs)
 {
     param_section *section = osd_get_default_section();
     for (const param_parampair &pair : pairs) {
@@ -22,12 +21,20 @@ inline void open_posts(int posts, std::initializer_list<param_parampair> pairs)
     }
     osd_set_post_params(section, osd_state.post);
     param_section_free(section);
-    for (int i = 0; i < posts; i++) {
-        osd_post &post = osd_state.post[i];
+    for (osd_post &post : osd_state.post) {
         for (int slot = 0; slot < OSD_SLOTS; slot++) {
             if (post.text_on[slot])
                 post.rect[slot].mode = OSD_MODE_TEXT;
         }
+    }
+}
+
+// The same, and a thread to each post up to `posts`; the next visits open and draw them.
+inline void open_posts(int posts, std::initializer_list<param_parampair> pairs)
+{
+    set_posts(pairs);
+    for (int i = 0; i < posts; i++) {
+        osd_post &post = osd_state.post[i];
         post.res_id = static_cast<std::uint32_t>(i + 1);
         post.callback_state = OSD_CALLBACK_OPEN;
     }
