@@ -1,7 +1,7 @@
 // What the page knows of the simulated codec: it follows the server's events and tells the views.
 // Pixels are fetched only where an event says that they have changed.
 
-import {getJson} from './api.js';
+import {get, getJson} from './api.js';
 import {PostPicture} from './post_picture.js';
 import {packPalette} from './picture.js';
 import {SLOTS} from './slots.js';
@@ -12,6 +12,7 @@ const RETRY_MS = [500, 1000, 2000, 5000];
 // reports (detail: what the server's event carried).
 export class Live extends EventTarget {
     connection = 'connecting'; // or 'open', 'lost'
+    refusal = ''; // why the server doesn't let the page follow, if it says so
     state = null;
     parameters = []; // rows of the catalogue with the values in force
     palette = packPalette(Array(256).fill([0, 0, 0, 0]));
@@ -95,6 +96,7 @@ export class Live extends EventTarget {
 
     #opened() {
         this.#failures = 0;
+        this.refusal = '';
         this.#parametersVersion = null; // another server counts anew
         this.#paletteVersion = null;
         this.pictures.forEach((picture) => picture.forget());
@@ -107,8 +109,19 @@ export class Live extends EventTarget {
         if (this.#source.readyState !== EventSource.CLOSED)
             return;
         this.#source.close();
+        this.#readRefusal();
         const wait = RETRY_MS[Math.min(this.#failures++, RETRY_MS.length - 1)];
         setTimeout(() => this.connect(), wait);
+    }
+
+    // A stream doesn't tell why it was refused; any other request does.
+    async #readRefusal() {
+        try {
+            await get('/api/state');
+        } catch (error) {
+            this.refusal = error.status === 0 ? '' : error.message;
+            this.#tell('connection');
+        }
     }
 
     #takeState(state) {

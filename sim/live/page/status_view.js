@@ -133,10 +133,12 @@ export class StatusView {
     }
 
     #notices() {
-        const {connection, state} = this.#live;
+        const {connection, refusal, state} = this.#live;
         const notices = [];
         if (connection === 'lost')
             notices.push({kind: 'bad', text: LOST});
+        if (refusal)
+            notices.push({kind: 'bad', text: `The server refuses this page: ${refusal}.`});
         if (!state)
             return notices;
         const running = state.application.running;

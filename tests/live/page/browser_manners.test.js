@@ -58,7 +58,7 @@ for (const colorScheme of ['light', 'dark']) {
         await stage.checkAccessibility('pixels');
         await stage.shot(`pixels-${colorScheme}`);
         await stage.page.keyboard.press('Escape');
-        stage.sim('post', '3', 'closed');
+        stage.setPost(3, 'closed');
         await stage.text('#post-3 .empty', 'Post 3 has no thread.');
         await stage.page.fill('#field-Post0StringColor', 'blue');
         assert.match(await stage.update(), /^It failed/);
@@ -214,7 +214,7 @@ test('a time that goes on is not announced, and what matters is', async (t) => {
     await stage.page.evaluate(() => (globalThis.changes = 0));
     await until(async () => await sets() >= first + 3, 'the time goes on');
     assert.equal(await stage.page.evaluate(() => globalThis.changes), 0);
-    stage.sim('post', '2', 'closed');
+    stage.setPost(2, 'closed');
     await stage.text('#announcements', 'Post 2 has no thread.');
     stage.osd('stop');
     await stage.text('#announcements', 'No server runs.');
@@ -245,4 +245,12 @@ test('what cannot be carried out without a connection says so', async (t) => {
     assert.equal(await stage.update(), 'The server does not answer.');
     assert.equal(await stage.page.inputValue('#field-Post0String'), 'x');
     await stage.text('#apply-count', '1 change');
+});
+
+test('a page that has to show the token of a new server says so', async (t) => {
+    const stage = await Stage.open(t, {}, 'a token that nobody guesses');
+    await stage.startApplication();
+    await stage.restartServer();
+    await stage.text('#notices', /The server refuses this page: .*it needs the token/);
+    assert.equal(await stage.page.locator('#text-connection').textContent(), 'Connection lost');
 });

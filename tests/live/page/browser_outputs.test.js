@@ -52,7 +52,7 @@ test('texts and rectangles of all posts are composed as the tool does', async (t
     for (const post of [0, 1, 2, 3])
         await stage.showsSnapshot(post);
     await stage.shot('texts');
-    await stage.sim('post', '2', '352x288'); // shown at its own size, so that guides are thin
+    stage.setPost(2, '352x288'); // shown at its own size, so that guides are thin
     await stage.text('#post-2 .post-size', '352 × 288');
     await stage.showsSnapshot(2);
     await stage.page.check('#guide-frames');
@@ -66,7 +66,7 @@ test('texts and rectangles of all posts are composed as the tool does', async (t
 
 test('safe spaces and cells are marked as the tool does', async (t) => {
     const stage = await Stage.open(t);
-    stage.sim('post', '0', '352x288');
+    stage.setPost(0, '352x288');
     const file = path.join(stage.folder, 'safe.conf');
     writeFileSync(file, '[osd]\nOsdTVOutSafeSpaceUp=8\nOsdTVOutSafeSpaceDown=10\n' +
         'OsdTVOutSafeSpaceLeft=12\nOsdTVOutSafeSpaceRight=14\n');
@@ -134,7 +134,7 @@ test('another palette colours the pictures', async (t) => {
 
 test('a picture of the user comes below the OSDs', async (t) => {
     const stage = await Stage.open(t);
-    stage.sim('post', '2', '64x36');
+    stage.setPost(2, '64x36');
     await stage.startApplication();
     const frame = path.join(stage.folder, 'frame.png');
     assert.equal(stage.sim('snapshot', '2', '--guides', '--safe', '4,4,4,4', frame).status, 0);

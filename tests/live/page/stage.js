@@ -17,7 +17,7 @@ const require = createRequire(path.join(PAGE_TEST_PACKAGES, 'package.json'));
 const {chromium} = require('playwright-core');
 const AXE = readFileSync(require.resolve('axe-core/axe.min.js'), 'utf8');
 
-const PATIENCE_MS = 30000; // for what takes a moment; a busy machine may need it all
+const PATIENCE_MS = 60000; // for what takes a moment; a busy machine may need it all
 
 const BROWSER = {
     executablePath: PAGE_TEST_BROWSER,
@@ -65,8 +65,8 @@ class Server {
         this.address = address;
     }
 
-    static async start(folder, port = 0) {
-        const words = ['serve', '--port', String(port), '--qm5osd', QM5OSD_PROGRAM];
+    static async start(folder, port, options) {
+        const words = ['serve', '--port', String(port), '--qm5osd', QM5OSD_PROGRAM, ...options];
         const child = spawn(QM5SIM_PROGRAM, words, {
             env: {...process.env, QM5SIM_STATE: folder}, stdio: ['ignore', 'pipe', 'inherit'],
         });
@@ -93,14 +93,17 @@ const EXPECTED = /^Failed to load resource:|net::ERR_/;
 
 export class Stage {
     #folder = mkdtempSync(path.join(tmpdir(), 'page-'));
+    #serverOptions = [];
     #complaints = [];
     #context = null;
 
-    // A page of a new server, in a browser window of `options`; taken away after the test `t`.
-    static async open(t, options = {}) {
+    // A page of a new server, in a browser window of `options`; taken away after the test `t`. With
+    // a token, everybody has to know it.
+    static async open(t, options = {}, token = '') {
         const stage = new Stage();
         t.after(() => stage.#close());
-        stage.server = await Server.start(stage.#folder);
+        stage.#serverOptions = token === '' ? [] : ['--token', token];
+        stage.server = await Server.start(stage.#folder, 0, stage.#serverOptions);
         browser ??= await chromium.launch(BROWSER);
         stage.#context = await browser.newContext({
             viewport: {width: 1440, height: 900}, colorScheme: 'light', ...options,
@@ -109,7 +112,7 @@ export class Stage {
         stage.page.setDefaultTimeout(PATIENCE_MS);
         stage.page.on('console', (message) => stage.#hear(message));
         stage.page.on('pageerror', (error) => stage.#complaints.push(error.stack));
-        await stage.page.goto(stage.server.address);
+        await stage.page.goto(`${stage.server.address}?token=${token}`);
         await stage.text('#text-connection', 'Live');
         return stage;
     }
@@ -140,11 +143,18 @@ export class Stage {
         return runWith(QM5OSD_PROGRAM, this.#folder, words);
     }
 
+    // Gives a post another size, or takes its thread away with `closed`.
+    setPost(post, size) {
+        const words = size === 'closed' ? ['close'] : ['resize', size];
+        const {status, stderr} = this.sim('post', String(post), ...words);
+        assert.equal(status, 0, stderr);
+    }
+
     async restartServer() {
         const {port} = this.server;
         await this.server.end();
         await this.text('#text-connection', 'Connection lost');
-        this.server = await Server.start(this.#folder, port);
+        this.server = await Server.start(this.#folder, port, this.#serverOptions);
     }
 
     // ---- The page ------------------------------------------------------------------------------
