@@ -248,7 +248,7 @@ test('what cannot be carried out without a connection says so', async (t) => {
 });
 
 test('a page that has to show the token of a new server says so', async (t) => {
-    const stage = await Stage.open(t, {}, 'a token that nobody guesses');
+    const stage = await Stage.open(t, {}, 'nobody-guesses-this-token');
     await stage.startApplication();
     await stage.restartServer();
     await stage.text('#notices', /The server refuses this page: .*it needs the token/);

@@ -65,14 +65,18 @@ class Server {
         this.address = address;
     }
 
+    // Null if it couldn't be started, which its own words tell.
     static async start(folder, port, options) {
         const words = ['serve', '--port', String(port), '--qm5osd', QM5OSD_PROGRAM, ...options];
         const child = spawn(QM5SIM_PROGRAM, words, {
             env: {...process.env, QM5SIM_STATE: folder}, stdio: ['ignore', 'pipe', 'inherit'],
         });
-        const [line] = await once(createInterface(child.stdout), 'line');
-        assert.match(line, /^http:\/\/127\.0\.0\.1:\d+\/$/);
-        return new Server(child, line);
+        const lines = createInterface(child.stdout);
+        const first = await Promise.race([once(lines, 'line'), once(lines, 'close')]);
+        if (first.length === 0)
+            return null;
+        assert.match(first[0], /^http:\/\/127\.0\.0\.1:\d+\/$/);
+        return new Server(child, first[0]);
     }
 
     get port() {
@@ -104,6 +108,7 @@ export class Stage {
         t.after(() => stage.#close());
         stage.#serverOptions = token === '' ? [] : ['--token', token];
         stage.server = await Server.start(stage.#folder, 0, stage.#serverOptions);
+        assert.ok(stage.server, 'the server started');
         browser ??= await chromium.launch(BROWSER);
         stage.#context = await browser.newContext({
             viewport: {width: 1440, height: 900}, colorScheme: 'light', ...options,
@@ -153,8 +158,11 @@ export class Stage {
     async restartServer() {
         const {port} = this.server;
         await this.server.end();
+        this.server = null;
         await this.text('#text-connection', 'Connection lost');
-        this.server = await Server.start(this.#folder, port, this.#serverOptions);
+        // Somebody's connection may have the port for a while.
+        this.server = await until(() => Server.start(this.#folder, port, this.#serverOptions),
+                                  `a server at port ${port}`);
     }
 
     // ---- The page ------------------------------------------------------------------------------
