@@ -1,11 +1,13 @@
 // The examples in the documents do what they show. An example is a block of the kind `console`:
 // lines of a shell behind "$ ", which go on behind "> ", each followed by what it prints; "..."
 // stands for any text within a line, and in a line of its own for any lines.
+#include "support/appliance.h"
 #include "support/application.h"
 #include "support/files.h"
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 #include <span>
 #include <sstream>
 
@@ -92,7 +94,8 @@ bool look_so(std::span<const std::string> lines, std::span<const std::string> pa
 bool may_fail(const Example &example)
 {
     return std::ranges::any_of(example.output, [](const std::string &line) {
-        return line.starts_with("qm5sim: ") || line.starts_with("ERR:");
+        return line.starts_with("qm5sim: ") || line.starts_with("ERR:") ||
+               line.starts_with("qm5osd: ");
     });
 }
 
@@ -165,6 +168,39 @@ protected:
 TEST_F(Documents, examples_of_the_simulator_are_true)
 {
     check("simulator.md", 12);
+}
+
+TEST_F(Documents, examples_of_the_architecture_are_true)
+{
+    check("architecture.md", 1);
+}
+
+// The application where it lies on the appliance, and with a time zone.
+class ApplianceDocuments : public Documents
+{
+protected:
+    void SetUp() override
+    {
+        Documents::SetUp();
+        executable_ = support::APPLIANCE_PROGRAM;
+        state_ = getenv("QM5SIM_STATE");
+        appliance_.emplace();
+        setenv("PATH", QM5OSD_BUILD "/sim:/usr/bin:/bin", 1);
+        ASSERT_EQ(support::run({QM5OSD_BUILD "/sim/qm5sim", "clock", "UTC"}).status, 0);
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ(support::run({support::APPLIANCE_SERVICE, "stop"}).status, 0);
+        Documents::TearDown();
+        appliance_.reset();
+    }
+
+    std::optional<support::Appliance> appliance_;
+};
+
+TEST_F(ApplianceDocuments, examples_of_the_operation_are_true)
+{
+    check("operations.md", 8);
 }
 
 TEST_F(Documents, patterns_fit_only_what_they_show)
