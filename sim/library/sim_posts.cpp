@@ -232,8 +232,7 @@ static void sim_follow_vanishing(std::uint32_t number)
         return;
     if (sim_late[number].pending && sim->post[number].res_id != 0)
         return; // its coming hasn't been told yet
-    sim_write_size(number, "closed
-", rename);
+    sim_write_size(number, "closed\n", rename);
     if (sim->post[number].res_id != 0)
         sim_close_post(number);
     sim_lock();
