@@ -4,9 +4,9 @@
 //   calls.data   what was shown by set_osd, one behind the other
 //
 // Only the library writes them, and it only appends: a reader may take the first `count` records
-// at any time, and what they show, even if the process that wrote them was killed. `calls` is longer
-// than that while it is written, and stays so behind a process that has ended without library_exit;
-// it is locked (flock) by the process that writes it.
+// at any time, and what they show, even if the process that wrote them was killed. `calls` is
+// longer than that while it is written, and stays so behind a process that has ended without
+// library_exit; it is locked (flock) by the process that writes it.
 //
 // A library_init with the setting on begins both files anew, whether it succeeds or not; but if the
 // one before it has failed too, the record goes on. What is called behind library_exit still goes
