@@ -151,9 +151,13 @@ protected:
     static void resize(unsigned number, const Size &size)
     {
         set_font(size);
-        const Ended ended =
-            run_sim({"post", std::to_string(number),
-                     std::to_string(size.width) + 'x' + std::to_string(size.height)});
+        const auto give = [&](const char *action) {
+            return run_sim({"post", std::to_string(number), action,
+                            std::to_string(size.width) + 'x' + std::to_string(size.height)});
+        };
+        Ended ended = give("resize");
+        if (ended.status != 0) // it is closed
+            ended = give("open");
         EXPECT_EQ(ended.status, 0) << ended.err;
     }
 
@@ -249,12 +253,12 @@ TEST_F(Pictures, come_back_with_an_output_that_was_closed)
 {
     start_server();
     ASSERT_NO_FATAL_FAILURE(show_texts(2, SIZE_320));
-    ASSERT_EQ(run_sim({"post", "2", "closed"}).status, 0);
+    ASSERT_EQ(run_sim({"post", "2", "close"}).status, 0);
     EXPECT_TRUE(wait_until([] {
         return run_sim({"snapshot", "2", SHOWN}).err == "qm5sim: post 2: it has no post thread\n";
     }));
     ASSERT_NO_FATAL_FAILURE(show_texts(2, SIZE_640));
-    ASSERT_EQ(run_sim({"post", "2", "closed"}).status, 0);
+    ASSERT_EQ(run_sim({"post", "2", "close"}).status, 0);
     ASSERT_NO_FATAL_FAILURE(show_texts(2, SIZE_320));
     stop();
 }

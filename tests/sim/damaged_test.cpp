@@ -111,7 +111,7 @@ const Victim VICTIMS[] = {
       SNAPSHOT_OF_OSD}},
     {"calls", {{"calls"}, {"calls", "--from", "3"}, REPLAY}},
     {"calls.data", {REPLAY}},
-    {"post0", {{"post", "0", "640x360"}, {"state"}}},
+    {"post0", {{"post", "0", "resize", "640x360"}, {"state"}}},
     {"post0-osd0", {SNAPSHOT, SNAPSHOT_OF_OSD, GUIDES, {"state"}}},
 };
 

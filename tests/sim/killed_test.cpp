@@ -127,9 +127,9 @@ TEST_F(KilledTool, leaves_the_size_of_a_post_whole)
 {
     expect_whole_in_folder({state_ + "/post0",
                             "640x360\n",
-                            {"post", "0", "1280x720"},
+                            {"post", "0", "resize", "1280x720"},
                             "1280x720\n",
-                            {"post", "0", "closed"},
+                            {"post", "0", "close"},
                             [](const Text &) { return "closed\n"; }});
 }
 

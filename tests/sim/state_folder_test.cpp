@@ -34,7 +34,7 @@ protected:
     static std::vector<std::pair<Words, std::string>> writers()
     {
         return {
-            {{"post", "0", "640x360"}, "post0"},
+            {{"post", "0", "resize", "640x360"}, "post0"},
             {{"setting", "strict", "1"}, "settings"},
             {{"fault", "add", "set_osd", "next", "vanish"}, "faults"},
             {{"fault", "load", out("faults")}, "faults"},
