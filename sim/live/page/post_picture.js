@@ -37,7 +37,6 @@ export class PostPicture {
     picture = null; // as it is shown; null while the post is closed or nothing has come yet
     background = null;
     layers = []; // the shown OSDs with their indices, ready to be composed
-    changed = []; // numbers of the OSDs that the last repaint changed
 
     #number;
     #palette;
@@ -81,7 +80,6 @@ export class PostPicture {
     repaint() {
         if (!this.picture)
             return;
-        this.changed = this.layers.map((layer) => layer.number);
         compose(this.picture, this.background, this.layers, this.#palette());
         this.#repainted();
     }
@@ -108,7 +106,6 @@ export class PostPicture {
         this.forget();
         this.picture = null;
         this.background = null;
-        this.changed = [];
         this.#repainted();
     }
 
@@ -138,24 +135,17 @@ export class PostPicture {
         return fetched && {...osd, indices: fetched.indices, fetched: fetched.sets};
     }
 
+    // Makes anew what layers that came, went, moved or were drawn have covered and cover.
     #repaintChanged(old) {
-        const find = (layers, number) => layers.find((layer) => layer.number === number);
-        const areas = new Map();
-        for (const layer of [...old, ...this.layers]) {
-            const one = find(old, layer.number);
-            const other = find(this.layers, layer.number);
-            const isSame = one && other && one.indices === other.indices && one.x === other.x &&
-                one.y === other.y;
-            if (isSame)
-                continue;
-            const area = areas.get(layer.number);
-            areas.set(layer.number, area ? unionArea(area, areaOf(layer)) : areaOf(layer));
-        }
-        if (areas.size === 0)
+        const isIn = (layers, layer) => layers.some((each) => each.number === layer.number &&
+            each.indices === layer.indices && each.x === layer.x && each.y === layer.y);
+        const gone = old.filter((layer) => !isIn(this.layers, layer));
+        const come = this.layers.filter((layer) => !isIn(old, layer));
+        const areas = [...gone, ...come].map(areaOf);
+        if (areas.length === 0)
             return;
-        this.changed = [...areas.keys()];
-        const all = [...areas.values()].reduce(unionArea, areas.values().next().value);
-        compose(this.picture, this.background, this.layers, this.#palette(), all);
+        compose(this.picture, this.background, this.layers, this.#palette(),
+                areas.reduce(unionArea));
         this.#repainted();
     }
 }

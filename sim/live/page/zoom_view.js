@@ -231,12 +231,17 @@ export class ZoomView {
         context.strokeRect(left - 0.5, top - 0.5, scale + 1, scale + 1);
     }
 
-    #showProbe() {
+    // What stands at the cursor; null while there is no picture.
+    #probe() {
         const {picture, background, layers} = this.#shown;
         const {x, y} = this.#cursor;
-        const found = picture && probe(picture, background, layers, this.#live.palette, x, y);
+        return picture && probe(picture, background, layers, this.#live.palette, x, y);
+    }
+
+    #showProbe() {
+        const found = this.#probe();
         const cells = this.#cells;
-        setText(cells.position, found ? `${x}, ${y}` : '—');
+        setText(cells.position, found ? `${found.x}, ${found.y}` : '—');
         this.#showColor('swatch', 'color', found?.color);
         this.#showColor('below-swatch', 'below', found?.below);
         for (let osd = 0; osd < POSTS.length; osd++) {
@@ -358,13 +363,11 @@ export class ZoomView {
     }
 
     #sayProbe() {
-        const {picture, background, layers} = this.#shown;
-        const {x, y} = this.#cursor;
-        const found = picture && probe(picture, background, layers, this.#live.palette, x, y);
+        const found = this.#probe();
         if (!found)
             return;
         const osds = found.osds.flatMap((at, number) =>
             (at ? [`OSD ${number} index ${at.index}`] : []));
-        announce([`${x}, ${y}`, colorCode(found.color), ...osds].join(', ') + '.');
+        announce([`${found.x}, ${found.y}`, colorCode(found.color), ...osds].join(', ') + '.');
     }
 }
