@@ -62,6 +62,7 @@ TEST_F(LiveState, tells_of_a_folder_that_is_not_there)
                     {"application", {{"running", false}}},
                     {"posts", posts},
                     {"palette", 1},
+                    {"parameters", 1},
                     {"faults", {{"on", true}, {"list", none}, {"error", nullptr}}},
                     {"settings",
                      {{"alignment", {16, 16, 16}}, {"strict", 0}, {"faults", 1}, {"record", 0}}},
