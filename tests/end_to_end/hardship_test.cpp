@@ -228,7 +228,7 @@ TEST_F(Hardship, full_disk_keeps_the_server_down_until_there_is_room)
 TEST_F(Hardship, disk_that_becomes_full_ends_the_record_and_not_the_pictures)
 {
     fs::create_directory(state_);
-    ASSERT_EQ(mount("none", state_.c_str(), "tmpfs", 0, "size=128k"), 0);
+    ASSERT_EQ(mount("none", state_.c_str(), "tmpfs", 0, "size=1m"), 0);
     support::write_file(state_ + "/settings", "record 1\n");
     start({"--Post0TimeOn=1"});
     EXPECT_TRUE(shows(0, [](const sim_reader::Post &post) { return count_shown(post) == 1; }));

@@ -113,7 +113,7 @@ TEST_F(RecordLife, of_another_process_is_left_alone)
     testing::internal::CaptureStderr();
     EXPECT_TRUE(failed(lib_.library_init(), 0x81E00003));
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "qm5sim: " + state + ": Device or resource busy\n");
+              "qm5sim: " + state + ": another process has the device open\n");
     EXPECT_EQ(read_file(CALLS), "another");
     EXPECT_FALSE(fs::exists(DATA));
     close(locked);
