@@ -74,15 +74,15 @@ std::vector<Damage> damages(const std::string &good)
         link_to("a link to itself", "."),
     };
     all.back().make = [](const fs::path &file) { fs::create_symlink(file.filename(), file); };
-    for (const std::size_t size : {1u, 64u, 1032u, 4096u})
+    for (const std::size_t size : {64u, 1032u})
         all.push_back(text(std::to_string(size) + " random bytes", random_bytes(random, size)));
-    for (unsigned i = 0; i < 8; i++) {
+    for (unsigned i = 0; i < 4; i++) {
         std::string bytes = good;
         bytes.at(random() % bytes.size()) ^= static_cast<char>(1 + random() % 255);
         all.push_back(text("changed byte " + std::to_string(i), bytes));
     }
-    for (const auto &other : fs::directory_iterator(GOOD))
-        all.push_back(text(other.path().filename(), read_file(other.path())));
+    for (const std::string other : {"state", "faults", "palette", "calls", "post0-osd0"})
+        all.push_back(text(other, read_file(GOOD + ('/' + other))));
     return all;
 }
 
@@ -94,13 +94,12 @@ struct Victim {
 
 const Words SNAPSHOT = {"snapshot", "0", "/tmp/out.png"};
 const Words SNAPSHOT_OF_OSD = {"snapshot", "0", "--osd", "0", "/tmp/out.png"};
-const Words GUIDES = {"snapshot", "0", "--guides", "/tmp/out.png"};
 const Words ADD = {"fault", "add", "set_osd", "next", "vanish"};
 const Words STRICT = {"setting", "strict", "0"};
 const Words REPLAY = {"replay", "9", "/tmp/out.png", "--post", "0"};
 
 const Victim VICTIMS[] = {
-    {"state", {{"state"}, {"state", "--json"}, SNAPSHOT, SNAPSHOT_OF_OSD, GUIDES, {"fault"}, ADD}},
+    {"state", {{"state"}, {"state", "--json"}, SNAPSHOT, {"fault"}, ADD}},
     {"settings", {{"setting"}, STRICT, {"fault"}, {"fault", "off"}, ADD}},
     {"faults", {{"fault"}, ADD, {"fault", "remove", "1"}, {"fault", "clear"}, STRICT}},
     {"palette",
@@ -112,7 +111,7 @@ const Victim VICTIMS[] = {
     {"calls", {{"calls"}, {"calls", "--from", "3"}, REPLAY}},
     {"calls.data", {REPLAY}},
     {"post0", {{"post", "0", "resize", "640x360"}, {"state"}}},
-    {"post0-osd0", {SNAPSHOT, SNAPSHOT_OF_OSD, GUIDES, {"state"}}},
+    {"post0-osd0", {SNAPSHOT, SNAPSHOT_OF_OSD, {"state"}}},
 };
 
 std::ostream &operator<<(std::ostream &out, const Victim &victim)
