@@ -128,13 +128,15 @@ TEST_F(Child, is_left_to_itself_when_the_server_ends)
 {
     support::adopt_orphans();
     eventfd_write(stop_, 1);
-    EXPECT_EQ(
-        run_child({"sh", "-c", "echo $$ >/tmp/pid.new; mv /tmp/pid.new /tmp/pid"}, "", 30s, stop_),
-        std::nullopt);
+    const std::string script = "echo $$ >/tmp/pid.new; mv /tmp/pid.new /tmp/pid; "
+                               "until [ -e /tmp/go ]; do sleep 0.02; done";
+    EXPECT_EQ(run_child({"sh", "-c", script}, "", 30s, stop_), std::nullopt);
     ASSERT_TRUE(support::wait_until([] { return std::filesystem::exists("/tmp/pid"); }));
     const pid_t pid = std::stoi(support::read_file("/tmp/pid"));
+    support::write_file("/tmp/go", "");
     EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
     support::remove_file("/tmp/pid");
+    support::remove_file("/tmp/go");
 }
 
 TEST_F(Child, can_fail_to_start)
