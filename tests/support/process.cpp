@@ -154,6 +154,21 @@ void adopt_orphans()
     prctl(PR_SET_CHILD_SUBREAPER, 1);
 }
 
+// The executable that a process runs: what an emulator runs for another machine's, not the
+// emulator.
+static fs::path executable_of(const fs::path &process)
+{
+    std::error_code gone;
+    const fs::path executable = fs::read_symlink(process / "exe", gone);
+    if (!executable.filename().string().starts_with("qemu-"))
+        return executable;
+    std::ifstream words(process / "cmdline");
+    std::string word;
+    std::getline(words, word, '\0');
+    std::getline(words, word, '\0');
+    return word;
+}
+
 std::vector<pid_t> processes_of(const std::string &path)
 {
     std::vector<pid_t> found;
@@ -162,8 +177,7 @@ std::vector<pid_t> processes_of(const std::string &path)
         if (!std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; }))
             continue;
         const auto pid = static_cast<pid_t>(std::stol(name));
-        std::error_code gone;
-        if (fs::read_symlink(entry.path() / "exe", gone) == path && is_descendant(pid))
+        if (executable_of(entry.path()) == path && is_descendant(pid))
             found.push_back(pid);
     }
     return found;
