@@ -16,6 +16,9 @@ set(CMAKE_SHARED_LINKER_FLAGS_INIT
     "-Wl,-rpath-link,${sysroot}/usr/lib/arm-linux-gnueabi:${sysroot}/lib/arm-linux-gnueabi")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "${CMAKE_SHARED_LINKER_FLAGS_INIT} -no-pie")
 
+# Each test in namespaces of its own.
+set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../scripts/arm-run)
+
 set(CMAKE_FIND_ROOT_PATH ${sysroot})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

@@ -153,7 +153,7 @@ std::vector<sim_call_record> Calls::read(std::uint64_t first, std::uint64_t most
     }
     if (first > last)
         return {};
-    std::vector<sim_call_record> calls(std::min(most, last - first + 1));
+    std::vector<sim_call_record> calls(static_cast<std::size_t>(std::min(most, last - first + 1)));
     const std::uint64_t at = FIRST_AT + (first - 1) * sizeof(sim_call_record);
     if (!file_.read(at, calls.data(), calls.size() * sizeof(sim_call_record)))
         fail("cut off while it was read");
@@ -385,7 +385,7 @@ std::vector<std::uint8_t> read_pixels(const Calls &calls, const fs::path &data,
     const std::uint64_t present = file.size();
     if (osd.data_at > present || size > present - osd.data_at)
         file.fail("cut off before the end of what call " + std::to_string(osd.call) + " shows");
-    std::vector<std::uint8_t> pixels(size);
+    std::vector<std::uint8_t> pixels(static_cast<std::size_t>(size));
     if (!file.read(osd.data_at, pixels.data(), pixels.size()))
         file.fail("cut off while it was read");
     if (osd.hash != 0 && osd.hash != sim_hash_shown(pixels.data(), pixels.size()))

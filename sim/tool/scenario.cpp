@@ -30,7 +30,7 @@ bool is_blank(char c)
 void require_text(const std::string &line)
 {
     const auto is_control = [](char c) {
-        return (c >= 0 && c < ' ' && !is_blank(c)) || c == '\x7F';
+        return (static_cast<unsigned char>(c) < ' ' && !is_blank(c)) || c == '\x7F';
     };
     if (line.size() > LONGEST_LINE)
         throw CLI::ValidationError("longer than " + std::to_string(LONGEST_LINE) + " bytes");

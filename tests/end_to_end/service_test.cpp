@@ -62,16 +62,23 @@ protected:
 
     void sim(const Words &words) const
     {
-        Words all = {QM5OSD_BUILD "/sim/qm5sim"};
+        Words all = {QM5SIM_PROGRAM};
         all.insert(all.end(), words.begin(), words.end());
         EXPECT_EQ(run(all).status, 0);
+    }
+
+    // Then the script can't see which executable a process runs.
+    static bool is_emulated()
+    {
+        return getenv("QEMU_LD_PREFIX") != nullptr;
     }
 
     pid_t server() const
     {
         const std::vector<pid_t> servers = support::processes_of(executable_);
-        EXPECT_EQ(servers.size(), 1u);
-        return servers.empty() ? -1 : servers[0];
+        if (servers.size() != 1) // a signal to -1 would reach everything
+            throw std::runtime_error(std::to_string(servers.size()) + " servers run");
+        return servers[0];
     }
 
     // The value of a key in force.
@@ -255,6 +262,8 @@ TEST_F(Service, start_fails_if_no_server_comes_up)
 
 TEST_F(Service, server_that_takes_long_to_come_up_is_waited_for)
 {
+    if (is_emulated())
+        GTEST_SKIP() << "an emulator hides the server from the script";
     write_file(APPLIANCE_SAVED, "[osd]\nPost3TypeOn=1\n");
     sim({"fault", "add", "open_device", "every", "delay", "4000"});
     expect_good(service("start"));
@@ -266,6 +275,8 @@ TEST_F(Service, server_that_takes_long_to_come_up_is_waited_for)
 
 TEST_F(Service, server_that_does_not_stop_is_killed)
 {
+    if (is_emulated())
+        GTEST_SKIP() << "an emulator hides the server from the script";
     expect_good(service("start"));
     kill(server(), SIGSTOP);
     set_limit(2);

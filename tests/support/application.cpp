@@ -33,8 +33,10 @@ void ApplicationTest::SetUp()
 
 void ApplicationTest::TearDown()
 {
+    // A server that has ended its work may still be on its way out.
+    EXPECT_TRUE(wait_until([this] { return processes_of(executable_).empty(); }))
+        << "a process is left running; " << log();
     const std::vector<pid_t> left = processes_of(executable_);
-    EXPECT_TRUE(left.empty()) << "a process is left running; " << log();
     for (const pid_t pid : left) {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);

@@ -205,7 +205,8 @@ class CommonFile
 public:
     explicit CommonFile(const char *text)
     {
-        const fs::path folder = fs::read_symlink("/proc/self/exe").parent_path();
+        const fs::path program = fs::read_symlink("/proc/self/exe");
+        const fs::path folder = program.parent_path();
         root_ = folder.parent_path().parent_path();
         make_root();
         mounted_ = mount("none", root_.c_str(), "tmpfs", 0, nullptr) == 0;
@@ -213,6 +214,7 @@ public:
         if (!mounted_)
             return;
         fs::create_directories(folder);
+        support::write_file(program, ""); // an emulator has the link lead only to what is there
         fs::create_directories(root_ / "conf");
         support::write_file(root_ / "conf/qm5_app_comm.conf", text);
     }
