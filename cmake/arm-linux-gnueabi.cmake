@@ -8,7 +8,7 @@ set(CMAKE_C_COMPILER arm-linux-gnueabi-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabi-g++)
 # An executable for a fixed address is smaller and faster, and leaves nothing to relocate in memory.
 set(CMAKE_C_FLAGS_INIT "-mcpu=arm1176jzf-s -marm -fno-pie")
-set(CMAKE_CXX_FLAGS_INIT "${CMAKE_C_FLAGS_INIT}")
+set(CMAKE_CXX_FLAGS_INIT "${CMAKE_C_FLAGS_INIT} -Wno-psabi") # nothing older is linked
 
 set(sysroot ${CMAKE_CURRENT_LIST_DIR}/../build/arm/sysroot)
 # Libraries that other libraries need.
