@@ -1,5 +1,5 @@
 // The application for the appliance beside the one for this machine: all that they print, write and
-// show in one and the same story has the same bytes, and they make the same calls. The font is one
+// show in one and the same story has the same bytes. The font is one
 // of the tests' own, of which every FreeType makes the same pixels, and the clock stands.
 #include "sim/run_sim.h"
 #include "support/application.h"
