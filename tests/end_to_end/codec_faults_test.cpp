@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <filesystem>
 #include <ostream>
 #include <sys/wait.h>
@@ -21,6 +20,7 @@ namespace
 
 namespace fs = std::filesystem;
 using support::Ended;
+using support::hex;
 using support::report;
 using support::shows_text;
 using support::Words;
@@ -63,13 +63,6 @@ std::string text_of(const Chain &chain)
     std::string text;
     for (const auto &[message, reporter] : chain)
         text += report("server", message, reporter);
-    return text;
-}
-
-std::string hex(std::uint32_t word)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08X", word);
     return text;
 }
 
