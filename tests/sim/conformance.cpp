@@ -65,6 +65,7 @@ protected:
         std::uint32_t handle = 0;
         std::uint32_t aux = 0;
         std::uint32_t line_bytes = 0;
+        std::uint32_t size = 0; // of its memory, line for line
     };
 
     Osd open(const qm5_cl_osd_param &param)
@@ -73,6 +74,7 @@ protected:
         const qm5_cl_osd_param before = param;
         EXPECT_EQ(lib_.open_osd(first_.res_id, &param, &osd.handle, &osd.aux, &osd.line_bytes), 0);
         EXPECT_NE(osd.handle, 0u);
+        osd.size = osd.line_bytes * param.height;
         EXPECT_EQ(std::memcmp(&param, &before, sizeof param), 0) << "it is only read";
         return osd;
     }
@@ -82,6 +84,8 @@ protected:
         qm5_cl_osd_mem mem{};
         EXPECT_EQ(lib_.get_osd_mem(first_.res_id, osd.handle, &mem), 0);
         EXPECT_NE(mem.memory, nullptr);
+        EXPECT_EQ(mem.size, osd.size);
+        mem.size = std::min(mem.size, osd.size); // nobody writes behind it
         return mem;
     }
 
@@ -216,7 +220,6 @@ TEST_F(Conformance, memory_is_lines_times_height_aligned_and_writable)
                 const Osd osd = open({0, static_cast<std::uint16_t>(width),
                                       static_cast<std::uint16_t>(height), type});
                 const qm5_cl_osd_mem mem = borrow(osd);
-                EXPECT_EQ(mem.size, osd.line_bytes * height) << type << ' ' << width;
                 EXPECT_EQ(reinterpret_cast<std::uintptr_t>(mem.memory) % 4, 0u);
                 fill(mem, type);
                 EXPECT_TRUE(holds(mem, type));
