@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <iostream>
 
 namespace
@@ -59,6 +60,20 @@ protected:
     {
         EXPECT_EQ(lib_.close_device(), 0);
         EXPECT_EQ(lib_.library_exit(), 0);
+    }
+
+    // Whatever becomes of the posts, nothing is told from the closing of the device on.
+    void expect_silence(const std::function<void()> &change)
+    {
+        EXPECT_EQ(lib_.close_device(), 0);
+        const std::size_t told = notices_so_far().size();
+        change();
+        std::this_thread::sleep_for(WHILE);
+        EXPECT_EQ(notices_so_far().size(), told);
+        EXPECT_EQ(lib_.library_exit(), 0);
+        std::this_thread::sleep_for(WHILE);
+        EXPECT_EQ(notices_so_far().size(), told);
+        bring_up();
     }
 
     struct Osd {
@@ -165,14 +180,7 @@ TEST_F(Conformance, running_post_threads_are_announced_at_each_switching_on_and_
 
 TEST_F(Conformance, nothing_is_told_once_the_device_is_closed)
 {
-    EXPECT_EQ(lib_.close_device(), 0);
-    const std::size_t told = notices_so_far().size();
-    std::this_thread::sleep_for(WHILE);
-    EXPECT_EQ(notices_so_far().size(), told);
-    EXPECT_EQ(lib_.library_exit(), 0);
-    std::this_thread::sleep_for(WHILE);
-    EXPECT_EQ(notices_so_far().size(), told);
-    bring_up();
+    expect_silence([] {});
 }
 
 TEST_F(Conformance, status_has_the_size_of_the_video)
@@ -430,16 +438,10 @@ TEST_F(ConformanceOfPosts, other_posts_stay_when_one_closes)
 
 TEST_F(ConformanceOfPosts, change_behind_the_closing_of_the_device_is_not_told)
 {
-    EXPECT_EQ(lib_.close_device(), 0);
-    const std::size_t told = notices_so_far().size();
-    EXPECT_EQ(run_command(first_.post, "close"), 0);
-    EXPECT_EQ(run_command(first_.post, "open 352x288"), 0);
-    std::this_thread::sleep_for(WHILE);
-    EXPECT_EQ(notices_so_far().size(), told);
-    EXPECT_EQ(lib_.library_exit(), 0);
-    std::this_thread::sleep_for(WHILE);
-    EXPECT_EQ(notices_so_far().size(), told);
-    bring_up();
+    expect_silence([this] {
+        EXPECT_EQ(run_command(first_.post, "close"), 0);
+        EXPECT_EQ(run_command(first_.post, "open 352x288"), 0);
+    });
 }
 
 // ---- A device that can't be opened --------------------------------------------------------------
