@@ -1,5 +1,6 @@
 // Reading faults. No word of a line is passed over: a fault that is misspelt must not be no fault.
-#include "sim_faults.h"
+#include "display/qm5codec.h"
+#include "sim_state.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -11,10 +12,10 @@ const char *const sim_operation_names[SIM_OPERATIONS] = {
     "close_device", "library_exit", "notify",
 };
 
-// What an effect is called, whether a value follows, and which operations know it.
+// What an effect is called, how many words of its own follow, and which operations know it.
 struct sim_effect_row {
     const char *name;
-    bool has_value;
+    std::size_t words;
     std::uint32_t operations; // a bit each
 };
 
@@ -24,24 +25,26 @@ static constexpr std::uint32_t SIM_POST_CALLS = 1u << SIM_THREAD_GET_STATUS | 1u
                                                 1u << SIM_GET_OSD_MEM | 1u << SIM_SET_OSD;
 
 static constexpr sim_effect_row sim_effects[SIM_EFFECTS] = {
-    {"fail", true, SIM_CALLS},
-    {"delay", true, SIM_CALLS},
-    {"size", true, 1u << SIM_GET_OSD_MEM},
-    {"line", true, 1u << SIM_OPEN_OSD},
-    {"vanish", false, SIM_POST_CALLS},
-    {"vanish-after", false, SIM_POST_CALLS},
-    {"double", false, 1u << SIM_NOTIFY},
-    {"late", true, 1u << SIM_NOTIFY},
+    {"fail", 1, SIM_CALLS},
+    {"delay", 1, SIM_CALLS},
+    {"size", 1, 1u << SIM_GET_OSD_MEM},
+    {"line", 1, 1u << SIM_OPEN_OSD},
+    {"vanish", 0, SIM_POST_CALLS},
+    {"vanish-after", 0, SIM_POST_CALLS},
+    {"change", 2, SIM_POST_CALLS},
+    {"change-after", 2, SIM_POST_CALLS},
+    {"double", 0, 1u << SIM_NOTIFY},
+    {"late", 1, 1u << SIM_NOTIFY},
 };
 
 static constexpr struct {
     const char *name;
     std::uint32_t code;
 } sim_codes[] = {
-    {"gone1", 0x81E04507},
-    {"gone2", 0x81E03204},
-    {"gone3", 0x81E0250C},
-    {"refused", 0x81E03246},
+    {"gone1", QM5_CL_ERROR_GONE_1},
+    {"gone2", QM5_CL_ERROR_GONE_2},
+    {"gone3", QM5_CL_ERROR_GONE_3},
+    {"refused", QM5_CL_ERROR_OPEN_REFUSED},
 };
 
 // A whole word as a number within the bounds; false if it is none.
@@ -97,9 +100,23 @@ static bool sim_parse_effect(const char *word, sim_fault *fault)
     return false;
 }
 
-static bool sim_parse_value(const char *word, sim_fault *fault)
+static bool sim_parse_post(const char *word, std::uint32_t *post)
 {
     long long number = 0;
+    if (!sim_parse_number(word, 0, SIM_POSTS - 1, &number))
+        return false;
+    *post = static_cast<std::uint32_t>(number);
+    return true;
+}
+
+// Reads the words that an effect has.
+static bool sim_parse_value(char *const *words, sim_fault *fault)
+{
+    const char *word = words[0];
+    long long number = 0;
+    if (fault->effect == SIM_CHANGE || fault->effect == SIM_CHANGE_AFTER)
+        return sim_parse_post(word, &fault->changed) &&
+               sim_parse_size(words[1], &fault->width, &fault->height);
     if (fault->effect == SIM_FAIL) {
         for (const auto &code : sim_codes) {
             if (strcmp(word, code.name) == 0) {
@@ -127,13 +144,13 @@ static bool sim_has_post(std::uint32_t operation)
 const char *sim_parse_fault(const char *line, sim_fault *fault)
 {
     char copy[SIM_FAULT_LINE];
-    char *words[8] = {};
+    char *words[9] = {}; // one more than any fault has
     std::size_t count = 0;
     if (strlen(line) >= sizeof copy)
         return "line is too long";
     strcpy(copy, line);
     char *rest = nullptr;
-    for (char *word = strtok_r(copy, " \t\n", &rest); word && count < 8;
+    for (char *word = strtok_r(copy, " \t\n", &rest); word && count < 9;
          word = strtok_r(nullptr, " \t\n", &rest))
         words[count++] = word;
 
@@ -154,19 +171,13 @@ const char *sim_parse_fault(const char *line, sim_fault *fault)
     if ((sim_effects[fault->effect].operations >> fault->operation & 1) == 0)
         return "the operation has no such effect";
 
-    std::size_t used = 4;
-    if (sim_effects[fault->effect].has_value) {
-        if (count <= used || !sim_parse_value(words[used], fault))
-            return "bad value of the effect";
-        used++;
-    }
+    const std::size_t used = 4 + sim_effects[fault->effect].words;
+    if (used > 4 && (count < used || !sim_parse_value(words + 4, fault)))
+        return "bad value of the effect";
     if (count == used)
         return nullptr;
     if (count != used + 2 || strcmp(words[used], "post") != 0 ||
-        !sim_parse_number(words[used + 1], 0, 3, &number))
+        !sim_parse_post(words[used + 1], &fault->post))
         return "bad words behind the effect";
-    if (!sim_has_post(fault->operation))
-        return "the operation is no post's";
-    fault->post = static_cast<std::uint32_t>(number);
-    return nullptr;
+    return sim_has_post(fault->operation) ? nullptr : "the operation is no post's";
 }

@@ -3,15 +3,21 @@
 //
 //   ID OPERATION WHEN EFFECT [post N]
 //
-//   WHEN     next, 3 (the third call from now on), every, 25% (a fraction, in a fixed sequence)
-//   EFFECT   fail CODE    gone1, gone2, gone3, refused, or a number as 0x81E00042
-//            delay MS     before the call does anything
-//            size BYTES   get_osd_mem tells a size that is so many bytes off, as -16
-//            line BYTES   open_osd tells a line length that is so many bytes off
-//            vanish       the post thread is gone and announced as such before the call
-//            vanish-after the same between the call's work and its return
-//            double       notify: the callback is called twice
-//            late MS      notify: the callback is called so much later; only its post waits
+//   WHEN     next, 3 (the third call from now on), every, 25% (a fraction, in a fixed sequence
+//            that depends on the fault's words and not on its ID)
+//   EFFECT   fail CODE      gone1, gone2, gone3, refused, or a number as 0x81E00042
+//            delay MS       before the call does anything
+//            size BYTES     get_osd_mem tells a size that is so many bytes off, as -16
+//            line BYTES     open_osd tells a line length that is so many bytes off
+//            vanish         the post thread is gone and announced as such before the call
+//            change P SIZE  post P, this one or another, is brought to a size or to `closed`, and
+//                           its closing and opening announced, before the call
+//            vanish-after, change-after P SIZE
+//                           the same between the call's work and its return: of get_osd_mem,
+//                           during the drawing
+//            double         notify: the callback is called twice
+//            late MS        notify: the callback is called so much later; only its post waits,
+//                           and no longer than until a fault changes it
 //
 // An operation is named as in the library without its qm5_cl_ and post_, sys_: open_osd; `notify`
 // is a call of the application's callback. `post N` limits a fault to one post's calls.
@@ -51,6 +57,8 @@ enum sim_effect : std::uint32_t {
     SIM_LINE,
     SIM_VANISH,
     SIM_VANISH_AFTER,
+    SIM_CHANGE,
+    SIM_CHANGE_AFTER,
     SIM_DOUBLE,
     SIM_LATE,
     SIM_EFFECTS
@@ -66,6 +74,11 @@ struct sim_fault {
     std::uint32_t effect;
     std::int32_t value; // errno, milliseconds or bytes
     std::uint32_t post; // or SIM_ANY_POST
+
+    // What SIM_CHANGE brings another post to, or the same one; 0 by 0: closed.
+    std::uint32_t changed;
+    std::uint32_t width;
+    std::uint32_t height;
 };
 
 constexpr std::size_t SIM_FAULTS = 32; // at a time

@@ -18,7 +18,8 @@
 // each change, and a reader takes nothing that it read across a change of it. `settings` and
 // `faults` may be written at any time, whole, by a rename; `control` tells which of them are in
 // force: the library takes them up at each of its calls that belong to no post, and after
-// qm5_cl_post_set_notify within moments of a change.
+// qm5_cl_post_set_notify within moments of a change. It takes up both or, if it can't understand
+// one of them, neither.
 //
 // The settings, with their defaults:
 //
@@ -38,7 +39,7 @@ constexpr std::uint32_t SIM_POSTS = 4;
 constexpr std::uint32_t SIM_OSDS = 4;
 
 constexpr std::uint32_t SIM_MAGIC = 0x6D697335; // "5sim"
-constexpr std::uint32_t SIM_VERSION = 2;
+constexpr std::uint32_t SIM_VERSION = 3;
 
 struct sim_osd {
     std::uint32_t handle; // 0: not open
@@ -73,10 +74,15 @@ struct sim_state {
     std::uint32_t last_id;  // resource IDs and handles are counted, so none comes twice
     std::uint32_t control;  // sim_hash of the settings and faults in force
     std::uint32_t breaches; // of this server and those before it
+
+    // When the file of faults was last changed, as far as the library has looked: if it is changed
+    // while no server runs, the counts begin anew.
+    std::uint64_t faults_time;
+
     sim_post post[SIM_POSTS];
     sim_fault_count fault[SIM_FAULTS];
 };
-static_assert(sizeof(sim_osd) == 36 && sizeof(sim_post) == 156 && sizeof(sim_state) == 1032);
+static_assert(sizeof(sim_osd) == 36 && sizeof(sim_post) == 156 && sizeof(sim_state) == 1040);
 
 constexpr std::size_t SIM_PATH_SIZE = 4096;
 

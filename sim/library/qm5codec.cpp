@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <unistd.h>
 
 constexpr std::uint32_t SIM_COLOR_TYPES = 3;
 
@@ -18,6 +19,9 @@ static enum sim_stages {
 static qm5_cl_post_notify_function *sim_notify;
 static bool sim_notifying;
 
+// The process of qm5_cl_library_init, and not a child of it.
+static pid_t sim_process;
+
 // ---- Library and device -------------------------------------------------------------------------
 
 static int sim_fail_order(sim_operation operation)
@@ -26,6 +30,17 @@ static int sim_fail_order(sim_operation operation)
     sim_breach(operation, "out of its order");
     sim_unlock();
     return sim_fail(SIM_ERROR_ORDER);
+}
+
+// Is there what an argument must point to? If not, that's a breach, and -1 with errno.
+static int sim_require(sim_operation operation, const char *name, const void *pointer)
+{
+    if (pointer)
+        return 0;
+    sim_lock();
+    sim_breach(operation, "%s: none", name);
+    sim_unlock();
+    return sim_fail(SIM_ERROR_ARGUMENT);
 }
 
 // What a call that belongs to no post begins with. 0, or -1 with errno if it is to fail.
@@ -46,16 +61,20 @@ static int sim_library_init()
         return sim_fail_order(SIM_LIBRARY_INIT);
     if (sim_map_state() != 0)
         return -1;
+    sim_process = getpid();
+    sim_forget_control();
     const int result = sim_begin_plain_call(SIM_LIBRARY_INIT);
     const int error = errno;
     if (sim_setting.record != 0)
         sim_record_start(sim_folder(), sim_setting.record_limit);
     else
         sim_record_stop();
-    if (result == 0)
+    if (result == 0) {
         sim_stage = SIM_INITIALISED;
-    else
+        sim_watch_touches();
+    } else {
         sim_unmap_state();
+    }
     errno = error;
     return result;
 }
@@ -72,14 +91,10 @@ static int sim_open_device()
 
 static int sim_notify_callback(qm5_cl_post_notify_function *callback)
 {
-    if (sim_stage != SIM_DEVICE_IS_OPEN)
+    if (sim_stage != SIM_DEVICE_IS_OPEN || sim_notify)
         return sim_fail_order(SIM_NOTIFY_CALLBACK);
-    if (!callback) {
-        sim_lock();
-        sim_breach(SIM_NOTIFY_CALLBACK, "callback: none");
-        sim_unlock();
-        return sim_fail(SIM_ERROR_ARGUMENT);
-    }
+    if (sim_require(SIM_NOTIFY_CALLBACK, "callback", reinterpret_cast<const void *>(callback)) != 0)
+        return -1;
     if (sim_begin_plain_call(SIM_NOTIFY_CALLBACK) != 0)
         return -1;
     sim_notify = callback;
@@ -96,24 +111,38 @@ static int sim_set_notify(std::uint32_t mask)
     return 0;
 }
 
-// OSDs left open end with the device; the post threads go on.
-static void sim_end_osds()
+static void sim_check_all_closed()
 {
     for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
         for (std::uint32_t number = 0; number < SIM_OSDS; number++) {
             const std::uint32_t handle = sim->post[post].osd[number].handle;
-            sim_note_gone(post, number, 0);
-            if (handle == 0)
-                continue;
-            const sim_memory *memory = sim_get_memory(post, number);
-            sim_check_memory(SIM_CLOSE_DEVICE, memory);
-            if (!memory->excused)
+            if (handle != 0 && !sim_get_memory(post, number)->excused)
                 sim_breach(SIM_CLOSE_DEVICE, "post %u, OSD %u, handle 0x%08X: left open", post,
                            number, handle);
         }
     }
+}
+
+// OSDs left open end with the device; the post threads go on.
+static void sim_end_osds()
+{
+    sim_check_all_closed();
+    for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
+        for (std::uint32_t number = 0; number < SIM_OSDS; number++)
+            sim_note_gone(post, number, 0);
+    }
     sim_forget_osds();
-    sim_reap_memory();
+    sim_reap_memory(SIM_CLOSE_DEVICE, SIM_CLOSE_DEVICE);
+}
+
+// A process may end with the device open, but not with OSDs.
+[[gnu::destructor]] static void sim_check_exit()
+{
+    if (sim_stage != SIM_DEVICE_IS_OPEN || getpid() != sim_process)
+        return;
+    sim_lock();
+    sim_check_all_closed();
+    sim_unlock();
 }
 
 // Whatever its result, the device is closed.
@@ -139,6 +168,7 @@ static int sim_library_exit()
         return sim_fail_order(SIM_LIBRARY_EXIT);
     const int result = sim_begin_plain_call(SIM_LIBRARY_EXIT);
     const int error = errno;
+    sim_end_watch();
     sim_unmap_state();
     sim_stage = SIM_DOWN;
     errno = error;
@@ -168,11 +198,23 @@ static std::uint32_t sim_find_post(std::uint32_t res_id)
     return SIM_ANY_POST;
 }
 
-// After an open that has failed the application may forget what is open of the post.
+// An open that fails with one of these tells the application that the post has gone, or refuses it:
+// it may then forget what is open of the post.
+static bool sim_is_excuse(std::uint32_t error)
+{
+    return error == QM5_CL_ERROR_GONE_1 || error == QM5_CL_ERROR_GONE_2 ||
+           error == QM5_CL_ERROR_GONE_3 || error == QM5_CL_ERROR_OPEN_REFUSED;
+}
+
+// Keeps errno.
 static void sim_excuse_post(std::uint32_t post)
 {
+    if (post == SIM_ANY_POST || !sim_is_excuse(static_cast<std::uint32_t>(errno)))
+        return;
+    sim_lock();
     for (std::uint32_t number = 0; number < SIM_OSDS; number++)
         sim_get_memory(post, number)->excused = true;
+    sim_unlock();
 }
 
 // And after a close that has failed, the OSD. Keeps errno.
@@ -189,12 +231,12 @@ static void sim_excuse_osd(std::uint32_t handle)
 }
 
 // Closes an OSD of the state.
-static void sim_end_osd(std::uint32_t post, std::uint32_t number)
+static void sim_end_osd(std::uint32_t post, std::uint32_t number, sim_operation by)
 {
     sim_begin();
     sim->post[post].osd[number] = {};
     sim_end();
-    sim_close_memory(post, number);
+    sim_close_memory(post, number, by);
 }
 
 // Lets go wrong what is to go wrong before the call. Having the lock, which it gives back in
@@ -204,27 +246,23 @@ static int sim_suffer_faults(std::uint32_t res_id, sim_call *call)
     const std::uint32_t post = sim_find_post(res_id);
     call->post_number = post;
     call->trouble = sim_meet_faults(call->operation, post);
-    if (call->trouble.delay_ms != 0 || call->trouble.vanish) {
+    if (call->trouble.delay_ms != 0 || call->trouble.changes) {
         sim_unlock();
         sim_sleep(call->trouble.delay_ms);
-        if (call->trouble.vanish && post != SIM_ANY_POST)
-            sim_vanish_post(post);
+        if (call->trouble.changes)
+            sim_change_posts(call->trouble.before);
         sim_lock();
     }
-    if (call->trouble.code == 0)
-        return 0;
-    if (call->operation == SIM_OPEN_OSD && post != SIM_ANY_POST)
-        sim_excuse_post(post);
-    return sim_fail(call->trouble.code);
+    return call->trouble.code != 0 ? sim_fail(call->trouble.code) : 0;
 }
 
-// Ends a call: gives the lock back, and lets a post vanish if that is to come behind its work.
+// Ends a call: gives the lock back, and changes the posts that are to be changed behind its work.
 static int sim_end_call(const sim_call *call, int result)
 {
     sim_unlock();
-    if (call->trouble.vanish_after && call->post_number != SIM_ANY_POST) {
+    if (call->trouble.changes) {
         const int error = errno;
-        sim_vanish_post(call->post_number);
+        sim_change_posts(call->trouble.after);
         errno = error;
     }
     return result;
@@ -236,11 +274,11 @@ static int sim_begin_call(sim_operation operation, std::uint32_t res_id, sim_cal
     *call = {};
     call->operation = operation;
     call->post_number = SIM_ANY_POST;
-    if (sim_stage != SIM_DEVICE_IS_OPEN)
+    if (!sim_notifying) // nobody has told it of a post
         return sim_fail_order(operation);
     sim_lock();
     sim_check_thread(operation);
-    sim_reap_memory(); // the server has left the memory of the call before
+    sim_reap_memory(operation, SIM_NOTIFY); // the server has left the memory of the call before
     if (sim_suffer_faults(res_id, call) != 0)
         return sim_end_call(call, -1);
     call->post_number = sim_find_post(res_id);
@@ -272,7 +310,8 @@ static int sim_begin_osd_call(sim_operation operation, std::uint32_t res_id, std
 static int sim_thread_get_status(std::uint32_t res_id, qm5_cl_post_status *status)
 {
     sim_call call;
-    if (sim_begin_call(SIM_THREAD_GET_STATUS, res_id, &call) != 0)
+    if (sim_require(SIM_THREAD_GET_STATUS, "status", status) != 0 ||
+        sim_begin_call(SIM_THREAD_GET_STATUS, res_id, &call) != 0)
         return -1;
     sim_check_zero(call.operation, "status", status, sizeof *status);
     memset(status, 0xEE, sizeof *status); // what nobody reads is no zero
@@ -320,7 +359,7 @@ static std::uint32_t sim_check_param(const sim_call *call, const qm5_cl_osd_para
     if (call->post->osd[param->number].handle != 0 &&
         sim_get_memory(call->post_number, param->number)->excused) {
         sim_note_gone(call->post_number, param->number, call->post->osd[param->number].handle);
-        sim_end_osd(call->post_number, param->number);
+        sim_end_osd(call->post_number, param->number, call->operation);
     }
     if (call->post->osd[param->number].handle != 0) {
         sim_breach(call->operation, "param: OSD %u of post %u is open", param->number,
@@ -330,26 +369,38 @@ static std::uint32_t sim_check_param(const sim_call *call, const qm5_cl_osd_para
     return 0;
 }
 
+static int sim_try_open(std::uint32_t res_id, const qm5_cl_osd_param *param, std::uint32_t *handle,
+                        std::uint32_t *aux, std::uint32_t *line_bytes, sim_call *call)
+{
+    if (sim_begin_call(SIM_OPEN_OSD, res_id, call) != 0)
+        return -1;
+    const std::uint32_t error = sim_check_param(call, param);
+    if (error != 0)
+        return sim_end_call(call, sim_fail(error));
+    sim_check_old_handle(call->operation, *handle);
+    if (sim_make_osd(call, param) != 0)
+        return sim_end_call(call, -1);
+    const sim_osd *osd = &call->post->osd[param->number];
+    sim_note_gone(call->post_number, param->number, 0); // the application knows another one now
+    *handle = osd->handle;
+    *aux = 0xA0000000 + param->number;
+    *line_bytes = osd->line_bytes + static_cast<std::uint32_t>(call->trouble.line);
+    return sim_end_call(call, 0);
+}
+
 static int sim_open_osd(std::uint32_t res_id, const qm5_cl_osd_param *param, std::uint32_t *handle,
                         std::uint32_t *aux, std::uint32_t *line_bytes)
 {
-    sim_call call;
-    if (sim_begin_call(SIM_OPEN_OSD, res_id, &call) != 0)
+    if (sim_require(SIM_OPEN_OSD, "param", param) != 0 ||
+        sim_require(SIM_OPEN_OSD, "handle", handle) != 0 ||
+        sim_require(SIM_OPEN_OSD, "aux", aux) != 0 ||
+        sim_require(SIM_OPEN_OSD, "line_bytes", line_bytes) != 0)
         return -1;
-    const std::uint32_t error = sim_check_param(&call, param);
-    if (error != 0)
-        return sim_end_call(&call, sim_fail(error));
-    sim_check_old_handle(call.operation, *handle);
-    if (sim_make_osd(&call, param) != 0) {
+    sim_call call;
+    const int result = sim_try_open(res_id, param, handle, aux, line_bytes, &call);
+    if (result != 0)
         sim_excuse_post(call.post_number);
-        return sim_end_call(&call, -1);
-    }
-    const sim_osd *osd = &call.post->osd[param->number];
-    sim_note_gone(call.post_number, param->number, 0); // the application knows another one now
-    *handle = osd->handle;
-    *aux = 0xA0000000 + param->number;
-    *line_bytes = osd->line_bytes + static_cast<std::uint32_t>(call.trouble.line);
-    return sim_end_call(&call, 0);
+    return result;
 }
 
 static int sim_close_osd(std::uint32_t res_id, std::uint32_t handle)
@@ -360,7 +411,7 @@ static int sim_close_osd(std::uint32_t res_id, std::uint32_t handle)
         return -1;
     }
     sim_check_memory(call.operation, sim_get_memory(call.post_number, call.osd_number));
-    sim_end_osd(call.post_number, call.osd_number);
+    sim_end_osd(call.post_number, call.osd_number, call.operation);
     return sim_end_call(&call, 0);
 }
 
@@ -369,6 +420,7 @@ static int sim_clear_osd(std::uint32_t res_id, std::uint32_t handle)
     sim_call call;
     if (sim_begin_osd_call(SIM_CLEAR_OSD, res_id, handle, &call) != 0)
         return -1;
+    sim_check_memory(call.operation, sim_get_memory(call.post_number, call.osd_number));
     sim_begin();
     call.osd->shown = 0;
     sim_end();
@@ -378,15 +430,16 @@ static int sim_clear_osd(std::uint32_t res_id, std::uint32_t handle)
 static int sim_get_osd_mem(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_mem *mem)
 {
     sim_call call;
-    if (sim_begin_osd_call(SIM_GET_OSD_MEM, res_id, handle, &call) != 0)
+    if (sim_require(SIM_GET_OSD_MEM, "mem", mem) != 0 ||
+        sim_begin_osd_call(SIM_GET_OSD_MEM, res_id, handle, &call) != 0)
         return -1;
     sim_check_zero(call.operation, "mem", mem, sizeof *mem);
     sim_memory *memory = sim_get_memory(call.post_number, call.osd_number);
     sim_check_memory(call.operation, memory);
     memory->lent = true;
-    mem->memory = memory->draw;
-    mem->size =
-        static_cast<std::uint32_t>(memory->size) + static_cast<std::uint32_t>(call.trouble.size);
+    mem->memory = memory->guarded.draw;
+    mem->size = static_cast<std::uint32_t>(memory->guarded.size) +
+                static_cast<std::uint32_t>(call.trouble.size);
     return sim_end_call(&call, 0);
 }
 
@@ -396,7 +449,7 @@ static sim_shown sim_last_shown;
 static void sim_show(const sim_call *call, sim_memory *memory, qm5_cl_osd_pos pos)
 {
     sim_begin();
-    memcpy(memory->shown, memory->draw, memory->size);
+    memcpy(memory->shown, memory->guarded.draw, memory->guarded.size);
     call->osd->x = pos.x;
     call->osd->y = pos.y;
     call->osd->shown = 1;
@@ -404,7 +457,7 @@ static void sim_show(const sim_call *call, sim_memory *memory, qm5_cl_osd_pos po
     sim_end();
     memory->lent = false;
     memory->equal = true;
-    sim_last_shown = {memory->shown, memory->size, call->osd->line_bytes};
+    sim_last_shown = {memory->shown, memory->guarded.size, call->osd->line_bytes};
 }
 
 static int sim_set_osd(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_pos pos)

@@ -16,15 +16,28 @@ static pthread_t sim_server;
 // Handles that have gone without having been closed by the application.
 static std::uint32_t sim_gone[SIM_POSTS][SIM_OSDS];
 
-static void sim_write_breach(const char *line, std::size_t length)
+static bool sim_write(int fd, const char *line, std::size_t length)
 {
-    char path[SIM_PATH_SIZE];
-    sim_get_path(path, "breaches");
-    const int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (fd == -1 || write(fd, line, length) != static_cast<ssize_t>(length))
-        sim_fail_system(path);
+    return write(fd, line, length) == static_cast<ssize_t>(length);
+}
+
+void sim_tell_breach(const char *line, std::size_t length)
+{
+    sim_write(STDERR_FILENO, line, length);
+    if (!sim)
+        return;
+    sim_begin();
+    sim->breaches++;
+    sim_end();
+}
+
+bool sim_keep_breach(const char *file, const char *line, std::size_t length)
+{
+    const int fd = open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    const bool written = fd != -1 && sim_write(fd, line, length);
     if (fd != -1)
         close(fd);
+    return written;
 }
 
 void sim_breach(sim_operation operation, const char *format, ...)
@@ -37,17 +50,15 @@ void sim_breach(sim_operation operation, const char *format, ...)
     vsnprintf(line + head, sizeof line - static_cast<std::size_t>(head) - 1, format, arguments);
     va_end(arguments);
     strcat(line, "\n");
-    fputs(line, stderr);
-    fflush(stderr);
+    sim_tell_breach(line, strlen(line));
     sim_settings setting = sim_setting;
-    if (sim) {
-        sim_write_breach(line, strlen(line));
-        sim_begin();
-        sim->breaches++;
-        sim_end();
-    } else if (sim_make_folder() == 0) { // its state may be another process's
-        sim_write_breach(line, strlen(line));
-        sim_read_settings(sim_folder(), &setting);
+    if (sim || sim_make_folder() == 0) {
+        char path[SIM_PATH_SIZE];
+        sim_get_path(path, "breaches");
+        if (!sim_keep_breach(path, line, strlen(line)))
+            sim_fail_system(path);
+        if (!sim) // its state may be another process's
+            sim_read_settings(sim_folder(), &setting);
     }
     if (setting.strict != 0)
         abort();

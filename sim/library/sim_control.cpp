@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <sys/stat.h>
 
 sim_settings sim_setting = SIM_DEFAULT_SETTINGS;
 
@@ -25,14 +26,8 @@ static const char *sim_add_fault(const char *line, sim_fault *faults, std::size_
 }
 
 // Faults that were there already go on counting.
-static void sim_take_faults(const char *path, const char *text)
+static void sim_take_faults(const sim_fault *faults, std::size_t count)
 {
-    sim_fault faults[SIM_FAULTS] = {};
-    std::size_t count = 0;
-    if (!sim_parse_lines(path, text, [&faults, &count](const char *line) {
-            return sim_add_fault(line, faults, &count);
-        }))
-        return;
     sim_fault_count counts[SIM_FAULTS] = {};
     for (std::size_t i = 0; i < count; i++) {
         counts[i].id = faults[i].id;
@@ -41,9 +36,50 @@ static void sim_take_faults(const char *path, const char *text)
                 counts[i] = old;
         }
     }
-    memcpy(sim_faults, faults, sizeof faults);
+    memcpy(sim_faults, faults, sizeof sim_faults);
     sim_fault_count_in_force = count;
     memcpy(sim->fault, counts, sizeof counts);
+}
+
+// Takes both texts, or neither; false if one can't be understood.
+static bool sim_take_texts(const char *settings_path, const char *settings, const char *faults_path,
+                           const char *faults)
+{
+    sim_settings setting = sim_setting;
+    sim_fault list[SIM_FAULTS] = {};
+    std::size_t count = 0;
+    const bool settings_are_good = sim_take_settings(settings_path, settings, &setting);
+    const bool faults_are_good =
+        sim_parse_lines(faults_path, faults, [&list, &count](const char *line) {
+            return sim_add_fault(line, list, &count);
+        });
+    if (!settings_are_good || !faults_are_good)
+        return false;
+    sim_setting = setting;
+    sim_take_faults(list, count);
+    return true;
+}
+
+// When a file was last changed or replaced, in nanoseconds; 0 for no file.
+static std::uint64_t sim_change_time(const char *path)
+{
+    struct stat there;
+    if (stat(path, &there) != 0)
+        return 0;
+    return static_cast<std::uint64_t>(there.st_ctim.tv_sec) * 1000000000u +
+           static_cast<std::uint64_t>(there.st_ctim.tv_nsec);
+}
+
+// The hash of the texts that were last looked at, taken or refused.
+static std::uint32_t sim_looked_at;
+static bool sim_has_looked;
+
+void sim_forget_control()
+{
+    sim_has_looked = false;
+    sim_begin();
+    sim->control = 0;
+    sim_end();
 }
 
 void sim_read_control()
@@ -54,26 +90,36 @@ void sim_read_control()
     static char faults[SIM_TEXT];
     sim_get_path(settings_path, "settings");
     sim_get_path(faults_path, "faults");
+    const std::uint64_t faults_time = sim_change_time(faults_path);
     const long settings_size = sim_read_text(settings_path, settings, sizeof settings);
     const long faults_size = sim_read_text(faults_path, faults, sizeof faults);
     if (settings_size < 0 || faults_size < 0)
         return;
     const std::uint32_t hash = sim_hash(settings, static_cast<std::size_t>(settings_size), faults,
                                         static_cast<std::size_t>(faults_size));
-    static std::uint32_t taken;
-    static bool any;
-    if (any && hash == taken && sim->control == hash)
+    const bool is_first = !sim_has_looked;
+    const bool is_new = is_first || hash != sim_looked_at;
+    if (!is_new && sim->faults_time == faults_time)
         return;
-    any = true;
-    taken = hash;
+    sim_has_looked = true;
+    sim_looked_at = hash;
     sim_begin();
-    sim_take_settings(settings_path, settings, &sim_setting);
-    sim_take_faults(faults_path, faults);
-    sim->control = hash;
+    if (is_first && sim->faults_time != faults_time)
+        memset(sim->fault, 0, sizeof sim->fault);
+    sim->faults_time = faults_time;
+    if (is_new && sim_take_texts(settings_path, settings, faults_path, faults))
+        sim->control = hash;
     sim_end();
 }
 
 // ---- Faults -------------------------------------------------------------------------------------
+
+// One number for all that a fault says but for its ID.
+static std::uint32_t sim_hash_fault(sim_fault fault)
+{
+    fault.id = 0;
+    return sim_hash(reinterpret_cast<const char *>(&fault), sizeof fault, "", 0);
+}
 
 static bool sim_happens(const sim_fault *fault, std::uint32_t met)
 {
@@ -82,13 +128,19 @@ static bool sim_happens(const sim_fault *fault, std::uint32_t met)
         return met == fault->number;
     case SIM_PERCENT:
         // Spread by a multiplicative hash, so that each run has the same ones.
-        return ((fault->id * 2654435761u ^ met) * 2246822519u >> 16) % 100 < fault->number;
+        return ((sim_hash_fault(*fault) ^ met) * 2246822519u >> 16) % 100 < fault->number;
     default:
         return true;
     }
 }
 
-static void sim_add_trouble(const sim_fault *fault, sim_trouble *trouble)
+static void sim_add_change(bool before, std::uint32_t post, sim_change change, sim_trouble *trouble)
+{
+    (before ? trouble->before : trouble->after)[post] = change;
+    trouble->changes = true;
+}
+
+static void sim_add_trouble(const sim_fault *fault, std::uint32_t post, sim_trouble *trouble)
 {
     switch (fault->effect) {
     case SIM_FAIL:
@@ -104,10 +156,14 @@ static void sim_add_trouble(const sim_fault *fault, sim_trouble *trouble)
         trouble->line += fault->value;
         break;
     case SIM_VANISH:
-        trouble->vanish = true;
-        break;
     case SIM_VANISH_AFTER:
-        trouble->vanish_after = true;
+        if (post != SIM_ANY_POST)
+            sim_add_change(fault->effect == SIM_VANISH, post, {true, 0, 0}, trouble);
+        break;
+    case SIM_CHANGE:
+    case SIM_CHANGE_AFTER:
+        sim_add_change(fault->effect == SIM_CHANGE, fault->changed,
+                       {true, fault->width, fault->height}, trouble);
         break;
     case SIM_DOUBLE:
         trouble->twice = true;
@@ -130,7 +186,7 @@ sim_trouble sim_meet_faults(sim_operation operation, std::uint32_t post)
         sim->fault[i].met++;
         if (sim_happens(fault, sim->fault[i].met)) {
             sim->fault[i].happened++;
-            sim_add_trouble(fault, &trouble);
+            sim_add_trouble(fault, post, &trouble);
         }
         sim_end();
     }

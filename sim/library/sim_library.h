@@ -18,9 +18,9 @@ void sim_unlock();
 void sim_begin();
 void sim_end();
 
-// Waits, having the lock, until the other thread tells that a post has vanished.
-void sim_wait_vanished();
-void sim_tell_vanished();
+// Waits, having the lock, until the other thread tells that a post has been changed.
+void sim_wait_changed();
+void sim_tell_changed();
 
 // Maps and unmaps the state, made anew if the folder has none. -1 with errno for a failure, which
 // it is too if another process has the state.
@@ -48,9 +48,19 @@ std::uint32_t sim_new_id();
 
 extern sim_settings sim_setting;
 
-// Takes up what the files `settings` and `faults` say. A file that can't be understood is told on
-// stderr, and what was in force stays. With the lock, if the notification thread runs.
+// Takes up what the files `settings` and `faults` say. If one can't be understood, which is told on
+// stderr once, what was in force stays. With the lock, if the notification thread runs.
 void sim_read_control();
+
+// Nothing is known of them yet.
+void sim_forget_control();
+
+// What a post is to be brought to.
+struct sim_change {
+    bool wanted;
+    std::uint32_t width; // 0 by 0: closed
+    std::uint32_t height;
+};
 
 // What is to go wrong with a call.
 struct sim_trouble {
@@ -58,8 +68,9 @@ struct sim_trouble {
     std::uint32_t delay_ms;
     std::int32_t size;
     std::int32_t line;
-    bool vanish;
-    bool vanish_after;
+    bool changes; // are there any?
+    sim_change before[SIM_POSTS];
+    sim_change after[SIM_POSTS];
     bool twice;
     std::uint32_t late_ms;
 };
@@ -76,6 +87,11 @@ void sim_sleep(std::uint32_t ms);
 // `breaches`; ends the process if the settings say so. With the lock, if the notification thread
 // runs.
 [[gnu::format(printf, 2, 3)]] void sim_breach(sim_operation operation, const char *format, ...);
+
+// Tells the line of a breach on stderr, and counts it if the library is up; appends it to a file,
+// false with errno. A signal handler may call both.
+void sim_tell_breach(const char *line, std::size_t length);
+bool sim_keep_breach(const char *file, const char *line, std::size_t length);
 
 // Is the call made by the thread of qm5_cl_library_init? If not, that's a breach.
 void sim_check_thread(sim_operation operation);
@@ -105,23 +121,27 @@ void sim_note_gone(std::uint32_t post, std::uint32_t number, std::uint32_t handl
 
 // ---- OSD memory ---------------------------------------------------------------------------------
 
+// Memory between two pages that nobody may touch. It ends, to the word, with the second one.
+struct sim_guarded {
+    std::uint8_t *draw;
+    std::size_t size;
+};
+
 // What an open OSD has in this process. The memory of a post thread that has gone stays readable
-// and writable until the next call of the library, for the server may be drawing into it. It ends,
-// to the word, with a page that nobody may touch, and begins behind another one and a few bytes.
+// and writable until the next call of the library, for the server may be drawing into it.
 struct sim_memory {
     std::uint32_t handle; // 0: none
-    std::uint8_t *draw;   // what the server draws into
-    std::uint8_t *shown;  // mapped file: what the picture shows
-    std::size_t size;
-    bool lent;    // the server may write into it: from get_osd_mem to set_osd
+    sim_guarded guarded;  // what the server draws into
+    std::uint8_t *shown;  // mapped file of the same size: what the picture shows
+    bool lent;            // the server may write into it: from get_osd_mem to set_osd
     bool equal;   // what is drawn is what is shown, unless somebody has written without asking
     bool excused; // a failure that the library told has left it open: the application may forget it
 };
 
 // Opens and closes the memory of an OSD whose entry in the state is filled. -1 with errno for a
-// failure.
+// failure. `by` is the operation that ends it.
 int sim_open_memory(std::uint32_t post, std::uint32_t number);
-void sim_close_memory(std::uint32_t post, std::uint32_t number);
+void sim_close_memory(std::uint32_t post, std::uint32_t number, sim_operation by);
 sim_memory *sim_get_memory(std::uint32_t post, std::uint32_t number);
 
 // Looks for writes where and when nobody may write; each is a breach.
@@ -130,10 +150,28 @@ void sim_check_memory(sim_operation operation, const sim_memory *memory);
 // Is all of a memory this byte?
 bool sim_is_all(const void *memory, std::uint8_t byte, std::size_t size);
 
-// Gives back the memory of OSDs that have gone from the state, if any have: who lets them go says
-// so. With the lock, if the notification thread runs.
+// Gives back the memory of OSDs that `by` has taken from the state, if any have gone: who lets them
+// go says so. `operation` is the call that finds out what was written into it until then. With the
+// lock, if the notification thread runs.
 extern bool sim_is_reaping_due;
-void sim_reap_memory();
+void sim_reap_memory(sim_operation operation, sim_operation by);
+
+// Maps guarded memory, false with errno, and gives it back at once.
+bool sim_map_guarded(std::size_t size, sim_guarded *memory);
+void sim_unmap_guarded(const sim_guarded *memory);
+
+// Ends the memory of an OSD: nobody may touch it from now on, and for as long as the next one of
+// this OSD lives its addresses go to nobody else.
+void sim_end_guarded(std::uint32_t post, std::uint32_t number, const sim_memory *memory,
+                     sim_operation by);
+
+// Looks for writes into what lies between the memory and its guards.
+void sim_check_margins(sim_operation operation, const sim_memory *memory);
+
+// From the one to the other, a touch of a guard or of a memory that has ended is told as a breach
+// before it ends the process. Other faults go to whoever had SIGSEGV and SIGBUS before.
+void sim_watch_touches();
+void sim_end_watch();
 
 // ---- Post threads -------------------------------------------------------------------------------
 
@@ -143,6 +181,7 @@ void sim_reap_memory();
 int sim_start_posts(qm5_cl_post_notify_function *callback, std::uint32_t mask);
 void sim_stop_posts();
 
-// Closes a post thread, and its file says so, and waits until that is announced, or is to be
-// announced late. Without the lock.
-void sim_vanish_post(std::uint32_t post);
+// Brings post threads to what is wanted, and their files say so, and waits until that is announced,
+// or is to be announced late. A post whose file can't be written, which is said on stderr, stays as
+// it is. Without the lock.
+void sim_change_posts(const sim_change *changes);

@@ -15,7 +15,7 @@
 sim_state *sim;
 
 static pthread_mutex_t sim_mutex = PTHREAD_MUTEX_INITIALIZER;
-static pthread_cond_t sim_vanished = PTHREAD_COND_INITIALIZER;
+static pthread_cond_t sim_changed = PTHREAD_COND_INITIALIZER;
 static char sim_folder_path[SIM_PATH_SIZE];
 static int sim_state_fd = -1; // locked while the library is up
 
@@ -35,14 +35,14 @@ void sim_unlock()
     pthread_mutex_unlock(&sim_mutex);
 }
 
-void sim_wait_vanished()
+void sim_wait_changed()
 {
-    pthread_cond_wait(&sim_vanished, &sim_mutex);
+    pthread_cond_wait(&sim_changed, &sim_mutex);
 }
 
-void sim_tell_vanished()
+void sim_tell_changed()
 {
-    pthread_cond_broadcast(&sim_vanished);
+    pthread_cond_broadcast(&sim_changed);
 }
 
 void sim_begin()
@@ -208,33 +208,9 @@ bool sim_is_all(const void *memory, std::uint8_t byte, std::size_t size)
     return size == 0 || (*bytes == byte && memcmp(bytes, bytes + 1, size - 1) == 0);
 }
 
-// What OSD memory holds before it is first drawn: nothing that looks like a picture.
-constexpr int SIM_FRESH_BYTE = 0xA5;
-
-// What stands before it, up to the page that nobody may touch, and how much of that is looked at.
-constexpr std::uint8_t SIM_MARGIN_BYTE = 0x5C;
-constexpr std::ptrdiff_t SIM_MARGIN = 64;
-
 sim_memory *sim_get_memory(std::uint32_t post, std::uint32_t number)
 {
     return &sim_memories[post][number];
-}
-
-static std::size_t sim_page()
-{
-    static const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    return page;
-}
-
-static std::size_t sim_round_up(std::size_t size, std::size_t unit)
-{
-    return (size + unit - 1) / unit * unit;
-}
-
-// The pages for so many bytes; an OSD of no lines has one all the same.
-static std::size_t sim_pages_of(std::size_t size)
-{
-    return sim_round_up(size != 0 ? size : 1, sim_page());
 }
 
 // Makes the file of what an OSD shows and maps it; MAP_FAILED with errno.
@@ -253,37 +229,6 @@ static void *sim_map_picture(const char *path, std::size_t size)
     return map;
 }
 
-// Maps memory of so many bytes between two pages that nobody may touch, so that its last word ends
-// with the second one; NULL with errno.
-static std::uint8_t *sim_map_guarded(std::size_t size)
-{
-    const std::size_t pages = sim_pages_of(size);
-    void *map =
-        mmap(nullptr, pages + 2 * sim_page(), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (map == MAP_FAILED)
-        return nullptr;
-    auto *first = static_cast<std::uint8_t *>(map) + sim_page();
-    if (mprotect(first, pages, PROT_READ | PROT_WRITE) != 0) {
-        munmap(map, pages + 2 * sim_page());
-        return nullptr;
-    }
-    std::uint8_t *draw = first + pages - sim_round_up(size, 4);
-    memset(first, SIM_MARGIN_BYTE, pages);
-    memset(draw, SIM_FRESH_BYTE, size);
-    return draw;
-}
-
-// The first byte behind the first of its two guards.
-static std::uint8_t *sim_first_byte(const sim_memory *memory)
-{
-    return memory->draw + sim_round_up(memory->size, 4) - sim_pages_of(memory->size);
-}
-
-static void sim_unmap_guarded(const sim_memory *memory)
-{
-    munmap(sim_first_byte(memory) - sim_page(), sim_pages_of(memory->size) + 2 * sim_page());
-}
-
 int sim_open_memory(std::uint32_t post, std::uint32_t number)
 {
     const sim_osd *osd = &sim->post[post].osd[number];
@@ -292,16 +237,15 @@ int sim_open_memory(std::uint32_t post, std::uint32_t number)
     sim_get_path(path, "post%u-osd%u", post, number);
 
     memory.handle = osd->handle;
-    memory.size = std::size_t{osd->line_bytes} * osd->height;
-    if (memory.size > SIM_LARGEST_OSD)
+    const std::size_t size = std::size_t{osd->line_bytes} * osd->height;
+    if (size > SIM_LARGEST_OSD)
         return sim_fail(QM5_CL_ERROR_OPEN_REFUSED);
-    memory.draw = sim_map_guarded(memory.size);
-    if (!memory.draw)
+    if (!sim_map_guarded(size, &memory.guarded))
         return sim_fail_system("OSD memory");
-    void *shown = sim_map_picture(path, memory.size);
+    void *shown = sim_map_picture(path, size);
     if (shown == MAP_FAILED) {
         sim_fail_system(path);
-        sim_unmap_guarded(&memory);
+        sim_unmap_guarded(&memory.guarded);
         return -1;
     }
     memory.shown = static_cast<std::uint8_t *>(shown);
@@ -309,43 +253,38 @@ int sim_open_memory(std::uint32_t post, std::uint32_t number)
     return 0;
 }
 
-void sim_close_memory(std::uint32_t post, std::uint32_t number)
+void sim_close_memory(std::uint32_t post, std::uint32_t number, sim_operation by)
 {
     sim_memory *memory = sim_get_memory(post, number);
     if (memory->handle == 0)
         return;
-    sim_unmap_guarded(memory);
-    munmap(memory->shown, memory->size != 0 ? memory->size : 1);
+    const std::size_t size = memory->guarded.size;
+    sim_end_guarded(post, number, memory, by);
+    munmap(memory->shown, size != 0 ? size : 1);
     *memory = {};
 }
 
 void sim_check_memory(sim_operation operation, const sim_memory *memory)
 {
-    const std::ptrdiff_t before = memory->draw - sim_first_byte(memory);
-    const std::ptrdiff_t margin = before < SIM_MARGIN ? before : SIM_MARGIN;
-    if (!sim_is_all(memory->draw - margin, SIM_MARGIN_BYTE, static_cast<std::size_t>(margin)))
-        sim_breach(operation, "handle 0x%08X: bytes before its memory have been written",
-                   memory->handle);
-    for (std::size_t i = memory->size; i < sim_round_up(memory->size, 4); i++) {
-        if (memory->draw[i] != SIM_MARGIN_BYTE)
-            sim_breach(operation, "handle 0x%08X: byte %zu behind its memory has been written",
-                       memory->handle, i - memory->size);
-    }
-    if (!memory->lent && memory->equal && memcmp(memory->draw, memory->shown, memory->size) != 0)
+    sim_check_margins(operation, memory);
+    if (!memory->lent && memory->equal &&
+        memcmp(memory->guarded.draw, memory->shown, memory->guarded.size) != 0)
         sim_breach(operation, "handle 0x%08X: its memory has been written after set_osd",
                    memory->handle);
 }
 
-void sim_reap_memory()
+void sim_reap_memory(sim_operation operation, sim_operation by)
 {
     if (!sim_is_reaping_due)
         return;
     sim_is_reaping_due = false;
     for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
         for (std::uint32_t number = 0; number < SIM_OSDS; number++) {
-            const std::uint32_t handle = sim_memories[post][number].handle;
-            if (handle != 0 && handle != sim->post[post].osd[number].handle)
-                sim_close_memory(post, number);
+            const sim_memory *memory = sim_get_memory(post, number);
+            if (memory->handle == 0 || memory->handle == sim->post[post].osd[number].handle)
+                continue;
+            sim_check_memory(operation, memory);
+            sim_close_memory(post, number, by);
         }
     }
 }

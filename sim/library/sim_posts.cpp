@@ -1,3 +1,4 @@
+// The post threads, as the folder's files and faults want them, and the thread that announces them.
 #include "sim_library.h"
 
 #include <atomic>
@@ -33,11 +34,11 @@ static struct {
 
 static pthread_t sim_thread;
 static int sim_watch = -1;   // inotify on the folder
-static int sim_wake_up = -1; // eventfd: end the thread, or let a post vanish
+static int sim_wake_up = -1; // eventfd: end the thread, or change a post
 static std::atomic<bool> sim_ending;
 
-// Posts that are to vanish; with the lock.
-static bool sim_vanishing[SIM_POSTS];
+// What is asked of posts by faults; with the lock.
+static sim_change sim_asked[SIM_POSTS];
 
 // ---- What the files say -------------------------------------------------------------------------
 
@@ -135,12 +136,16 @@ static void sim_announce(std::uint32_t post, std::uint32_t res_id)
         sim_tell(post, res_id, trouble.twice);
 }
 
-static void sim_tell_what_is_due(std::uint32_t post)
+static void sim_tell_late(std::uint32_t post)
 {
-    if (!sim_late[post].pending || sim_late[post].due > sim_now())
-        return;
     sim_late[post].pending = false;
     sim_tell(post, sim_late[post].res_id, sim_late[post].twice);
+}
+
+static void sim_tell_what_is_due(std::uint32_t post)
+{
+    if (sim_late[post].pending && sim_late[post].due <= sim_now())
+        sim_tell_late(post);
 }
 
 // Milliseconds to the next late announcement, rounded up; -1: there is none.
@@ -189,7 +194,7 @@ static void sim_open_post(std::uint32_t number, std::uint32_t width, std::uint32
 
 // Brings a post to what its file says, step by step if one is announced late. A new size takes a
 // new post thread.
-static void sim_follow_post(std::uint32_t number)
+static void sim_follow_file(std::uint32_t number)
 {
     sim_post *post = &sim->post[number];
     std::uint32_t width = 0;
@@ -223,21 +228,34 @@ static void sim_drain_events()
         continue;
 }
 
-static void sim_follow_vanishing(std::uint32_t number)
+// Writes what a fault asks of a post into its file. Its coming that hasn't been told yet is told
+// now, for the call doesn't wait for more.
+static bool sim_take_what_is_asked(std::uint32_t number)
 {
     sim_lock();
-    const bool vanishing = sim_vanishing[number];
+    const sim_change asked = sim_asked[number];
     sim_unlock();
-    if (!vanishing)
-        return;
+    if (!asked.wanted)
+        return false;
     if (sim_late[number].pending && sim->post[number].res_id != 0)
-        return; // its coming hasn't been told yet
-    sim_write_size(number, "closed\n", rename);
-    if (sim->post[number].res_id != 0)
-        sim_close_post(number);
+        sim_tell_late(number);
+    char size[32] = "closed\n";
+    if (asked.width != 0)
+        snprintf(size, sizeof size, "%ux%u\n", asked.width, asked.height);
+    sim_write_size(number, size, rename);
+    return true;
+}
+
+static void sim_follow_post(std::uint32_t number)
+{
+    sim_tell_what_is_due(number);
+    const bool asked = sim_take_what_is_asked(number);
+    sim_follow_file(number);
+    if (!asked)
+        return;
     sim_lock();
-    sim_vanishing[number] = false;
-    sim_tell_vanished();
+    sim_asked[number] = {};
+    sim_tell_changed();
     sim_unlock();
 }
 
@@ -251,11 +269,8 @@ static void *sim_run_posts(void *)
         sim_lock();
         sim_read_control();
         sim_unlock();
-        for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
-            sim_tell_what_is_due(post);
-            sim_follow_vanishing(post);
+        for (std::uint32_t post = 0; post < SIM_POSTS; post++)
             sim_follow_post(post);
-        }
         poll(wanted, 2, sim_get_patience());
     }
 }
@@ -267,15 +282,24 @@ static void sim_wake_thread()
         continue;
 }
 
-void sim_vanish_post(std::uint32_t post)
+static bool sim_is_any_asked()
 {
-    if (sim_wake_up == -1 || pthread_equal(pthread_self(), sim_thread))
+    for (const sim_change &asked : sim_asked) {
+        if (asked.wanted)
+            return true;
+    }
+    return false;
+}
+
+void sim_change_posts(const sim_change *changes)
+{
+    if (pthread_equal(pthread_self(), sim_thread))
         return;
     sim_lock();
-    sim_vanishing[post] = true;
+    memcpy(sim_asked, changes, sizeof sim_asked);
     sim_wake_thread();
-    while (sim_vanishing[post])
-        sim_wait_vanished();
+    while (sim_is_any_asked())
+        sim_wait_changed();
     sim_unlock();
 }
 

@@ -36,12 +36,14 @@ long sim_read_text(const char *path, char *text, std::size_t size)
     return length;
 }
 
-void sim_take_settings(const char *path, const char *text, sim_settings *settings)
+bool sim_take_settings(const char *path, const char *text, sim_settings *settings)
 {
     sim_settings taken = SIM_DEFAULT_SETTINGS;
-    if (sim_parse_lines(path, text,
-                        [&taken](const char *line) { return sim_parse_setting(line, &taken); }))
-        *settings = taken;
+    if (!sim_parse_lines(path, text,
+                         [&taken](const char *line) { return sim_parse_setting(line, &taken); }))
+        return false;
+    *settings = taken;
+    return true;
 }
 
 void sim_read_settings(const char *folder, sim_settings *settings)

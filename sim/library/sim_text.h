@@ -49,6 +49,6 @@ bool sim_parse_lines(const char *path, const char *text, Parse parse)
 }
 
 // Takes the settings that a text says, or that the file of a folder says. What can't be understood
-// is told on stderr, and leaves them alone.
-void sim_take_settings(const char *path, const char *text, sim_settings *settings);
+// is told on stderr, and leaves them alone; then the first one is false.
+bool sim_take_settings(const char *path, const char *text, sim_settings *settings);
 void sim_read_settings(const char *folder, sim_settings *settings);

@@ -257,17 +257,18 @@ TEST(SimCompletion, offers_each_fault_that_there_is)
     EXPECT_EQ(sim_offers({"fault", "add", "notify", ""}), (Set{"next", "every"}));
     for (const std::string &operation : operations) {
         Set known;
-        for (const char *effect :
-             {"fail", "delay", "size", "line", "vanish", "vanish-after", "double", "late"}) {
+        for (const char *effect : {"fail", "delay", "size", "line", "vanish", "vanish-after",
+                                   "change", "change-after", "double", "late"}) {
             const std::string fault = operation + " next " + effect;
-            if (is_fault(fault) || is_fault(fault + " 1"))
+            if (is_fault(fault) || is_fault(fault + " 1") || is_fault(fault + " 1 closed"))
                 known.insert(effect);
         }
         EXPECT_EQ(sim_offers({"fault", "add", operation, "next", ""}), known) << operation;
 
-        const std::string fault = operation + " next " + *known.begin();
+        const std::string effect = known.count("delay") != 0 ? "delay" : "double";
+        const std::string fault = operation + " next " + effect;
         const bool posts = is_fault(fault + " post 0") || is_fault(fault + " 1 post 0");
-        EXPECT_EQ(sim_offers({"fault", "add", operation, "next", *known.begin(), "1", ""}),
+        EXPECT_EQ(sim_offers({"fault", "add", operation, "next", effect, "1", ""}),
                   posts ? Set{"post"} : Set{})
             << operation;
     }
@@ -275,6 +276,11 @@ TEST(SimCompletion, offers_each_fault_that_there_is)
         EXPECT_TRUE(is_fault("set_osd next fail " + code));
     EXPECT_EQ(sim_offers({"fault", "add", "set_osd", "next", "vanish", "post", ""}),
               (Set{"0", "1", "2", "3"}));
+    EXPECT_EQ(sim_offers({"fault", "add", "set_osd", "next", "change-after", ""}),
+              (Set{"0", "1", "2", "3"}));
+    EXPECT_EQ(sim_offers({"fault", "add", "set_osd", "next", "change", "1", ""}), Set{"closed"});
+    EXPECT_EQ(sim_offers({"fault", "add", "set_osd", "next", "change", "1", "closed", ""}),
+              Set{"post"});
 }
 
 TEST_F(Files, are_offered_to_the_simulators_commands)

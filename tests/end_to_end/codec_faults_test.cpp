@@ -1,8 +1,9 @@
-// Calls of the codec library that fail, on the real server: what it reports, what a waiting update
-// is told, and what the outputs show afterwards, for each call and each kind of errno that the
-// application tells apart.
+// Calls of the codec library that fail, on the real server: what it calls next, what it reports,
+// what a waiting update is told, and what the outputs show afterwards, for each call and each kind
+// of errno that the application tells apart.
 //
 // Post 3 shows the time in most of these tests, so that a pass comes each second.
+#include "call_reader.h"
 #include "control_files.h"
 #include "support/application.h"
 #include "support/files.h"
@@ -10,8 +11,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <filesystem>
+#include <map>
 #include <ostream>
 #include <sys/wait.h>
 #include <utility>
@@ -21,6 +22,7 @@ namespace
 
 namespace fs = std::filesystem;
 using support::Ended;
+using support::hex;
 using support::report;
 using support::shows_text;
 using support::Words;
@@ -52,10 +54,11 @@ std::ostream &operator<<(std::ostream &out, const Kind &kind)
 // The server's reports that follow from one failure, each with the function that makes it.
 using Chain = std::vector<std::pair<std::string, std::string>>;
 
-Chain operator+(Chain chain, const Chain &rest)
+template <typename Row>
+std::vector<Row> operator+(std::vector<Row> rows, const std::vector<Row> &rest)
 {
-    chain.insert(chain.end(), rest.begin(), rest.end());
-    return chain;
+    rows.insert(rows.end(), rest.begin(), rest.end());
+    return rows;
 }
 
 std::string text_of(const Chain &chain)
@@ -63,13 +66,6 @@ std::string text_of(const Chain &chain)
     std::string text;
     for (const auto &[message, reporter] : chain)
         text += report("server", message, reporter);
-    return text;
-}
-
-std::string hex(std::uint32_t word)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08X", word);
     return text;
 }
 
@@ -126,11 +122,84 @@ Chain redraw_failed(char post, char slot, const std::vector<std::string> &asked)
     return chain + PASS_ENDS;
 }
 
+// ---- Calls --------------------------------------------------------------------------------------
+
+// A call of a record: its name, its post and OSD as "0.3", and "!" if it has failed. What is asked
+// of a resource ID of 0 belongs to the post of the call before.
+struct NamedCall {
+    int post = -1;
+    std::string text;
+};
+
+class CallNamer
+{
+public:
+    explicit CallNamer(const std::vector<sim_call_record> &records)
+    {
+        for (const sim_call_record &record : records) {
+            if (record.operation == SIM_NOTIFY && record.argument[2] != 0)
+                posts_[record.argument[0]] = static_cast<int>(record.argument[1]);
+            if (record.operation == SIM_OPEN_OSD && record.result == 0)
+                osds_[record.given[0]] = record.argument[1];
+        }
+    }
+
+    NamedCall name(const sim_call_record &record)
+    {
+        NamedCall call;
+        call.text = sim_operation_names[record.operation];
+        if (record.operation >= SIM_THREAD_GET_STATUS && record.operation <= SIM_SET_OSD) {
+            if (record.argument[0] != 0)
+                post_ = posts_.at(record.argument[0]);
+            call.post = post_;
+            call.text += ' ' + std::to_string(post_);
+            if (record.operation != SIM_THREAD_GET_STATUS)
+                call.text += '.' + std::to_string(record.operation == SIM_OPEN_OSD
+                                                      ? record.argument[1]
+                                                      : osds_.at(record.argument[1]));
+        }
+        call.text += record.result != 0 ? "!" : "";
+        return call;
+    }
+
+private:
+    std::map<std::uint32_t, int> posts_;          // by resource ID
+    std::map<std::uint32_t, std::uint32_t> osds_; // number, by handle
+    int post_ = -1;
+};
+
+constexpr int ALL_POSTS = -1;
+
+// The calls of a record from the first one on, behind so many others, that has failed; of one post,
+// or of all and of none.
+Words calls_from_failure(const fs::path &record, std::uint64_t behind, int post)
+{
+    call_reader::Calls calls(record);
+    const std::vector<sim_call_record> records = calls.read(1, calls.count());
+    CallNamer namer(records);
+    Words found;
+    for (std::size_t i = 0; i < records.size(); i++) {
+        if (records[i].operation == SIM_NOTIFY)
+            continue;
+        const NamedCall call = namer.name(records[i]);
+        const bool failed = records[i].result != 0;
+        if (i >= behind && (post == ALL_POSTS || call.post == post) && (failed || !found.empty()))
+            found.push_back(call.text);
+    }
+    return found;
+}
+
 // ---- Fixture ------------------------------------------------------------------------------------
 
 class FaultyCodec : public support::ApplicationTest
 {
 protected:
+    void SetUp() override
+    {
+        ApplicationTest::SetUp();
+        control_files::change_settings(state_, [](const std::string &) { return "record 1\n"; });
+    }
+
     // Starts the server and waits until the posts show these slots.
     void bring_up(const Words &options, const std::array<std::string, SIM_POSTS> &slots)
     {
@@ -149,6 +218,8 @@ protected:
     // Puts these faults in the place of all others, in force at once if a server runs.
     void put_faults(const Words &faults)
     {
+        if (fs::exists(state_ + "/calls"))
+            calls_before_ = call_reader::Calls(state_ + "/calls").count();
         std::string text;
         first_id_ = last_id_ + 1; // a new ID each, for one that was there goes on counting
         for (const std::string &fault : faults)
@@ -190,6 +261,20 @@ protected:
             EXPECT_TRUE(take_out(rest, text_of(chain))) << text_of(chain) << "but:\n" << rest;
         take_out(rest, text_of(perhaps));
         EXPECT_EQ(rest, "");
+    }
+
+    // From the first failure since put_faults on, these are the calls on a post.
+    void expect_calls(int post, const Words &expected) const
+    {
+        EXPECT_EQ(wait_for_calls(post, expected.size()), expected);
+    }
+
+    // The same, for a post whose time is drawn again and again.
+    void expect_first_calls(int post, const Words &expected) const
+    {
+        Words found = wait_for_calls(post, expected.size());
+        found.resize(std::min(found.size(), expected.size()));
+        EXPECT_EQ(found, expected);
     }
 
     // The three ends of an update.
@@ -235,6 +320,16 @@ protected:
     }
 
 private:
+    Words wait_for_calls(int post, std::size_t count) const
+    {
+        Words found;
+        EXPECT_TRUE(support::wait_until([&] {
+            found = calls_from_failure(state_ + "/calls", calls_before_, post);
+            return found.size() >= count;
+        }));
+        return found;
+    }
+
     static bool take_out(std::string &text, const std::string &part)
     {
         const std::size_t at = text.find(part);
@@ -260,6 +355,7 @@ private:
     }
 
     std::size_t told_ = 0;
+    std::uint64_t calls_before_ = 0;
     std::uint32_t first_id_ = 0;
     std::uint32_t last_id_ = 0;
 };
@@ -281,6 +377,10 @@ protected:
     }
 
     Chain by_kind(const Chain &gone, const Chain &refused, const Chain &other) const
+    {
+        return is(POST_GONE) ? gone : is(REFUSED) ? refused : other;
+    }
+    Words calls_by_kind(const Words &gone, const Words &refused, const Words &other) const
     {
         return is(POST_GONE) ? gone : is(REFUSED) ? refused : other;
     }
@@ -323,15 +423,17 @@ TEST_P(FailingCall, at_the_start_keeps_the_server_down)
                 "library_exit 3 fail " + exit.word});
     const char *up = "osd_server_init_process";
     const char *down = "osd_server_end_process";
-    const Chain starts[] = {
-        {{failed("library_init", init), up}},
-        {{failed("sys_open_device", device), up}},
-        {{failed("post_notify_callback", callback), up}},
-        {{failed("post_set_notify", notify), up},
-         {failed("sys_close_device", close), down},
-         {failed("library_exit", exit), down}},
+    const std::pair<Chain, Words> starts[] = {
+        {{{failed("library_init", init), up}}, {"library_init!"}},
+        {{{failed("sys_open_device", device), up}}, {"open_device!", "library_exit!"}},
+        {{{failed("post_notify_callback", callback), up}},
+         {"notify_callback!", "close_device", "library_exit"}},
+        {{{failed("post_set_notify", notify), up},
+          {failed("sys_close_device", close), down},
+          {failed("library_exit", exit), down}},
+         {"set_notify!", "close_device!", "library_exit!"}},
     };
-    for (const Chain &chain : starts) {
+    for (const auto &[chain, calls] : starts) {
         const Ended ended = tool({"start", "-l", "/tmp/server.log"});
         EXPECT_EQ(ended.status, 1);
         int status = 0;
@@ -340,6 +442,7 @@ TEST_P(FailingCall, at_the_start_keeps_the_server_down)
         EXPECT_EQ(new_log(),
                   text_of(chain + Chain{{"osd server down", "osd_server_run"}}) +
                       report("start", "server could not start for 0[msec]", "osd_start"));
+        expect_calls(ALL_POSTS, calls);
     }
     EXPECT_TRUE(have_happened(7));
     EXPECT_EQ(tool({"status"}).status, 0);
@@ -372,6 +475,8 @@ TEST_P(FailingCall, at_the_stop_does_not_keep_the_server_up)
         told.erase(at, breach.size());
     EXPECT_EQ(told, text_of(osds) + device_failed + exit_failed);
     forgive_left_open("post 0, OSD 3", lost);
+    expect_calls(ALL_POSTS, {"clear_osd 0.1!", "close_osd 0.1", "clear_osd 0.3", "close_osd 0.3!",
+                             "clear_osd 1.1", "close_osd 1.1", "close_device!", "library_exit!"});
     EXPECT_TRUE(have_happened(4));
     for (unsigned i = 0; i < SIM_POSTS; i++)
         EXPECT_EQ(shown(i), "");
@@ -408,6 +513,11 @@ TEST_P(FailingCall, in_the_open_of_a_new_post)
                 by_kind({}, two + new_post_failed('2'), two + close_failed + post_is_closed('2'))});
     EXPECT_TRUE(support::wait_until([&] { return have_happened(faults.size()); }));
     EXPECT_EQ(post(1).osd[1].record.handle == 0, is(OTHER));
+    expect_calls(0, {"thread_get_status 0!"});
+    expect_calls(
+        1, calls_by_kind({"open_osd 1.3!"}, {"open_osd 1.3!"}, {"open_osd 1.3!", "close_osd 1.1"}));
+    expect_calls(2, calls_by_kind({"open_osd 2.3!"}, {"open_osd 2.3!"},
+                                  {"open_osd 2.3!", "close_osd 2.1!"}));
 
     if (is(POST_GONE)) { // nothing to be done for a post that has gone
         expect_good({"--Post1StringOn=1"});
@@ -448,6 +558,20 @@ TEST_P(FailingCall, in_the_open_of_a_text_that_is_switched_on)
     EXPECT_TRUE(comes_to_show(1, is(OTHER) ? "13" : "1"));
     EXPECT_TRUE(comes_to_show(2, is(OTHER) ? "" : "13"));
 
+    expect_first_calls(0, {"thread_get_status 0!", "thread_get_status 0", "open_osd 0.3",
+                           "get_osd_mem 0.1", "set_osd 0.1", "get_osd_mem 0.3", "set_osd 0.3"});
+    const Words both_anew = {"open_osd 1.3!",   "close_osd 1.1",       "thread_get_status 1",
+                             "open_osd 1.1",    "thread_get_status 1", "open_osd 1.3",
+                             "get_osd_mem 1.1", "set_osd 1.1",         "get_osd_mem 1.3",
+                             "set_osd 1.3"};
+    if (is(OTHER)) {
+        expect_first_calls(1, both_anew);
+        expect_calls(2, {"open_osd 2.3!", "close_osd 2.1!"});
+    } else { // the redraw goes on for the one that has gone
+        expect_calls(1,
+                     calls_by_kind({"open_osd 1.3!", "get_osd_mem 1.1!"}, {"open_osd 1.3!"}, {}));
+    }
+
     // A refused one stands still, and says so; one that has gone does so in silence.
     if (is(REFUSED)) {
         expect_not_even_rolled_back({"--Post1StringOn=1"});
@@ -477,6 +601,8 @@ TEST_P(FailingCall, in_the_open_of_a_reopen)
     expect_rolled_back({"--Post0Osd0W=20"});
     expect_log({Chain{{failed("post_thread_get_status", size), reporter}} + reopen_failed('0')},
                post_is_closed('0')); // if a pass came between the refusal and the roll-back
+    expect_calls(0, {"thread_get_status 0!", "thread_get_status 0", "open_osd 0.0", "open_osd 0.1",
+                     "get_osd_mem 0.1", "set_osd 0.1", "get_osd_mem 0.0", "set_osd 0.0"});
     EXPECT_EQ(shown(0), "01");
     EXPECT_EQ(post(0).osd[0].record.width, 16u);
 
@@ -488,6 +614,14 @@ TEST_P(FailingCall, in_the_open_of_a_reopen)
         expect_rolled_back({"--Post1Osd0W=20"});
     const Chain chain = slot_failed("post_open_osd", open, "Post1Osd1", reporter);
     expect_log({by_kind({}, chain + reopen_failed('1'), chain + post_is_closed('1'))});
+    // The roll-back reopens; what a refusal has left open is closed only then.
+    const Words roll_back = {"thread_get_status 1", "open_osd 1.0", "open_osd 1.1",
+                             "get_osd_mem 1.1",     "set_osd 1.1",  "get_osd_mem 1.0",
+                             "set_osd 1.0"};
+    expect_calls(1,
+                 calls_by_kind({"open_osd 1.1!"},
+                               Words{"open_osd 1.1!", "clear_osd 1.0", "close_osd 1.0"} + roll_back,
+                               Words{"open_osd 1.1!", "close_osd 1.0"} + roll_back));
     EXPECT_TRUE(have_happened(1));
     EXPECT_EQ(shown(1), is(POST_GONE) ? "" : "01");
     EXPECT_EQ(post(1).osd[0].record.width, is(POST_GONE) ? 20u : 16u);
@@ -515,6 +649,8 @@ TEST_P(FailingCall, in_the_close_of_a_reopen)
          unless_gone(osd_failed("post_clear_osd", clear, before.res_id, handle, "osd_clear") +
                      Chain{{"post 2 osd 1 clear error", reporter}})});
     EXPECT_TRUE(have_happened(2));
+    expect_calls(2, {"close_osd 2.0!", "clear_osd 2.1!", "close_osd 2.1", "thread_get_status 2",
+                     "open_osd 2.1", "get_osd_mem 2.1", "set_osd 2.1"});
     EXPECT_EQ(shown(2), "1");
     EXPECT_NE(post(2).osd[1].record.handle, handle);
 
@@ -547,6 +683,10 @@ TEST_P(FailingCall, in_the_drawing_of_texts)
     expect_log({unless_gone(osd_failed("post_get_osd_mem", memory, before.res_id,
                                        before.osd[0].record.handle, "osd_show") +
                             redraw_failed('0', '0', {asked(0, "x/y=0/0")}))});
+    const Words redraw = {"get_osd_mem 0.0", "set_osd 0.0", "get_osd_mem 0.1", "set_osd 0.1"};
+    const Words rolled_back = Words{"get_osd_mem 0.0!"} + redraw;
+    expect_calls(0, calls_by_kind({"get_osd_mem 0.0!", "get_osd_mem 0.1", "set_osd 0.1"},
+                                  rolled_back, rolled_back));
     EXPECT_TRUE(have_happened(1));
     EXPECT_EQ(shown(0), "01");
     expect_string(" old ");
@@ -561,6 +701,8 @@ TEST_P(FailingCall, in_the_drawing_of_texts)
     expect_log({unless_gone(
         osd_failed("post_set_osd", show, before.res_id, before.osd[1].record.handle, "osd_show") +
         redraw_failed('0', '1', {asked(0, "x/y=0/0"), asked(1, "x/y=0/548")}))});
+    const Words rolled_back_again = Words{"set_osd 0.1!"} + redraw;
+    expect_calls(0, calls_by_kind({"set_osd 0.1!"}, rolled_back_again, rolled_back_again));
     EXPECT_TRUE(have_happened(1));
     expect_string(is(POST_GONE) ? " newer " : " old ");
     EXPECT_EQ(post(0).osd[1].record.sets, is(POST_GONE) ? sets : sets + 1) << "the roll-back's";
@@ -577,6 +719,7 @@ TEST_P(FailingCall, in_the_clearing_of_a_text)
     expect_log({unless_gone(osd_failed("post_clear_osd", clear, before.res_id,
                                        before.osd[1].record.handle, "osd_clear") +
                             Chain{{"post 1 osd 1 clear error", "osd_refresh_all"}})});
+    expect_calls(1, {"clear_osd 1.1!"});
     EXPECT_TRUE(have_happened(1));
     EXPECT_EQ(shown(1), "01");
     EXPECT_TRUE(shows_text(post(1).osd[0], " new ", {75, 3, 1}));
@@ -598,6 +741,8 @@ TEST_P(FailingCall, in_the_drawing_of_the_time)
          unless_gone(osd_failed("post_set_osd", show, before.res_id, handle, "osd_show") +
                      redraw)});
     EXPECT_TRUE(support::wait_until([this] { return have_happened(2); }));
+    expect_first_calls(3, {"get_osd_mem 3.3!", "get_osd_mem 3.3", "set_osd 3.3!", "get_osd_mem 3.3",
+                           "set_osd 3.3"});
     wait_for_a_pass();
     EXPECT_TRUE(shows(3, [](const sim_reader::Post &post) {
         return support::shows_recent_time(post.osd[3], 0, {50, 3, 1});
@@ -625,6 +770,18 @@ TEST_P(FailingCall, in_the_drawing_of_rectangles)
     else
         expect_rolled_back({"--Post0Osd0ColorFg=9"});
     expect_log({unless_gone(first + redraw_failed('0', '0', {"x/y=100/50 w/h=32/8"}))});
+    const auto expect_drawn_anew = [this](int post, const std::string &failure,
+                                          const std::string &osd) {
+        const Words anew = {failure,
+                            "clear_osd " + osd,
+                            "close_osd " + osd,
+                            "thread_get_status " + std::to_string(post),
+                            "open_osd " + osd,
+                            "get_osd_mem " + osd,
+                            "set_osd " + osd};
+        expect_calls(post, calls_by_kind({failure}, anew, anew));
+    };
+    expect_drawn_anew(0, "get_osd_mem 0.0!", "0.0");
     EXPECT_TRUE(have_happened(1));
     ASSERT_EQ(shown(0), is(POST_GONE) ? "" : "0");
     EXPECT_TRUE(is(POST_GONE) || post(0).osd[0].index_at(0, 0) == 5);
@@ -640,6 +797,7 @@ TEST_P(FailingCall, in_the_drawing_of_rectangles)
     expect_log({unless_gone(
         second +
         redraw_failed('1', '2', {"x/y=0/0 w/h=0/0", "x/y=0/0 w/h=0/0", "x/y=0/0 w/h=32/8"}))});
+    expect_drawn_anew(1, "set_osd 1.2!", "1.2");
     EXPECT_TRUE(have_happened(1));
     ASSERT_EQ(shown(1), is(POST_GONE) ? "" : "2");
     EXPECT_TRUE(is(POST_GONE) || post(1).osd[2].index_at(0, 0) == 1);

@@ -2,7 +2,9 @@
 #include "codec_library.h"
 
 #include <csignal>
+#include <sys/mman.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace
 {
@@ -46,13 +48,6 @@ protected:
         return mem;
     }
 
-    static std::string hex(std::uint32_t word)
-    {
-        char text[16];
-        std::snprintf(text, sizeof text, "0x%08X", word);
-        return text;
-    }
-
     std::vector<std::uint32_t> ids_;
 };
 
@@ -79,13 +74,40 @@ TEST_F(Contract, calls_have_their_order)
     EXPECT_EQ(breach_of([this] {
                   lib_.library_init();
                   lib_.open_device();
+                  lib_.notify_callback(keep_notice);
                   lib_.set_notify(15);
                   lib_.library_exit();
               }),
               "qm5sim: breach: library_init: out of its order\n"
               "qm5sim: breach: open_device: out of its order\n"
+              "qm5sim: breach: notify_callback: out of its order\n"
               "qm5sim: breach: set_notify: out of its order\n"
               "qm5sim: breach: library_exit: out of its order\n");
+}
+
+TEST_F(Contract, arguments_point_somewhere)
+{
+    const qm5_cl_osd_param param = {1, 16, 1, 0};
+    std::uint32_t word = 0;
+    const Opened opened = open_osd(ids_[0], {0, 16, 1, 0});
+    EXPECT_EQ(
+        breach_of([&] {
+            constexpr std::uint32_t argument = 0x81E00002;
+            EXPECT_TRUE(failed(lib_.get_status(ids_[0], nullptr), argument));
+            EXPECT_TRUE(failed(lib_.open_osd(ids_[0], nullptr, &word, &word, &word), argument));
+            EXPECT_TRUE(failed(lib_.open_osd(ids_[0], &param, nullptr, &word, &word), argument));
+            EXPECT_TRUE(failed(lib_.open_osd(ids_[0], &param, &word, nullptr, &word), argument));
+            EXPECT_TRUE(failed(lib_.open_osd(ids_[0], &param, &word, &word, nullptr), argument));
+            EXPECT_TRUE(failed(lib_.get_osd_mem(ids_[0], opened.handle, nullptr), argument));
+        }),
+        "qm5sim: breach: thread_get_status: status: none\n"
+        "qm5sim: breach: open_osd: param: none\n"
+        "qm5sim: breach: open_osd: handle: none\n"
+        "qm5sim: breach: open_osd: aux: none\n"
+        "qm5sim: breach: open_osd: line_bytes: none\n"
+        "qm5sim: breach: get_osd_mem: mem: none\n");
+    EXPECT_EQ(word, 0u) << "stays 0 on failure";
+    EXPECT_EQ(lib_.close_osd(ids_[0], opened.handle), 0);
 }
 
 TEST_F(Contract, records_are_zero_before_the_call)
@@ -233,6 +255,29 @@ TEST_F(Contract, memory_is_written_only_between_get_and_set)
     EXPECT_EQ(lib_.close_osd(ids_[0], opened.handle), 0);
 }
 
+TEST_F(Contract, writes_after_set_are_found_by_clear_and_behind_the_end_of_the_post)
+{
+    const Opened cleared = open_osd(ids_[0], {0, 16, 1, 0});
+    const Opened gone = open_osd(ids_[1], {0, 16, 1, 0});
+    qm5_cl_osd_mem mem = borrow(cleared);
+    EXPECT_EQ(lib_.set_osd(ids_[0], cleared.handle, {0, 0}), 0);
+    static_cast<char *>(mem.memory)[3] ^= 1;
+    EXPECT_EQ(breach_of([&] { lib_.clear_osd(ids_[0], cleared.handle); }),
+              "qm5sim: breach: clear_osd: handle " + hex(cleared.handle) +
+                  ": its memory has been written after set_osd\n");
+    static_cast<char *>(mem.memory)[3] ^= 1;
+
+    mem = {};
+    EXPECT_EQ(lib_.get_osd_mem(ids_[1], gone.handle, &mem), 0);
+    EXPECT_EQ(lib_.set_osd(ids_[1], gone.handle, {0, 0}), 0);
+    sim_reader::write_size(STATE, 1, 0, 0);
+    wait_for_notice(5);
+    static_cast<char *>(mem.memory)[3] ^= 1;
+    EXPECT_EQ(breach_of([&] { EXPECT_EQ(lib_.close_osd(ids_[0], cleared.handle), 0); }),
+              "qm5sim: breach: close_osd: handle " + hex(gone.handle) +
+                  ": its memory has been written after set_osd\n");
+}
+
 TEST_F(Contract, bytes_before_the_memory_and_in_its_last_word_are_nobodys)
 {
     write_file(std::string(STATE) + "/settings", "alignment 1 16 16\n");
@@ -241,26 +286,31 @@ TEST_F(Contract, bytes_before_the_memory_and_in_its_last_word_are_nobodys)
     const Opened opened = open_osd(ids_[0], {0, 12, 2, 0});
     EXPECT_EQ(opened.line_bytes, 3u);
     auto *memory = static_cast<unsigned char *>(borrow(opened).memory);
-    memory[-1] = 0;
-    EXPECT_EQ(breach_of([&] {
-                  lib_.set_osd(ids_[0], opened.handle, {0, 0});
-              }),
-              "qm5sim: breach: set_osd: handle " + hex(opened.handle) +
-                  ": bytes before its memory have been written\n");
-    memory[-1] = 0x5C;
+    const long before = 4096 - 8; // down to the page that nobody may touch
+    for (const long at : {-1l, -65l, -before}) {
+        memory[at] = 0;
+        EXPECT_EQ(breach_of([&] {
+                      lib_.set_osd(ids_[0], opened.handle, {0, 0});
+                      borrow(opened);
+                  }),
+                  "qm5sim: breach: set_osd: handle " + hex(opened.handle) +
+                      ": bytes before its memory have been written\n"
+                      "qm5sim: breach: get_osd_mem: handle " +
+                      hex(opened.handle) + ": bytes before its memory have been written\n")
+            << at;
+        memory[at] = 0x5C;
+    }
     memory[7] = 0;
     EXPECT_EQ(breach_of([&] { lib_.close_osd(ids_[0], opened.handle); }),
               "qm5sim: breach: close_osd: handle " + hex(opened.handle) +
                   ": byte 1 behind its memory has been written\n");
 }
 
-// Ends a child by what it does to a page, and gives the signal.
+// Ends a child by what it does, and gives the signal.
 int signal_of(const std::function<void()> &action)
 {
     const pid_t child = fork();
     if (child == 0) {
-        std::signal(SIGSEGV, SIG_DFL);
-        std::signal(SIGBUS, SIG_DFL);
         action();
         _exit(0);
     }
@@ -269,15 +319,97 @@ int signal_of(const std::function<void()> &action)
     return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
 }
 
-TEST_F(Contract, memory_ends_at_a_page_that_nobody_may_touch)
+class Touch : public Contract
 {
-    const Opened opened = open_osd(ids_[0], {0, 720, 28, 0});
+protected:
+    // What is told of a touch that ends the process.
+    std::string touch(volatile unsigned char *address)
+    {
+        return breach_of([=] { EXPECT_EQ(signal_of([=] { *address = 0; }), SIGSEGV); });
+    }
+
+    std::string touched(const char *call, unsigned osd, const Opened &opened, const char *what)
+    {
+        return std::string("qm5sim: breach: ") + call + ": post 0, OSD " + std::to_string(osd) +
+               ", handle " + hex(opened.handle) + ": " + what + "\n";
+    }
+};
+
+TEST_F(Touch, of_the_pages_around_the_memory_is_told_before_it_ends_the_process)
+{
+    const Opened opened = open_osd(ids_[0], {2, 720, 28, 0});
     const qm5_cl_osd_mem mem = borrow(opened);
     auto *memory = static_cast<volatile unsigned char *>(mem.memory);
+    const std::ptrdiff_t margin = 2 * 4096 - std::ptrdiff_t{mem.size};
     EXPECT_EQ(signal_of([=] { memory[mem.size - 1] = 0; }), 0);
-    EXPECT_EQ(signal_of([=] { memory[mem.size] = 0; }), SIGSEGV);
-    EXPECT_EQ(signal_of([=] { memory[-4096] = 0; }), SIGSEGV);
+    EXPECT_EQ(touch(memory + mem.size),
+              touched("get_osd_mem", 2, opened, "byte 0 behind its memory has been touched"));
+    EXPECT_EQ(touch(memory + mem.size + 4095),
+              touched("get_osd_mem", 2, opened, "byte 4095 behind its memory has been touched"));
+    EXPECT_EQ(touch(memory - margin - 1),
+              touched("get_osd_mem", 2, opened,
+                      ("byte " + std::to_string(margin + 1) + " before its memory has been touched")
+                          .c_str()));
     EXPECT_EQ(lib_.close_osd(ids_[0], opened.handle), 0);
+}
+
+TEST_F(Touch, of_memory_that_has_ended_is_told_with_what_ended_it)
+{
+    const Opened closed = open_osd(ids_[0], {0, 720, 28, 0});
+    const Opened gone = open_osd(ids_[0], {1, 720, 28, 0});
+    auto *first = static_cast<volatile unsigned char *>(borrow(closed).memory);
+    auto *second = static_cast<volatile unsigned char *>(borrow(gone).memory);
+    EXPECT_EQ(lib_.close_osd(ids_[0], closed.handle), 0);
+    EXPECT_EQ(touch(first),
+              touched("close_osd", 0, closed, "its memory has been touched after its end"));
+    sim_reader::write_size(STATE, 0, 800, 600);
+    const std::uint32_t id = wait_for_notice(6).res_id;
+    EXPECT_EQ(signal_of([=] { *second = 0; }), 0) << "a drawing may be under way";
+    const Opened next = open_osd(id, {0, 720, 28, 0});
+    EXPECT_EQ(touch(second),
+              touched("notify", 1, gone, "its memory has been touched after its end"));
+    EXPECT_EQ(touch(first),
+              touched("close_osd", 0, closed, "its memory has been touched after its end"));
+    EXPECT_EQ(lib_.close_osd(id, next.handle), 0);
+}
+
+// Somebody else's handler of before, and the page that it waits for.
+volatile unsigned char *foreign_page;
+void meet_foreign(int, siginfo_t *info, void *)
+{
+    _exit(info->si_addr == const_cast<unsigned char *>(foreign_page) ? 7 : 8);
+}
+
+TEST_F(Touch, of_what_is_not_the_librarys_goes_to_whoever_had_the_signal_before)
+{
+    foreign_page = static_cast<volatile unsigned char *>(
+        mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(foreign_page, MAP_FAILED);
+    take_down();
+    const auto end_of_child = [this](bool has_handler) {
+        const pid_t child = fork();
+        if (child == 0) {
+            struct sigaction mine = {};
+            mine.sa_flags = has_handler ? SA_SIGINFO : 0;
+            if (has_handler)
+                mine.sa_sigaction = meet_foreign;
+            sigaction(SIGSEGV, &mine, nullptr);
+            if (lib_.library_init() == 0)
+                *foreign_page = 0;
+            _exit(9);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        return status;
+    };
+    EXPECT_EQ(breach_of([&] {
+                  const int handled = end_of_child(true);
+                  EXPECT_TRUE(WIFEXITED(handled) && WEXITSTATUS(handled) == 7) << handled;
+                  const int ended = end_of_child(false);
+                  EXPECT_TRUE(WIFSIGNALED(ended) && WTERMSIG(ended) == SIGSEGV) << ended;
+              }),
+              "");
+    munmap(const_cast<unsigned char *>(foreign_page), 4096);
 }
 
 TEST_F(Contract, osds_are_closed_before_the_device)
@@ -348,6 +480,64 @@ TEST_F(DownContract, calls_behind_library_exit_are_told_in_the_file_too)
     const std::string told = testing::internal::GetCapturedStderr();
     EXPECT_EQ(told, "qm5sim: breach: close_device: out of its order\n");
     EXPECT_EQ(breaches(), told);
+}
+
+TEST_F(DownContract, callback_comes_once_and_posts_only_behind_set_notify)
+{
+    ASSERT_EQ(lib_.library_init(), 0);
+    ASSERT_EQ(lib_.open_device(), 0);
+    ASSERT_EQ(lib_.notify_callback(keep_notice), 0);
+    testing::internal::CaptureStderr();
+    constexpr std::uint32_t order = 0x81E00001;
+    const qm5_cl_osd_param param = {0, 16, 1, 0};
+    qm5_cl_post_status status{};
+    qm5_cl_osd_mem mem{};
+    std::uint32_t word = 0;
+    EXPECT_TRUE(failed(lib_.notify_callback(keep_notice), order));
+    EXPECT_TRUE(failed(lib_.get_status(1, &status), order));
+    EXPECT_TRUE(failed(lib_.open_osd(1, &param, &word, &word, &word), order));
+    EXPECT_TRUE(failed(lib_.close_osd(1, 2), order));
+    EXPECT_TRUE(failed(lib_.clear_osd(1, 2), order));
+    EXPECT_TRUE(failed(lib_.get_osd_mem(1, 2, &mem), order));
+    EXPECT_TRUE(failed(lib_.set_osd(1, 2, {0, 0}), order));
+    std::string expected;
+    for (const char *call : {"notify_callback", "thread_get_status", "open_osd", "close_osd",
+                             "clear_osd", "get_osd_mem", "set_osd"})
+        expected += std::string("qm5sim: breach: ") + call + ": out of its order\n";
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), expected);
+    EXPECT_EQ(breaches(), expected);
+    EXPECT_EQ(lib_.set_notify(15), 0);
+    take_down();
+}
+
+TEST_F(DownContract, osds_are_closed_before_the_end_of_the_process)
+{
+    testing::internal::CaptureStderr();
+    const pid_t child = fork();
+    if (child == 0) {
+        const std::vector<std::uint32_t> ids = bring_up_with_posts();
+        EXPECT_EQ(lib_.close_osd(ids[0], open_osd(ids[0], {0, 16, 1, 0}).handle), 0);
+        open_osd(ids[1], {3, 16, 1, 0});
+        std::exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    const std::string told = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(told, "qm5sim: breach: close_device: post 1, OSD 3, handle 0x60000006: left open\n");
+    EXPECT_EQ(breaches(), told);
+}
+
+TEST_F(DownContract, process_with_no_osd_may_end_with_the_device_open)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        const std::vector<std::uint32_t> ids = bring_up_with_posts();
+        EXPECT_EQ(lib_.close_osd(ids[0], open_osd(ids[0], {0, 16, 1, 0}).handle), 0);
+        std::exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_FALSE(fs::exists(std::string(STATE) + "/breaches"));
 }
 
 TEST_F(DownContract, file_is_not_made_where_there_can_be_no_folder)

@@ -74,7 +74,7 @@ std::vector<Damage> damages(const std::string &good)
         link_to("a link to itself", "."),
     };
     all.back().make = [](const fs::path &file) { fs::create_symlink(file.filename(), file); };
-    for (const std::size_t size : {64u, 1032u})
+    for (const std::size_t size : {std::size_t{64}, sizeof(sim_state)})
         all.push_back(text(std::to_string(size) + " random bytes", random_bytes(random, size)));
     for (unsigned i = 0; i < 4; i++) {
         std::string bytes = good;

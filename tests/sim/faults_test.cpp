@@ -37,6 +37,14 @@ TEST(FaultLine, names_operation_occasion_effect_and_post)
     EXPECT_EQ(fault.effect, SIM_LATE);
     ASSERT_EQ(sim_parse_fault("1 set_osd every fail 0x81E00042", &fault), nullptr);
     EXPECT_EQ(static_cast<std::uint32_t>(fault.value), 0x81E00042u);
+    ASSERT_EQ(sim_parse_fault("1 get_osd_mem next change-after 2 640x480 post 1", &fault), nullptr);
+    EXPECT_EQ(fault.effect, SIM_CHANGE_AFTER);
+    EXPECT_EQ(fault.changed, 2u);
+    EXPECT_EQ(fault.width, 640u);
+    EXPECT_EQ(fault.height, 480u);
+    EXPECT_EQ(fault.post, 1u);
+    ASSERT_EQ(sim_parse_fault("1 get_osd_mem next change 3 closed", &fault), nullptr);
+    EXPECT_EQ(fault.width, 0u);
 }
 
 TEST(FaultLine, is_refused_whole_for_one_wrong_word)
@@ -53,6 +61,12 @@ TEST(FaultLine, is_refused_whole_for_one_wrong_word)
     for (const char *value : {"", " gone4", " 0", " 0x100000000", " -1"})
         EXPECT_EQ(why_not(("1 set_osd next fail" + std::string(value)).c_str()),
                   "bad value of the effect");
+    for (const char *value : {"", " 1", " 4 closed", " closed", " 1 640", " 1 0x480"})
+        EXPECT_EQ(why_not(("1 set_osd next change" + std::string(value)).c_str()),
+                  "bad value of the effect");
+    EXPECT_EQ(why_not("1 notify next change 1 closed"), "the operation has no such effect");
+    EXPECT_EQ(why_not("1 set_osd next change 1 closed post"), "bad words behind the effect");
+    EXPECT_EQ(why_not("1 set_osd next change 1 closed post 0 x"), "bad words behind the effect");
     EXPECT_EQ(why_not("1 set_osd next vanish post"), "bad words behind the effect");
     EXPECT_EQ(why_not("1 set_osd next vanish post 4"), "bad words behind the effect");
     EXPECT_EQ(why_not("1 set_osd next vanish post 0 x"), "bad words behind the effect");
@@ -209,6 +223,36 @@ TEST_F(Faults, go_on_counting_when_others_come_and_over_a_restart)
     EXPECT_EQ(failures(ids[0], 3), "x..");
 }
 
+// Else a fault that is to happen once would never do so again.
+TEST_F(Faults, count_anew_if_they_were_changed_without_a_server)
+{
+    const std::string once = "1 thread_get_status next fail gone1\n";
+    std::vector<std::uint32_t> ids = bring_up_with(once);
+    EXPECT_EQ(failures(ids[0], 2), "x.");
+    take_down();
+    write_faults("");
+    write_faults(once);
+    notices.clear();
+    ids = bring_up_with_posts();
+    EXPECT_EQ(failures(ids[0], 2), "x.");
+    take_down();
+    notices.clear();
+    ids = bring_up_with_posts();
+    EXPECT_EQ(failures(ids[0], 2), "..");
+}
+
+TEST_F(Faults, fraction_is_the_same_calls_under_every_id_and_others_for_other_words)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with("1 thread_get_status 30% fail gone1\n");
+    const std::string first = failures(ids[0], 200);
+    EXPECT_NE(first.find('x'), std::string::npos);
+    EXPECT_NE(first.find('.'), std::string::npos);
+    change_faults("7 thread_get_status 30% fail gone1\n");
+    EXPECT_EQ(failures(ids[0], 200), first);
+    change_faults("8 thread_get_status 30% fail gone2\n");
+    EXPECT_NE(failures(ids[0], 200), first);
+}
+
 TEST_F(Faults, are_all_turned_off_by_one_switch)
 {
     fs::create_directory(STATE);
@@ -218,15 +262,59 @@ TEST_F(Faults, are_all_turned_off_by_one_switch)
     EXPECT_EQ(state().fault[0].met, 0u);
 }
 
-TEST_F(Faults, file_that_is_wrong_is_told_and_leaves_those_in_force)
+TEST_F(Faults, text_that_is_wrong_is_told_once_and_leaves_both_as_they_are)
 {
-    const std::vector<std::uint32_t> ids = bring_up_with("1 thread_get_status every fail gone1\n");
+    const std::string good = "1 thread_get_status every fail gone1\n";
+    const std::vector<std::uint32_t> ids = bring_up_with(good);
+    const std::uint32_t in_force = control();
+    EXPECT_EQ(in_force, sim_hash("", 0, good.data(), good.size()));
+    const struct {
+        const char *file;
+        const char *text;
+        const char *told;
+    } rows[] = {
+        {"faults", "; a comment\n\n1 thread_get_status every fail nobody\n",
+         "qm5sim: /tmp/codec/faults:3: bad value of the effect\n"},
+        {"faults", "1 set_osd next vanish\n1 set_osd next vanish\n",
+         "qm5sim: /tmp/codec/faults:2: the ID is there already\n"},
+        {"settings", "faults 2\n",
+         "qm5sim: /tmp/codec/settings:1: no setting, or not its values\n"
+         "qm5sim: /tmp/codec/faults:2: the ID is there already\n"},
+        {"faults", "", "qm5sim: /tmp/codec/settings:1: no setting, or not its values\n"},
+    };
+    std::size_t notices_due = SIM_POSTS;
     testing::internal::CaptureStderr();
-    change_faults("; a comment\n\n1 thread_get_status every fail nobody\n");
-    change_faults("1 set_osd next vanish\n1 set_osd next vanish\n");
+    std::string told;
+    for (const auto &row : rows) {
+        write_file(std::string(STATE) + "/new", row.text);
+        fs::rename(std::string(STATE) + "/new", std::string(STATE) + '/' + row.file);
+        for (const unsigned width : {0u, 640u}) { // each notice comes behind a look at the files
+            sim_reader::write_size(STATE, 3, width, width);
+            wait_for_notice(++notices_due);
+        }
+        told += row.told;
+        EXPECT_EQ(control(), in_force) << row.text;
+        EXPECT_EQ(failures(ids[0], 1), "x") << row.text;
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), told);
+    fs::remove(std::string(STATE) + "/settings");
+    change_faults("2 set_osd next vanish\n");
+    EXPECT_EQ(failures(ids[0], 1), ".");
+}
+
+TEST_F(Faults, text_that_was_refused_before_a_restart_does_not_count_as_taken)
+{
+    const std::string good = "1 thread_get_status every fail gone1\n";
+    bring_up_with(good);
+    take_down();
+    write_faults("1 thread_get_status every fail nobody\n");
+    notices.clear();
+    testing::internal::CaptureStderr();
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "qm5sim: /tmp/codec/faults:3: bad value of the effect\n"
-              "qm5sim: /tmp/codec/faults:2: the ID is there already\n");
+              "qm5sim: /tmp/codec/faults:1: bad value of the effect\n");
+    EXPECT_EQ(control(), 0u);
+    change_faults(good);
     EXPECT_EQ(failures(ids[0], 1), "x");
 }
 
@@ -259,6 +347,22 @@ TEST_F(Faults, what_a_failure_has_left_open_is_no_breach)
     EXPECT_EQ(lib_.close_osd(ids[0], other.handle), 0);
     take_down();
     EXPECT_FALSE(fs::exists(std::string(STATE) + "/breaches"));
+}
+
+// Such a failure tells the application nothing of the post, and the OSDs remain its own.
+TEST_F(Faults, open_that_fails_for_another_reason_excuses_nothing)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with("1 open_osd 2 fail 0x81E00042\n");
+    const qm5_cl_osd_param param = {0, 64, 2, 0};
+    const Opened left = open_osd(ids[0], param);
+    std::uint32_t handle = 0;
+    std::uint32_t word = 0;
+    EXPECT_TRUE(failed(lib_.open_osd(ids[0], &param, &handle, &word, &word), 0x81E00042));
+    testing::internal::CaptureStderr();
+    take_down();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "qm5sim: breach: close_device: post 0, OSD 0, handle " + hex(left.handle) +
+                  ": left open\n");
 }
 
 TEST_F(Faults, text_that_is_too_long_is_refused_whole)
@@ -308,6 +412,73 @@ TEST_F(Faults, post_vanishes_during_a_drawing)
     EXPECT_TRUE(failed(lib_.set_osd(ids[2], opened.handle, {0, 0}), QM5_CL_ERROR_GONE_1));
 }
 
+// The posts that were told of, in order, each with what was told.
+std::string notices_told(std::size_t from = 0)
+{
+    std::string told;
+    const std::vector<Notice> all = notices_so_far();
+    for (std::size_t i = from; i < all.size(); i++)
+        told += (all[i].opened ? " +" : " -") + std::to_string(all[i].post);
+    return told;
+}
+
+TEST_F(Faults, post_comes_changes_and_goes_during_a_drawing_of_another)
+{
+    sim_reader::write_size(STATE, 3, 0, 0);
+    write_faults("1 get_osd_mem 1 change-after 3 640x480 post 0\n"
+                 "2 get_osd_mem 2 change-after 3 800x600 post 0\n"
+                 "3 get_osd_mem 3 change 3 closed post 0\n"
+                 "4 get_osd_mem 4 change-after 0 352x288 post 0\n"
+                 "5 get_osd_mem 4 change-after 1 closed post 0\n");
+    bring_up();
+    wait_for_notice(3);
+    const std::uint32_t id = notices_so_far()[0].res_id;
+    const Opened opened = open_osd(id, {0, 64, 2, 0});
+    const auto draw = [&] {
+        qm5_cl_osd_mem mem{};
+        const std::size_t before = notices_so_far().size();
+        EXPECT_EQ(lib_.get_osd_mem(id, opened.handle, &mem), 0);
+        std::memset(mem.memory, 1, mem.size);
+        const std::string told = notices_told(before);
+        const int result = lib_.set_osd(id, opened.handle, {0, 0});
+        return told + (result == 0 ? "" : " gone");
+    };
+    EXPECT_EQ(draw(), " +3");
+    EXPECT_EQ(draw(), " -3 +3");
+    EXPECT_EQ(read_file(std::string(STATE) + "/post3"), "800x600\n");
+    EXPECT_EQ(draw(), " -3");
+    EXPECT_EQ(draw(), " -0 +0 -1 gone");
+    qm5_cl_post_status status{};
+    ASSERT_EQ(lib_.get_status(notices_so_far()[8].res_id, &status), 0);
+    EXPECT_EQ(status.width, 352u);
+}
+
+TEST_F(Faults, post_whose_file_cannot_be_written_does_not_vanish)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with("1 thread_get_status next vanish\n");
+    fs::create_directory(std::string(STATE) + "/post1.new");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(failures(ids[1], 2), "..");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "qm5sim: /tmp/codec/post1: Is a directory\n");
+    EXPECT_EQ(notices_so_far().size(), SIM_POSTS);
+}
+
+// The call that wants it gone doesn't wait until the coming would have been told.
+TEST_F(Faults, post_that_is_to_be_told_late_is_told_when_a_fault_changes_it)
+{
+    write_faults("1 notify every late 600000 post 3\n2 thread_get_status 2 change 3 closed\n");
+    bring_up();
+    wait_for_notice(3);
+    const std::uint32_t id = notices_so_far()[0].res_id;
+    EXPECT_EQ(failures(id, 1), ".");
+    EXPECT_EQ(notices_told(3), "");
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(failures(id, 1), ".");
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(60));
+    EXPECT_EQ(notices_told(3), " +3") << "its end is late again";
+    EXPECT_EQ(read_file(std::string(STATE) + "/post3"), "closed\n");
+}
+
 TEST_F(Faults, notice_is_doubled_or_late)
 {
     bring_up_with("1 notify every double post 3\n2 notify 5 late 60\n");
@@ -324,15 +495,6 @@ TEST_F(Faults, notice_is_doubled_or_late)
     EXPECT_TRUE(wait_until([] { return state().fault[0].met == 1; }));
     change_faults(""); // nor does anything else wait that long
     take_down();
-}
-
-// The posts that were told of, in order, each with what was told.
-std::string notices_told()
-{
-    std::string told;
-    for (const Notice &notice : notices_so_far())
-        told += (notice.opened ? " +" : " -") + std::to_string(notice.post);
-    return told;
 }
 
 TEST_F(Faults, late_notice_holds_up_no_other_post)

@@ -9,8 +9,7 @@ namespace
 
 using namespace support;
 
-// ---- Against the simulated codec's own record
-// -----------------------------------------------------
+// ---- Against the simulated codec's own record ---------------------------------------------------
 
 // The simulated codec alone, and behind the recorder; each with a state folder that is made anew.
 class WrappedRecord : public Recording

@@ -4,12 +4,21 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <iomanip>
 #include <iterator>
+#include <sstream>
 
 namespace support
 {
 
 namespace fs = std::filesystem;
+
+std::string hex(std::uint32_t word)
+{
+    std::ostringstream text;
+    text << "0x" << std::hex << std::uppercase << std::setw(8) << std::setfill('0') << word;
+    return text.str();
+}
 
 std::string report(std::string_view role, std::string_view message, std::string_view reporter)
 {
