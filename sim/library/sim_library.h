@@ -176,8 +176,10 @@ void sim_end_watch();
 // ---- Post threads -------------------------------------------------------------------------------
 
 // Starts and stops the thread that keeps the posts as the folder's files say and announces each
-// change, and first of all what runs already. A post whose announcement is late stays as it is
-// until it has been made, and no other post waits for that. -1 with errno for a failure.
+// change. What runs already is announced before the start returns, so that runs are alike: an
+// application that stores the state before the resource ID would now and then miss it. A post whose
+// announcement is late stays as it is until it has been made, and no other post waits for that. -1
+// with errno for a failure.
 int sim_start_posts(qm5_cl_post_notify_function *callback, std::uint32_t mask);
 void sim_stop_posts();
 

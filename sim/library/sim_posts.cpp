@@ -259,6 +259,9 @@ static void sim_follow_post(std::uint32_t number)
     sim_unlock();
 }
 
+// Since the thread's start, all posts at least once.
+static bool sim_has_followed;
+
 static void *sim_run_posts(void *)
 {
     pollfd wanted[] = {{sim_watch, POLLIN, 0}, {sim_wake_up, POLLIN, 0}};
@@ -271,6 +274,12 @@ static void *sim_run_posts(void *)
         sim_unlock();
         for (std::uint32_t post = 0; post < SIM_POSTS; post++)
             sim_follow_post(post);
+        sim_lock();
+        if (!sim_has_followed) {
+            sim_has_followed = true;
+            sim_tell_changed();
+        }
+        sim_unlock();
         poll(wanted, 2, sim_get_patience());
     }
 }
@@ -331,6 +340,7 @@ int sim_start_posts(qm5_cl_post_notify_function *callback, std::uint32_t mask)
     memset(sim_announced, 0, sizeof sim_announced);
     memset(sim_late, 0, sizeof sim_late);
     sim_ending = false;
+    sim_has_followed = false;
     if (sim_make_size_files() != 0)
         return -1;
     if (sim_open_descriptors() != 0) {
@@ -343,6 +353,10 @@ int sim_start_posts(qm5_cl_post_notify_function *callback, std::uint32_t mask)
         errno = error;
         return sim_fail_system("notification thread");
     }
+    sim_lock();
+    while (!sim_has_followed)
+        sim_wait_changed();
+    sim_unlock();
     return 0;
 }
 
