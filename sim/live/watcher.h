@@ -53,6 +53,8 @@ private:
     void try_to_look(bool at_everything);
     void look(bool at_everything);
     bool look_at_state();
+    bool is_device_open() const;
+    void read_state();
     void note_sets(const sim_state &state);
     void look_around();
     void read_control();
