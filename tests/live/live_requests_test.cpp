@@ -126,6 +126,7 @@ TEST_F(LiveRequests, tell_which_methods_an_address_has)
     EXPECT_EQ(allowed("DELETE", "/api/state"), "GET, HEAD");
     EXPECT_EQ(allowed("GET", "/api/posts/0"), "PUT");
     EXPECT_EQ(allowed("GET", "/api/faults"), "POST, DELETE");
+    EXPECT_EQ(allowed("GET", "/api/parameters/file"), "POST");
     EXPECT_EQ(allowed("PATCH", "/api/palette"), "GET, HEAD, PUT, DELETE");
     EXPECT_EQ(allowed("OPTIONS", "/api/clock"), "PUT, DELETE");
     EXPECT_EQ(allowed("TRACE", "/api/clock"), "PUT, DELETE");
@@ -204,8 +205,9 @@ TEST_F(LiveRequests, refuse_bodies_that_are_too_long)
     const std::string body(65537, ' ');
     for (const char *path : {"/api/posts/0", "/api/settings", "/api/clock", "/api/palette"})
         EXPECT_TRUE(is_error(change("PUT", path, body), 413, "body: longer than 65536 bytes"));
-    EXPECT_TRUE(
-        is_error(change("POST", "/api/application", body), 413, "body: longer than 65536 bytes"));
+    const std::string task((1u << 20) + 1, ' ');
+    for (const char *path : {"/api/application", "/api/parameters/compare"})
+        EXPECT_TRUE(is_error(change("POST", path, task), 413, "body: longer than 1048576 bytes"));
     const std::string frame((16u << 20) + 1, ' ');
     EXPECT_TRUE(is_error(change("PUT", "/api/posts/0/frame", frame), 413,
                          "body: longer than 16777216 bytes"));

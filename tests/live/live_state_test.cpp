@@ -8,7 +8,6 @@
 #include "support/files.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <fcntl.h>
 #include <filesystem>
@@ -20,6 +19,7 @@ namespace
 {
 
 using namespace support;
+using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 class LiveState : public LivePageTest
@@ -151,25 +151,27 @@ TEST_F(LiveState, tells_of_a_state_that_was_left_in_the_middle_of_a_change)
 TEST_F(LiveState, survives_a_state_that_is_cut_off_again_and_again)
 {
     HandmadeCodec codec(state_);
-    codec.open_post(0, 320, 200);
+    codec.open_post(0, 1024, 768);
+    codec.show_osd(0, 0, {.width = 1024, .height = 768}); // which takes a while to read
     codec.save();
     serve();
-    std::atomic<bool> done = false;
-    std::thread cutter([&] {
+    std::jthread cutter([&](const std::stop_token &end) {
         const std::string whole = read_file(state_ + "/state");
         const sim_reader::Descriptor file(open((state_ + "/state").c_str(), O_RDWR | O_CLOEXEC));
-        while (!done) {
+        while (!end.stop_requested()) {
             EXPECT_EQ(ftruncate(file.get(), 0), 0);
+            std::this_thread::sleep_for(1ms);
             EXPECT_EQ(pwrite(file.get(), whole.data(), whole.size(), 0), whole.size());
+            std::this_thread::sleep_for(1ms);
         }
     });
     for (int i = 0; i < 200; i++) {
-        const int status = get("/api/posts/0/background").status;
+        const int status = get("/api/posts/0/osds/0").status;
         EXPECT_TRUE(status == 200 || status == 409) << status;
     }
-    done = true;
+    cutter.request_stop();
     cutter.join();
-    EXPECT_EQ(get_json("/api/state")["posts"][0]["width"], 320);
+    EXPECT_EQ(get_json("/api/state")["posts"][0]["width"], 1024);
 }
 
 // ---- With the application -----------------------------------------------------------------------
