@@ -20,8 +20,6 @@ namespace fs = std::filesystem;
 namespace
 {
 
-constexpr std::chrono::milliseconds PACE{25};
-
 // What people and programs change, other than the library, may be seen a little later.
 constexpr unsigned LOOKS_BETWEEN = 8;
 
