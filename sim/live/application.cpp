@@ -1,13 +1,18 @@
 #include "application.h"
 
 #include "file_io.h"
+#include "log.h"
 #include "quoting.h"
+#include "secrets.h"
 #include "server/channel.h"
+#include "sim_state.h"
 #include "state_reader.h"
 
 #include <algorithm>
 #include <array>
+#include <iomanip>
 #include <poll.h>
+#include <sstream>
 #include <system_error>
 
 namespace live
@@ -60,8 +65,11 @@ std::unique_lock<std::timed_mutex> wait_for_turn(std::timed_mutex &mutex, int st
 // The end of a log, as much of it as of a stream.
 std::string read_tail(const fs::path &log)
 {
-    const std::string text = sim_reader::read_file_if_there(log).value_or("");
-    return text.substr(text.size() - std::min(text.size(), MAX_OUTPUT));
+    std::error_code none;
+    const std::uintmax_t size = fs::file_size(log, none);
+    return none
+               ? ""
+               : read_log(log, size - std::min<std::uintmax_t>(size, MAX_OUTPUT), size, MAX_OUTPUT);
 }
 
 } // namespace
@@ -82,6 +90,32 @@ bool Application::takes_parameters(const std::string &function)
     return found && found->takes_parameters;
 }
 
+// Named after its text, so that a command that was shown goes on meaning what it did.
+fs::path Application::file_of(const std::string &text) const
+{
+    std::ostringstream name;
+    name << "page-" << std::hex << std::setw(8) << std::setfill('0')
+         << sim_hash(text.data(), text.size(), "", 0) << ".conf";
+    return folder_ / name.str();
+}
+
+std::vector<std::string> Application::words_of(const Task &task) const
+{
+    std::vector<std::string> words = {program_, task.function};
+    if (find_function(task.function)->takes_log)
+        words.insert(words.end(), {"-l", log_.string()});
+    if (task.file)
+        words.insert(words.end(), {"-f", file_of(*task.file).string()});
+    for (const auto &[key, value] : task.parameters)
+        words.push_back("--" + key + '=' + value);
+    return words;
+}
+
+std::string Application::command_of(const Task &task) const
+{
+    return quote_words(words_of(task));
+}
+
 std::optional<Done> Application::run(const std::vector<std::string> &words)
 {
     const std::optional<Finished> finished = run_child(words, "", PATIENCE, stop_);
@@ -95,22 +129,13 @@ std::optional<Done> Application::run(const Task &task)
     const auto turn = wait_for_turn(one_at_a_time_, stop_);
     if (!turn.owns_lock())
         return std::nullopt;
-    sim_reader::make_folder(folder_); // for the log and the file
-    std::vector<std::string> words = {program_, task.function};
-    const bool logs = find_function(task.function)->takes_log;
     sim_reader::make_folder(folder_); // of the log and the file, before any codec has made it
-    if (logs)
-        words.insert(words.end(), {"-l", log_.string()});
-    if (task.file) {
-        const fs::path file = folder_ / "page.conf";
-        sim_reader::write_file(file, *task.file);
-        words.insert(words.end(), {"-f", file.string()});
-    }
-    for (const auto &[key, value] : task.parameters)
-        words.push_back("--" + key + '=' + value);
-    std::optional<Done> done = run(words);
+    if (task.file)
+        sim_reader::write_file(file_of(*task.file), *task.file);
+    std::optional<Done> done = run(words_of(task));
     // With -l the client's own words stand in the log.
-    if (done && logs && done->finished.status != 0 && done->finished.error.empty())
+    if (done && find_function(task.function)->takes_log && done->finished.status != 0 &&
+        done->finished.error.empty())
         done->finished.error = read_tail(log_);
     return done;
 }
@@ -120,7 +145,7 @@ std::optional<Application::Saved> Application::save()
     const auto turn = wait_for_turn(one_at_a_time_, stop_);
     if (!turn.owns_lock())
         return std::nullopt;
-    const fs::path file = folder_ / "saved.conf";
+    const fs::path file = folder_ / ("saved-" + make_token() + ".conf"); // nobody's own
     sim_reader::make_folder(folder_);
     const std::optional<Done> done = run({program_, "save", "-f", file.string()});
     if (!done)

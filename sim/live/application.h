@@ -37,6 +37,9 @@ public:
     static bool is_function(const std::string &function);
     static bool takes_parameters(const std::string &function);
 
+    // The command that `run` runs, as a POSIX shell reads it.
+    std::string command_of(const Task &task) const;
+
     // Runs a client to its end and waits for those before it; nothing if this process is to end. A
     // server that it starts goes on without a pipe of this process: its streams are the log's.
     // Throws std::runtime_error.
@@ -50,6 +53,8 @@ public:
     std::optional<Saved> save();
 
 private:
+    std::vector<std::string> words_of(const Task &task) const;
+    std::filesystem::path file_of(const std::string &text) const;
     std::optional<Done> run(const std::vector<std::string> &words);
 
     std::string program_;

@@ -1,9 +1,5 @@
 #include "child.h"
 
-#include "file_io.h"
-
-#include <algorithm>
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -12,7 +8,6 @@
 #include <spawn.h>
 #include <stdexcept>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -114,29 +109,21 @@ private:
     posix_spawn_file_actions_t files_{};
 };
 
-// A descriptor that becomes readable at the process's end. The C library's own function has no
-// declaration for C++ everywhere.
-int open_process(pid_t pid)
-{
-    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-}
+constexpr int PACE = 5; // ms
 
 enum class Wait { ENDED, TOO_LONG, STOPPED };
 
-Wait wait_for(int process, std::chrono::milliseconds patience, int stop)
+// Looks again and again, as a descriptor of the process can't be had everywhere and always.
+Wait wait_for(pid_t pid, std::chrono::milliseconds patience, int stop, int *status)
 {
     const auto end = std::chrono::steady_clock::now() + patience;
+    pollfd wanted = {stop, POLLIN, 0};
     for (;;) {
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-        std::array<pollfd, 2> wanted = {{{process, POLLIN, 0}, {stop, POLLIN, 0}}};
-        const int count = poll(wanted.data(), wanted.size(),
-                               static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
-        if (wanted[0].revents != 0)
+        if (waitpid(pid, status, WNOHANG) == pid)
             return Wait::ENDED;
-        if (wanted[1].revents != 0)
+        if (poll(&wanted, 1, PACE) == 1)
             return Wait::STOPPED;
-        if (count == 0)
+        if (std::chrono::steady_clock::now() >= end)
             return Wait::TOO_LONG;
     }
 }
@@ -150,19 +137,17 @@ std::optional<Finished> run_child(const std::vector<std::string> &words, const s
     const UnnamedFile out;
     const UnnamedFile err;
     const pid_t pid = Setup(input.empty() ? -1 : in.get(), out.get(), err.get()).spawn(words);
-    const sim_reader::Descriptor process(open_process(pid));
 
     Finished finished;
-    const Wait wait =
-        process.get() == -1 ? Wait::TOO_LONG : wait_for(process.get(), patience, stop);
+    int status = 0;
+    const Wait wait = wait_for(pid, patience, stop, &status);
     if (wait == Wait::STOPPED)
         return std::nullopt;
     if (wait == Wait::TOO_LONG) {
         finished.timeout = true;
-        kill(pid, SIGKILL);
+        kill(-pid, SIGKILL); // its session's, and so all that it has started
+        waitpid(pid, &status, 0);
     }
-    int status = 0;
-    waitpid(pid, &status, 0);
     if (WIFSIGNALED(status))
         finished.signal = WTERMSIG(status);
     else

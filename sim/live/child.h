@@ -47,7 +47,8 @@ private:
 // that nothing it leaves behind can be held up or ended by a reader that has gone. It has a session
 // of its own and none of this process's other descriptors.
 //
-// A program that takes longer than `patience` is killed. If the descriptor `stop` becomes readable
+// A program that takes longer than `patience` is killed, with what it has started but for programs
+// that have taken a session of their own. If the descriptor `stop` becomes readable
 // first, the program is left to itself: nothing.
 //
 // Throws std::runtime_error, as "NAME: why", for a program that can't be started.

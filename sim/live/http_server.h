@@ -1,19 +1,12 @@
-// HTTP/1.1 on one socket. httplib reads requests and writes answers; the connections are kept here,
-// so that a thread is taken only for a request whose head has come, and everything is bounded: the
-// connections, the threads, the time for a head, a body and an answer.
+// HTTP/1.1 by httplib: one request a connection, each in a thread of its own. Bodies, threads and
+// the time without a byte are bounded, so that clients who stop or are slow are soon let go; those
+// who send or read a byte now and then can keep all threads.
 #pragma once
-
-#include "connection.h"
-#include "workers.h"
 
 #include <httplib.h>
 
-#include <atomic>
 #include <functional>
-#include <memory>
-#include <mutex>
 #include <string>
-#include <vector>
 
 namespace live
 {
@@ -37,47 +30,25 @@ public:
     // Listens at an IP literal; port 0 is any free one. All answers get these headers. Throws
     // std::runtime_error, as "ADDRESS:PORT: why".
     HttpServer(const std::string &address, unsigned port, httplib::Headers headers);
-    HttpServer(const HttpServer &) = delete;
-    HttpServer &operator=(const HttpServer &) = delete;
-    ~HttpServer() override;
 
     unsigned port() const
     {
         return port_;
     }
 
-    // Serves until the descriptor `stop` becomes readable; then answers under way are cut off
-    // within moments.
+    // Serves until the descriptor `stop` becomes readable. Throws std::runtime_error if connections
+    // can't be accepted any more. Who still holds a thread a moment after the end is cut off by the
+    // end of the process.
     void run(Service service, int stop);
 
 private:
-    typedef std::unique_ptr<Connection> Owned;
-
-    void set_up(httplib::Headers headers);
-    HandlerResponse route(const httplib::Request &request, httplib::Response &response);
+    void set_limits();
+    void set_handlers();
     void read_and_answer(const httplib::Request &request, httplib::Response &response,
-                         const httplib::ContentReader &reader);
-
-    void serve(Owned connection, Head head);
-
-    bool wait();
-    void look_at(Owned connection, bool readable);
-    void start(Owned connection, Head head);
-    void take_back();
-    void accept_connections();
-    void drop_oldest();
+                         const httplib::ContentReader &reader) const;
 
     Service service_;
-    int listener_ = -1;
-    int wake_ = -1;
-    int stop_ = -1;
     unsigned port_ = 0;
-    bool accepting_ = true;     // false after a failure, for a moment
-    std::vector<Owned> parked_; // that wait for a request
-    std::atomic<std::size_t> active_ = 0;
-    std::mutex mutex_; // of returned_
-    std::vector<Owned> returned_;
-    std::unique_ptr<Workers> workers_;
 };
 
 } // namespace live

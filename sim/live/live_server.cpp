@@ -35,6 +35,25 @@ const httplib::Headers HEADERS = {
      "connect-src 'self'; form-action 'none'; base-uri 'none'; frame-ancestors 'none'"},
 };
 
+// Why a body of the length that a request tells isn't read.
+std::optional<Refusal> refuse_length(const httplib::Request &request, std::size_t longest)
+{
+    if (request.has_header("Transfer-Encoding"))
+        return Refusal{411, "request: its length isn't told"};
+    if (!request.has_header("Content-Length"))
+        return std::nullopt;
+    const std::string text = request.get_header_value("Content-Length");
+    const bool is_number = !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+        return c >= '0' && c <= '9';
+    });
+    if (!is_number || request.get_header_value_count("Content-Length") > 1)
+        return Refusal{400, "request: its length makes no sense"};
+    // As httplib reads it; what is too much for a number is the largest one.
+    if (request.get_header_value<std::uint64_t>("Content-Length") > longest)
+        return Refusal{413, "body: longer than " + std::to_string(longest) + " bytes"};
+    return std::nullopt;
+}
+
 // The site and who may see it, as a service of the HTTP server.
 class Door
 {
@@ -87,10 +106,7 @@ private:
         }
         if (request.has_header("Content-Encoding") || request.is_multipart_form_data())
             return Refusal{415, "body: in an encoding that isn't read"};
-        if (request.get_header_value<std::uint64_t>("Content-Length") > found.route->longest_body)
-            return Refusal{413, "body: longer than " + std::to_string(found.route->longest_body) +
-                                    " bytes"};
-        return std::nullopt;
+        return refuse_length(request, found.route->longest_body);
     }
 
     Site &site_;

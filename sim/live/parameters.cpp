@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <chrono>
 #include <iostream>
-#include <map>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -23,8 +22,6 @@ namespace
 {
 
 // ---- In force -----------------------------------------------------------------------------------
-
-typedef std::map<std::string, std::string> Values;
 
 constexpr int ATTEMPTS = 10;
 constexpr std::chrono::milliseconds PACE{10};
@@ -45,7 +42,9 @@ Values read_values()
     return values;
 }
 
-// The values in force; none if no server runs. A client may be writing them just now.
+} // namespace
+
+// A client may be writing them just now.
 std::optional<Values> read_values_in_force()
 {
     if (!is_server_running())
@@ -57,6 +56,9 @@ std::optional<Values> read_values_in_force()
     }
     return values;
 }
+
+namespace
+{
 
 Json value_of(const std::optional<Values> &values, const std::string &key)
 {

@@ -4,11 +4,17 @@
 
 #include <nlohmann/json.hpp>
 
+#include <map>
 #include <optional>
 #include <string>
 
 namespace live
 {
+
+typedef std::map<std::string, std::string> Values;
+
+// What is in force, by key; none if no server runs.
+std::optional<Values> read_values_in_force();
 
 // All parameters in their order, with what is in force while a server runs.
 nlohmann::ordered_json describe_parameters();

@@ -83,17 +83,6 @@ void send_parameters(Call &call)
     send_json(call, describe_parameters());
 }
 
-void send_parameter_file(Call &call)
-{
-    const std::optional<Application::Saved> saved = call.site.application.save();
-    if (!saved)
-        throw ApiError(409, "application: the server ends");
-    if (!saved->good)
-        throw ApiError(409, saved->text);
-    call.response.set_header("Content-Disposition", "attachment; filename=\"qm5_app_comm.conf\"");
-    call.response.set_content(saved->text, "text/plain; charset=utf-8");
-}
-
 // ---- Calls and events ---------------------------------------------------------------------------
 
 constexpr std::uint64_t LAST_CALLS = 200;
@@ -178,7 +167,6 @@ std::vector<Route> reading_routes()
         {"GET", "/api/posts/*/background", NO_BODY, send_background},
         {"GET", "/api/palette", NO_BODY, send_palette},
         {"GET", "/api/parameters", NO_BODY, send_parameters},
-        {"GET", "/api/parameters/file", NO_BODY, send_parameter_file},
         {"GET", "/api/calls", NO_BODY, send_calls},
         {"GET", "/api/events", NO_BODY, send_events},
     };

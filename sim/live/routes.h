@@ -52,6 +52,7 @@ struct Route {
 
 constexpr std::size_t NO_BODY = 64 * 1024; // nobody minds one
 constexpr std::size_t LONGEST_TEXT = 64 * 1024;
+constexpr std::size_t LONGEST_TASK = std::size_t{1} << 20; // a parameter file and more
 constexpr std::size_t LONGEST_FRAME = std::size_t{16} << 20;
 
 // What there is for a request.

@@ -1,4 +1,4 @@
-// The state record of a simulated codec, looked at again and again without waiting for it.
+// Has the state record of a simulated codec changed? Looked at again and again, without waiting.
 #pragma once
 
 #include "sim_state.h"
@@ -27,9 +27,6 @@ public:
 
     // The number that changes with each change; none if there is no record.
     std::optional<std::uint32_t> sequence() const;
-
-    // The record; none if there is none, or it is being changed just now, or it can't be right.
-    std::optional<sim_state> read() const;
 
 private:
     std::filesystem::path path_;

@@ -65,7 +65,8 @@ std::string format_state(const Facts &facts)
         posts.push_back(describe_post(facts, state.post[i], i));
     Json all;
     all["sequence"] = state.sequence;
-    all["folder"] = facts.state.has_value();
+    all["folder"] = facts.state || facts.state_error;
+    all["state_error"] = value_or_null(facts.state_error);
     all["device_open"] = facts.device_open;
     all["application"] = {{"running", facts.running}};
     all["posts"] = posts;

@@ -20,8 +20,6 @@ namespace fs = std::filesystem;
 namespace
 {
 
-constexpr std::chrono::milliseconds PACE{25};
-
 // What people and programs change, other than the library, may be seen a little later.
 constexpr unsigned LOOKS_BETWEEN = 8;
 
@@ -96,6 +94,8 @@ std::string Watcher::look()
 // With the lock, but for the first look.
 void Watcher::look(bool at_everything)
 {
+    if (at_everything && facts_.state_error) // it may have been mended
+        known_ = false;
     const bool changed = look_at_state();
     log_state_ = log_.look();
     record_ = look_at_record(folder_ / "calls", record_);
@@ -116,16 +116,37 @@ bool Watcher::look_at_state()
     const std::optional<std::uint32_t> sequence = state_.sequence();
     if (known_ && sequence == sequence_)
         return false;
-    std::optional<sim_state> state = state_.read();
-    if (!state && sequence) // in the middle of a change
+    if (sequence.value_or(0) % 2 != 0 && is_device_open()) // in the middle of a change
         return false;
     known_ = true;
-    sequence_ = state ? std::optional(state->sequence) : std::nullopt;
+    sequence_ = sequence;
+    read_state();
+    return true;
+}
+
+bool Watcher::is_device_open() const
+{
+    try {
+        return state_.is_there() && sim_reader::is_device_open(folder_);
+    } catch (const std::runtime_error &) { // it has just gone
+        return false;
+    }
+}
+
+void Watcher::read_state()
+{
+    std::optional<sim_state> state;
+    facts_.state_error = std::nullopt;
+    try {
+        if (state_.is_there())
+            state = sim_reader::read_state(folder_);
+    } catch (const std::runtime_error &error) {
+        facts_.state_error = error.what();
+    }
     if (state && !std::exchange(first_look_, false))
         note_sets(*state);
     first_look_ = false;
     facts_.state = std::move(state);
-    return true;
 }
 
 void Watcher::note_sets(const sim_state &state)
@@ -147,11 +168,7 @@ void Watcher::note_sets(const sim_state &state)
 
 void Watcher::look_around()
 {
-    try {
-        facts_.device_open = state_.is_there() && sim_reader::is_device_open(folder_);
-    } catch (const std::runtime_error &) { // it has just gone
-        facts_.device_open = false;
-    }
+    facts_.device_open = is_device_open();
     facts_.running = is_server_running();
     for (unsigned i = 0; i < SIM_POSTS; i++) {
         const std::optional<sim_reader::Size> wanted = sim_reader::read_size(folder_, i);

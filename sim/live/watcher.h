@@ -9,6 +9,7 @@
 #include "state_file.h"
 #include "state_report.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
@@ -38,6 +39,9 @@ private:
 class Watcher
 {
 public:
+    // So often it looks for a new picture, of which it tells pages at once.
+    static constexpr std::chrono::milliseconds PACE{25};
+
     // Publishes what it finds, from now to its end.
     Watcher(std::filesystem::path folder, std::filesystem::path log, const Frames &frames,
             EventHub &hub);
@@ -53,6 +57,8 @@ private:
     void try_to_look(bool at_everything);
     void look(bool at_everything);
     bool look_at_state();
+    bool is_device_open() const;
+    void read_state();
     void note_sets(const sim_state &state);
     void look_around();
     void read_control();

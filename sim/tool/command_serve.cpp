@@ -18,7 +18,8 @@ namespace
 constexpr const char *FOOTER =
     "The page's address is printed when the server listens; SIGINT, SIGTERM or SIGHUP ends it.\n"
     "Other machines reach it only at an --address of its own, and then only with a token, which\n"
-    "the page takes as http://ADDRESS:PORT/?token=TEXT. Nothing is encrypted.\n"
+    "the page takes as http://ADDRESS:PORT/?token=TEXT. Nothing is encrypted, and --token shows\n"
+    "among this machine's processes, which --token-file doesn't.\n"
     "\n"
     "Examples: qm5sim serve\n"
     "          qm5sim serve --port 0 --qm5osd build/stage/osd/bin/qm5osd\n"

@@ -10,7 +10,6 @@
 #include <fstream>
 #include <string>
 #include <sys/file.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -36,52 +35,40 @@ int open_state(const fs::path &path)
     return fd;
 }
 
-// The state record, mapped to read.
-class StateMap
+// The state record. It is read, not mapped: a file that somebody cuts off ends no reader.
+class StateFile
 {
 public:
-    explicit StateMap(const fs::path &path)
+    explicit StateFile(const fs::path &path) : path_(path), file_(open_state(path))
     {
-        const Descriptor file(open_state(path));
-        check(path, file.get());
-        void *map = mmap(nullptr, sizeof(sim_state), PROT_READ, MAP_SHARED, file.get(), 0);
-        if (map == MAP_FAILED)
-            fail(path, std::strerror(errno));
-        state_ = static_cast<const sim_state *>(map);
-    }
-    StateMap(const StateMap &) = delete;
-    StateMap &operator=(const StateMap &) = delete;
-    ~StateMap()
-    {
-        munmap(const_cast<sim_state *>(state_), sizeof(sim_state));
+        const sim_state state = read();
+        if (state.magic != SIM_MAGIC || state.version != SIM_VERSION)
+            fail(path_, "no state of a simulated codec, or of another version");
     }
 
     std::uint32_t sequence() const
     {
-        return __atomic_load_n(&state_->sequence, __ATOMIC_ACQUIRE);
+        std::uint32_t sequence = 0;
+        read_bytes(&sequence, sizeof sequence, offsetof(sim_state, sequence));
+        return sequence;
     }
-    const sim_state &get() const
+
+    sim_state read() const
     {
-        return *state_;
+        sim_state state{};
+        read_bytes(&state, sizeof state, 0);
+        return state;
     }
 
 private:
-    // The head is read before anything is mapped: behind one that has never been written, for the
-    // disk was full, there may be no memory.
-    static void check(const fs::path &path, int fd)
+    void read_bytes(void *bytes, std::size_t size, off_t at) const
     {
-        struct stat status = {};
-        if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) ||
-            static_cast<std::size_t>(status.st_size) < sizeof(sim_state))
-            fail(path, "no state of a simulated codec");
-        std::uint32_t head[2] = {};
-        static_assert(offsetof(sim_state, magic) == 0 && offsetof(sim_state, version) == 4);
-        if (pread(fd, head, sizeof head, 0) != sizeof head || head[0] != SIM_MAGIC ||
-            head[1] != SIM_VERSION)
-            fail(path, "no state of a simulated codec, or of another version");
+        if (pread(file_.get(), bytes, size, at) != static_cast<ssize_t>(size))
+            fail(path_, "no state of a simulated codec");
     }
 
-    const sim_state *state_ = nullptr;
+    fs::path path_;
+    Descriptor file_;
 };
 
 // What `take` makes of a state that no change came across. One that its process has left in the
@@ -89,14 +76,13 @@ private:
 template <typename Take>
 auto take_still(const fs::path &folder, Take take)
 {
-    const StateMap map(folder / "state");
+    const StateFile file(folder / "state");
     for (int attempt = 0; attempt < ATTEMPTS; attempt++) {
-        const std::uint32_t before = map.sequence();
+        const std::uint32_t before = file.sequence();
         const auto is_changing = [&] { return before % 2 != 0 && is_device_open(folder); };
         if (!is_changing()) {
-            auto taken = take(map.get());
-            __atomic_thread_fence(__ATOMIC_ACQUIRE);
-            if (map.sequence() == before && !is_changing())
+            auto taken = take(file.read());
+            if (file.sequence() == before && !is_changing())
                 return taken;
         }
         std::this_thread::sleep_for(PACE);
@@ -122,11 +108,7 @@ void check_osd(const fs::path &folder, unsigned post, unsigned number, const sim
 
 sim_state read_state(const fs::path &folder)
 {
-    const sim_state state = take_still(folder, [](const sim_state &mapped) {
-        sim_state copy;
-        std::memcpy(&copy, &mapped, sizeof copy);
-        return copy;
-    });
+    const sim_state state = take_still(folder, [](const sim_state &read) { return read; });
     for (unsigned i = 0; i < SIM_POSTS; i++) {
         check_size(folder, i, state.post[i].width, state.post[i].height);
         for (unsigned j = 0; j < SIM_OSDS; j++)
@@ -178,7 +160,7 @@ std::vector<std::uint8_t> read_pixels(const fs::path &path, std::uint64_t size)
 Osd copy_osd(const fs::path &folder, const sim_osd &record, unsigned post, unsigned number)
 {
     Osd osd;
-    std::memcpy(&osd.record, &record, sizeof record);
+    osd.record = record;
     if (osd.record.shown != 0)
         osd.pixels = read_pixels(pixel_file(folder, post, number), bytes_of_memory(osd.record));
     return osd;
@@ -186,9 +168,7 @@ Osd copy_osd(const fs::path &folder, const sim_osd &record, unsigned post, unsig
 
 Post copy_post(const fs::path &folder, const sim_state &state, unsigned number)
 {
-    sim_post record;
-    std::memcpy(&record, &state.post[number], sizeof record);
-
+    const sim_post &record = state.post[number];
     Post post;
     post.res_id = record.res_id;
     post.width = record.width;

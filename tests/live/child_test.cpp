@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -122,6 +123,32 @@ TEST_F(Child, is_killed_when_it_takes_too_long)
             .value();
     EXPECT_TRUE(finished.timeout);
     EXPECT_EQ(finished.signal, SIGKILL);
+}
+
+TEST_F(Child, is_killed_with_what_it_has_started)
+{
+    support::adopt_orphans();
+    const Finished finished =
+        run_child({"sh", "-c", "sleep 1000 & echo $!; wait"}, "", 300ms, stop_).value();
+    EXPECT_TRUE(finished.timeout);
+    const pid_t started = std::stoi(finished.output);
+    int status = 0;
+    ASSERT_TRUE(support::wait_until([&] { return waitpid(started, &status, WNOHANG) == started; }));
+    EXPECT_EQ(WTERMSIG(status), SIGKILL);
+}
+
+TEST_F(Child, is_waited_for_where_no_more_files_can_be_opened_soon)
+{
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const int next = dup(stop_); // the next three are its streams
+    close(next);
+    const rlimit few = {static_cast<rlim_t>(next) + 3, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    const auto finished = run_child({"sh", "-c", "echo done"}, "", 30s, stop_);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(finished->status, 0);
+    EXPECT_EQ(finished->output, "done\n");
 }
 
 TEST_F(Child, is_left_to_itself_when_the_server_ends)

@@ -139,11 +139,11 @@ Answer HttpConnection::receive(bool with_body)
     return answer;
 }
 
-bool HttpConnection::is_ended()
+std::string HttpConnection::rest()
 {
     while (receive_more())
         continue;
-    return true;
+    return std::exchange(input, {});
 }
 
 std::string request_text(const std::string &method, const std::string &path,

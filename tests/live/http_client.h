@@ -35,8 +35,8 @@ public:
     // Receives some more bytes; false at the end of the connection.
     bool receive_more();
 
-    // Has the server ended the connection? Waits for it.
-    bool is_ended();
+    // All that still comes, up to the server's end of the connection.
+    std::string rest();
 
     std::string input; // received and not used yet
 
@@ -69,10 +69,10 @@ public:
     Event next(const std::string &name);
     Event next();
 
-    // Has the server ended the stream? Waits for it.
-    bool is_ended()
+    // What still comes, up to the server's end of the stream.
+    std::string rest()
     {
-        return connection_.is_ended();
+        return connection_.rest();
     }
 
     const std::string &last_id() const

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <regex>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -139,6 +140,58 @@ TEST_F(LiveApplication, restarts)
     stop_application();
 }
 
+TEST_F(LiveApplication, restarts_with_all_that_is_in_force_but_for_changes)
+{
+    // A machine of its own, whose common parameter file has a text.
+    fs::copy(QM5OSD_STAGE, "/tmp/work/stage", fs::copy_options::recursive);
+    const std::string common = "/tmp/work/stage/conf/qm5_app_comm.conf";
+    write_file(common, read_file(common) + "Post3String=of the machine\n");
+    executable_ = program_ = "/tmp/work/stage/osd/bin/qm5osd";
+    serve();
+    start_application(
+        {{"Post0String", "caf\xC3\xA9"}, {"Post1String", "one"}, {"Post0DateOn", "1"}});
+    ASSERT_EQ(tool({"update", "--Post2String=caf\xE9", "--Post3String="}).status, 0);
+    const std::vector<pid_t> before = processes_of(executable_);
+    const Json task = {{"function", "restart"},
+                       {"keep", true},
+                       {"parameters", HeaderList{{"Post1String", ""}, {"OsdTypeFgColor", "7"}}}};
+    Json preview = task;
+    preview["preview"] = true;
+    const std::string command = run(preview)["command"];
+    EXPECT_EQ(processes_of(executable_), before) << "a preview has run";
+
+    const Json done = run(task);
+    EXPECT_EQ(done["status"], 0) << done;
+    EXPECT_EQ(done["command"], command);
+    ASSERT_TRUE(wait_until([&] { return waitpid(before.at(0), nullptr, WNOHANG) != 0; }));
+    EXPECT_EQ(value("Post0String"), "caf\xC3\xA9");
+    EXPECT_EQ(value("Post1String"), "");
+    EXPECT_EQ(value("Post3String"), "") << "emptied before";
+    EXPECT_EQ(value("Post0DateOn"), "1");
+    EXPECT_EQ(value("OsdTypeFgColor"), "7");
+    EXPECT_NE(read_file("/tmp/osd_tmp_param.txt").find("Post2String=caf\xE9\n"), std::string::npos);
+    stop_application();
+    EXPECT_TRUE(
+        is_error(change("POST", "/api/application", task.dump()), 409, "keep: no server runs"));
+}
+
+TEST_F(LiveApplication, puts_into_a_file_what_has_no_option)
+{
+    serve();
+    start_application();
+    Json task = {{"function", "update"},
+                 {"preview", true},
+                 {"parameters", HeaderList{{"Post0DateOn", "1"}, {"OsdTypeFgColor", "7"}}}};
+    const Json planned = run(task);
+    EXPECT_EQ(planned["file"], "[osd]\nOsdTypeFgColor=7\n");
+    EXPECT_EQ(value("OsdTypeFgColor"), "3") << "a preview has changed something";
+    task.erase("preview");
+    EXPECT_EQ(run(task)["command"], planned["command"]);
+    EXPECT_EQ(value("OsdTypeFgColor"), "7");
+    EXPECT_EQ(value("Post0DateOn"), "1");
+    stop_application();
+}
+
 TEST_F(LiveApplication, hands_a_parameter_file_over)
 {
     serve();
@@ -146,13 +199,40 @@ TEST_F(LiveApplication, hands_a_parameter_file_over)
     const Json done = run({{"function", "start"},
                            {"file", file},
                            {"parameters", HeaderList{{"Post2StringColor", "7"}}}});
-    EXPECT_EQ(done["command"], executable_ +
-                                   " start -l /tmp/codec/server.log -f /tmp/codec/page.conf "
-                                   "--Post2StringColor=7");
+    const std::string command = done["command"];
+    const std::regex expected(executable_ + " start -l /tmp/codec/server\\.log "
+                                            "-f (/tmp/codec/page-[0-9a-f]{8}\\.conf) "
+                                            "--Post2StringColor=7");
+    std::smatch found;
+    ASSERT_TRUE(std::regex_match(command, found, expected)) << command;
     EXPECT_EQ(done["status"], 0);
-    EXPECT_EQ(read_file("/tmp/codec/page.conf"), file);
     EXPECT_EQ(value("Post2String"), "from a file");
     EXPECT_EQ(value("Post2StringColor"), "7");
+    // Another file doesn't take its place: the command goes on meaning the same.
+    EXPECT_EQ(run({{"function", "update"}, {"file", "[osd]\nPost2String=another\n"}})["status"], 0);
+    EXPECT_EQ(read_file(found[1]), file);
+    stop_application();
+}
+
+TEST_F(LiveApplication, takes_files_of_any_bytes)
+{
+    serve();
+    start_application();
+    const std::string coded = "W29zZF0KUG9zdDJTdHJpbmc9Y2Fm6Qo="; // [osd] Post2String=caf\xE9
+    const Json compared = change_json("POST", "/api/parameters/compare", {{"file_base64", coded}});
+    EXPECT_EQ(compared["error"], nullptr);
+    EXPECT_EQ(compared["differences"].size(), 1u) << compared;
+    EXPECT_EQ(run({{"function", "update"}, {"file_base64", coded}})["status"], 0);
+    EXPECT_NE(read_file("/tmp/osd_tmp_param.txt").find("Post2String=caf\xE9\n"), std::string::npos);
+    EXPECT_NE(change("POST", "/api/parameters/file").body.find("Post2String=caf\xE9\n"),
+              std::string::npos);
+    const Json again = change_json("POST", "/api/parameters/compare", {{"file_base64", coded}});
+    EXPECT_EQ(again["differences"], Json::array());
+
+    // A long one, of comments.
+    const std::string file = "[osd]\n" + std::string(200000, ';') + "\nPost0DateOn=1\n";
+    EXPECT_EQ(run({{"function", "update"}, {"file", file}})["status"], 0);
+    EXPECT_EQ(value("Post0DateOn"), "1");
     stop_application();
 }
 
@@ -257,6 +337,17 @@ TEST_F(LiveApplication, refuses_tasks_that_make_no_sense)
     refused(R"({"function":"status","file":""})", "status: it takes no parameters");
     refused(R"({"function":"update","file":7})", "file: no text");
     refused(R"({"function":"update","parameters":{}})", "parameters: no list");
+    const std::string coded = "file_base64: no text in base64, or not the only file";
+    refused(R"({"function":"update","file_base64":"x"})", coded);
+    refused(R"({"function":"update","file_base64":7})", coded);
+    refused(R"({"function":"update","file_base64":"","file":""})", coded);
+    refused(R"({"function":"update","keep":true})", "keep: only for a restart without a file");
+    refused(R"({"function":"restart","keep":true,"file":""})",
+            "keep: only for a restart without a file");
+    refused(R"({"function":"restart","keep":1})", "keep: neither true nor false");
+    refused(R"({"function":"update","preview":"yes"})", "preview: neither true nor false");
+    refused(R"({"function":"update","parameters":[["OsdFontFile","a\nPost0DateOn=1"]]})",
+            "parameters: OsdFontFile: a line feed");
     const std::string pairs = "parameters: not pairs of key and value";
     for (const char *parameters : {R"(["A","1"])", R"([["A"]])", R"([["A","1","2"]])",
                                    R"([["A",1]])", R"([[1,"A"]])", R"([{"A":"1"}])", R"([null])"})
@@ -377,12 +468,12 @@ TEST_F(LiveApplication, lists_what_is_in_force)
 TEST_F(LiveApplication, sends_the_file_that_save_writes)
 {
     serve();
-    EXPECT_TRUE(is_error(get("/api/parameters/file"), 409,
+    EXPECT_TRUE(is_error(change("POST", "/api/parameters/file"), 409,
                          report("save", "server is not running", "osd_save") +
                              report("save", "save osd param failed", "main")));
     start_application({{"Post0String", "a=b"}});
     ASSERT_EQ(tool({"save", "-f", "/tmp/work/saved"}).status, 0);
-    const Answer answer = get("/api/parameters/file");
+    const Answer answer = change("POST", "/api/parameters/file");
     EXPECT_EQ(answer.headers.at("content-type"), "text/plain; charset=utf-8");
     EXPECT_EQ(answer.headers.at("content-disposition"),
               "attachment; filename=\"qm5_app_comm.conf\"");
@@ -396,7 +487,7 @@ TEST_F(LiveApplication, compares_a_file_with_what_is_in_force)
     serve();
     start_application({{"Post0DateOn", "1"}, {"Post0String", "one"}});
     const Json none = Json::array();
-    EXPECT_EQ(compare(get("/api/parameters/file").body),
+    EXPECT_EQ(compare(change("POST", "/api/parameters/file").body),
               (Json{{"differences", none}, {"error", nullptr}}));
     EXPECT_EQ(compare("[osd]\nPost0DateOn=0\nPost0String=two\nPost1String=three\nPost0DateOn=1\n"),
               (Json{{"differences",

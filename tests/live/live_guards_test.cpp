@@ -25,13 +25,13 @@ protected:
     // The changes that the page can make.
     static HeaderList changes()
     {
-        return {{"PUT", "/api/posts/0"},         {"PUT", "/api/posts/0/frame"},
-                {"PUT", "/api/settings"},        {"PUT", "/api/clock"},
-                {"PUT", "/api/palette"},         {"POST", "/api/faults"},
-                {"POST", "/api/application"},    {"POST", "/api/parameters/compare"},
-                {"DELETE", "/api/faults"},       {"DELETE", "/api/faults/1"},
-                {"DELETE", "/api/clock"},        {"DELETE", "/api/palette"},
-                {"DELETE", "/api/posts/0/frame"}};
+        return {{"PUT", "/api/posts/0"},          {"PUT", "/api/posts/0/frame"},
+                {"PUT", "/api/settings"},         {"PUT", "/api/clock"},
+                {"PUT", "/api/palette"},          {"POST", "/api/faults"},
+                {"POST", "/api/application"},     {"POST", "/api/parameters/compare"},
+                {"POST", "/api/parameters/file"}, {"DELETE", "/api/faults"},
+                {"DELETE", "/api/faults/1"},      {"DELETE", "/api/clock"},
+                {"DELETE", "/api/palette"},       {"DELETE", "/api/posts/0/frame"}};
     }
 };
 

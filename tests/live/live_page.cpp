@@ -32,15 +32,6 @@ void LivePageTest::TearDown()
 
 // ---- The server ---------------------------------------------------------------------------------
 
-std::string LivePageTest::printed() const
-{
-    const fs::path output = "/proc/" + std::to_string(server_->pid()) + "/fd/1";
-    std::error_code gone;
-    if (fs::read_symlink(output, gone).string().rfind("/memfd:out", 0) != 0)
-        return ""; // it still has the test's own
-    return read_file(output);
-}
-
 void LivePageTest::serve(const Words &words)
 {
     Words all = {QM5SIM_PROGRAM, "serve", "--port", "0", "--qm5osd", program_};
@@ -50,7 +41,7 @@ void LivePageTest::serve(const Words &words)
     std::smatch found;
     std::string text;
     const bool listens = wait_until([&] {
-        text = printed();
+        text = printed_by(*server_);
         return std::regex_match(text, found, url);
     });
     ASSERT_TRUE(listens) << "the server doesn't listen";
@@ -143,6 +134,15 @@ LivePageTest::state_is(const std::function<bool(const Json &)> &condition) const
     });
     return met ? testing::AssertionSuccess()
                : testing::AssertionFailure() << "it never came to that: " << state.dump();
+}
+
+std::string printed_by(const Process &program)
+{
+    const fs::path output = "/proc/" + std::to_string(program.pid()) + "/fd/1";
+    std::error_code gone;
+    if (fs::read_symlink(output, gone).string().rfind("/memfd:out", 0) != 0)
+        return ""; // it still has the test's own
+    return read_file(output);
 }
 
 testing::AssertionResult is_error(const Answer &answer, int status, const std::string &why)

@@ -27,9 +27,6 @@ protected:
     // Asks it to end, and waits: its exit status.
     int end_server(int signal);
 
-    // What it has printed so far.
-    std::string printed() const;
-
     unsigned port() const
     {
         return port_;
@@ -77,6 +74,9 @@ private:
     std::unique_ptr<Process> server_;
     unsigned port_ = 0;
 };
+
+// What a program under way has printed so far.
+std::string printed_by(const Process &program);
 
 // An answer is this error.
 testing::AssertionResult is_error(const Answer &answer, int status, const std::string &why);

@@ -1,18 +1,25 @@
 // What the live page reads of the simulated codec: state, pictures, palette and calls.
 #include "live_page.h"
 
+#include "file_io.h"
+#include "sim/handmade_codec.h"
 #include "sim/recorded_calls.h"
 #include "sim_reader.h"
 #include "support/files.h"
 
 #include <algorithm>
 #include <chrono>
+#include <fcntl.h>
 #include <filesystem>
+#include <sys/file.h>
+#include <thread>
+#include <unistd.h>
 
 namespace
 {
 
 using namespace support;
+using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 class LiveState : public LivePageTest
@@ -58,6 +65,7 @@ TEST_F(LiveState, tells_of_a_folder_that_is_not_there)
     EXPECT_EQ(get_json("/api/state"),
               (Json{{"sequence", 0},
                     {"folder", false},
+                    {"state_error", nullptr},
                     {"device_open", false},
                     {"application", {{"running", false}}},
                     {"posts", posts},
@@ -86,13 +94,84 @@ TEST_F(LiveState, passes_over_files_that_make_no_sense)
     write_file(state_ + "/faults", "1 open_osd never\n");
     serve();
     const Json state = get_json("/api/state");
-    EXPECT_EQ(state["folder"], false);
+    EXPECT_EQ(state["folder"], true);
+    EXPECT_EQ(state["state_error"], "/tmp/codec/state: no state of a simulated codec");
     EXPECT_EQ(state["posts"][0]["wanted"], nullptr);
     EXPECT_EQ(state["posts"][1]["wanted"], "closed");
     EXPECT_EQ(state["faults"]["error"], "/tmp/codec/faults:1: not ID OPERATION WHEN EFFECT");
     EXPECT_TRUE(is_error(get("/api/posts/0/osds/0"), 409,
                          "/tmp/codec/state: no state of a simulated codec"));
     EXPECT_EQ(get_json("/api/calls")["calls"], Json::array());
+}
+
+TEST_F(LiveState, tells_of_a_state_that_is_damaged_until_it_is_mended)
+{
+    HandmadeCodec codec(state_);
+    codec.open_post(1, 640, 360);
+    codec.save();
+    serve();
+    EXPECT_EQ(get_json("/api/state")["posts"][1]["width"], 640);
+    codec.state.post[1].width = SIM_LONGEST + 1;
+    codec.state.sequence += 2;
+    codec.save();
+    const Json damaged = get_json("/api/state");
+    EXPECT_EQ(damaged["state_error"], "/tmp/codec/state: damaged: the size of post 1");
+    EXPECT_EQ(damaged["folder"], true);
+    EXPECT_EQ(damaged["posts"][1]["open"], false);
+    codec.state.post[1].width = 320;
+    codec.save();
+    const Json mended = get_json("/api/state");
+    EXPECT_EQ(mended["state_error"], nullptr);
+    EXPECT_EQ(mended["posts"][1]["width"], 320);
+}
+
+TEST_F(LiveState, tells_of_a_state_that_was_left_in_the_middle_of_a_change)
+{
+    HandmadeCodec codec(state_);
+    codec.open_post(1, 640, 360);
+    codec.state.sequence = 7;
+    codec.save();
+    serve();
+    const Json left = get_json("/api/state");
+    EXPECT_EQ(left["folder"], true);
+    EXPECT_EQ(left["sequence"], 7);
+    EXPECT_EQ(left["posts"][1]["width"], 640);
+
+    // While somebody has the device open, it isn't taken.
+    const sim_reader::Descriptor device(open((state_ + "/state").c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(flock(device.get(), LOCK_EX), 0);
+    codec.state.sequence = 9;
+    codec.state.post[1].width = 320;
+    ASSERT_EQ(pwrite(device.get(), &codec.state, sizeof codec.state, 0), sizeof codec.state);
+    EXPECT_EQ(get_json("/api/state")["posts"][1]["width"], 640);
+    ASSERT_EQ(flock(device.get(), LOCK_UN), 0);
+    EXPECT_EQ(get_json("/api/state")["posts"][1]["width"], 320);
+}
+
+TEST_F(LiveState, survives_a_state_that_is_cut_off_again_and_again)
+{
+    HandmadeCodec codec(state_);
+    codec.open_post(0, 1024, 768);
+    codec.show_osd(0, 0, {.width = 1024, .height = 768}); // which takes a while to read
+    codec.save();
+    serve();
+    std::jthread cutter([&](const std::stop_token &end) {
+        const std::string whole = read_file(state_ + "/state");
+        const sim_reader::Descriptor file(open((state_ + "/state").c_str(), O_RDWR | O_CLOEXEC));
+        while (!end.stop_requested()) {
+            EXPECT_EQ(ftruncate(file.get(), 0), 0);
+            std::this_thread::sleep_for(1ms);
+            EXPECT_EQ(pwrite(file.get(), whole.data(), whole.size(), 0), whole.size());
+            std::this_thread::sleep_for(1ms);
+        }
+    });
+    for (int i = 0; i < 200; i++) {
+        const int status = get("/api/posts/0/osds/0").status;
+        EXPECT_TRUE(status == 200 || status == 409) << status;
+    }
+    cutter.request_stop();
+    cutter.join();
+    EXPECT_EQ(get_json("/api/state")["posts"][0]["width"], 1024);
 }
 
 // ---- With the application -----------------------------------------------------------------------

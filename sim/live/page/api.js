@@ -56,6 +56,10 @@ export function get(path) {
     return request('GET', path);
 }
 
+export function post(path) {
+    return request('POST', path);
+}
+
 export async function getJson(path) {
     return (await get(path)).json();
 }

@@ -2,7 +2,7 @@
 // is in force, and carried out.
 
 import {copyOnClick, onFile, showOutcome} from './actions.js';
-import {get, change} from './api.js';
+import {change, post} from './api.js';
 import {commandLine} from './command.js';
 import {element, find, setText} from './dom.js';
 import {counted} from './format.js';
@@ -63,7 +63,7 @@ export class FileView {
     async #save() {
         const outcome = find('#file-outcome');
         try {
-            const response = await get('/api/parameters/file');
+            const response = await post('/api/parameters/file');
             download(await response.blob(), 'qm5_app_comm.conf');
             showOutcome(outcome, 'Saved as qm5_app_comm.conf.', true);
         } catch (error) {
