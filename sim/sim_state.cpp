@@ -15,6 +15,9 @@ void sim_get_folder(char *path)
         snprintf(path, SIM_PATH_SIZE, "/tmp/qm5sim-%u", static_cast<unsigned>(getuid()));
 }
 
+const char *const sim_default_sizes[SIM_POSTS] = {"720x576\n", "1920x1080\n", "640x360\n",
+                                                  "1280x720\n"};
+
 // Reads digits up to SIM_LONGEST and passes over them; 0 for anything else.
 static std::uint32_t sim_parse_length(const char **text)
 {

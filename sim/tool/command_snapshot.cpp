@@ -91,8 +91,7 @@ std::string osd_name(const Arguments &arguments)
 sim_reader::Post read_running_post(const Context &context, const Arguments &arguments)
 {
     sim_reader::Post post = sim_reader::read_post(context.folder, arguments.post);
-    // It has no size in what a server has left in the middle of an opening.
-    if (post.res_id == 0 || post.width == 0 || post.height == 0)
+    if (!sim_reader::has_thread(post))
         fail(post_name(arguments), "it has no post thread");
     return post;
 }

@@ -59,11 +59,9 @@ std::vector<Row> post_rows(const sim_state &state)
     std::vector<Row> rows = {{"POST", "RESOURCE", "SIZE"}};
     for (unsigned i = 0; i < SIM_POSTS; i++) {
         const sim_post &post = state.post[i];
-        if (post.res_id == 0)
-            rows.push_back({std::to_string(i), "-", "closed"});
-        else
-            rows.push_back({std::to_string(i), format_id(post.res_id),
-                            format_pair(post.width, 'x', post.height)});
+        const bool open = sim_reader::has_thread(post);
+        rows.push_back({std::to_string(i), open && post.res_id != 0 ? format_id(post.res_id) : "-",
+                        open ? format_pair(post.width, 'x', post.height) : "closed"});
     }
     return rows;
 }
@@ -132,7 +130,9 @@ void print(const Context &context, const Arguments &arguments)
 constexpr const char *FOOTER =
     "Only open OSDs are listed. A line of an OSD holds at least the pixels of the requested "
     "width.\n"
-    "What a server that died has left stays in the state until the device is opened again.\n"
+    "Post threads are there before the first server and after the last one; a library gives each\n"
+    "its resource ID. What a server that died has left stays until the device is opened again, or\n"
+    "its post thread ends.\n"
     "\n"
     "Examples: qm5sim state\n"
     "          qm5sim state --json | jq '.posts[].osds[] | select(.shown)'";

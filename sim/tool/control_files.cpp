@@ -175,15 +175,14 @@ bool is_in_force(const fs::path &folder)
 
 std::optional<sim_state> read_state(const fs::path &folder)
 {
-    if (!sim_reader::is_there(folder / "state"))
+    if (!sim_reader::is_there(folder))
         return std::nullopt;
     return sim_reader::read_state(folder);
 }
 
 void wait_until_in_force(const fs::path &folder, const std::string &what)
 {
-    if (!sim_reader::is_there(folder / "state") || is_in_force(folder) ||
-        !sim_reader::is_device_open(folder))
+    if (!sim_reader::is_device_open(folder) || is_in_force(folder))
         return;
     const auto end = std::chrono::steady_clock::now() + PATIENCE;
     while (!is_in_force(folder)) {

@@ -191,6 +191,28 @@ TEST_F(SimSnapshot, lies_over_the_test_pattern)
     });
 }
 
+TEST_F(SimSnapshot, before_any_server_is_the_test_pattern_of_the_size_that_the_post_was_told)
+{
+    expect_silent_success({"post", "0", "open", "80x8"});
+    expect_silent_success({"snapshot", "0", out("shown.png")});
+    const Picture pattern = sim_reader::test_pattern(80, 8);
+    const Png png = read_png(out("shown.png"));
+    EXPECT_EQ(png.width, 80u);
+    EXPECT_EQ(png.samples, pattern.rgb);
+    expect_silent_success({"post", "0", "close"});
+    expect_failure({"snapshot", "0", out("x.png")}, 1, "qm5sim: post 0: it has no post thread\n");
+}
+
+TEST_F(SimSnapshot, osds_of_a_dead_server_go_with_their_post_thread)
+{
+    show_four_pixels();
+    expect_silent_success({"post", "0", "resize", "80x8"});
+    expect_silent_success({"snapshot", "0", out("shown.png")});
+    EXPECT_EQ(read_png(out("shown.png")).samples, sim_reader::test_pattern(80, 8).rgb);
+    expect_failure({"snapshot", "0", out("x.png"), "--osd", "1"}, 1,
+                   "qm5sim: OSD 1 of post 0: it is not open\n");
+}
+
 TEST_F(SimSnapshot, lies_over_a_given_picture)
 {
     show_four_pixels();
