@@ -95,6 +95,14 @@ constexpr std::size_t SIM_PATH_SIZE = 4096;
 // The folder's path, into SIM_PATH_SIZE bytes.
 void sim_get_folder(char *path);
 
+// Why a folder of this path isn't to be used: at the path of the user's own, where anybody may make
+// one, there is another user's, or a link to who knows where. NULL for one that is good, isn't
+// there, or has been named.
+const char *sim_refuse_folder(const char *path);
+
+// Makes the folder if it isn't there. NULL, or why it can't be used.
+const char *sim_make_folder(const char *path);
+
 // The largest OSD in bytes, as 8192 by 8192 pixels of 8 bits; a larger one is refused.
 constexpr std::size_t SIM_LARGEST_OSD = std::size_t{64} << 20;
 

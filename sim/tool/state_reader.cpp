@@ -294,9 +294,16 @@ fs::path default_folder()
     return path.data();
 }
 
+void require_trusted(const fs::path &folder)
+{
+    if (const char *why = sim_refuse_folder(folder.c_str()))
+        fail(folder, why);
+}
+
 void make_folder(const fs::path &folder)
 {
-    mkdir(folder.c_str(), SIM_FOLDER_MODE);
+    sim_make_folder(folder.c_str());
+    require_trusted(folder); // somebody may have made it just before
 }
 
 std::string format_size(const Size &size)

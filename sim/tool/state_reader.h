@@ -64,7 +64,12 @@ bool is_device_open(const std::filesystem::path &folder);
 // The folder that the library uses with the present environment.
 std::filesystem::path default_folder();
 
-// Makes the folder if it isn't there. A failure is left to the first use of a file in it.
+// Throws std::runtime_error if the folder stands at the path of the default one and isn't the
+// user's own.
+void require_trusted(const std::filesystem::path &folder);
+
+// Makes the folder if it isn't there, and throws as require_trusted does. Another failure is left
+// to the first use of a file in it.
 void make_folder(const std::filesystem::path &folder);
 
 // Size of a video in pixels; 0 by 0 for a closed post.
