@@ -20,6 +20,7 @@ namespace
 
 namespace fs = std::filesystem;
 using sim_reader::fail;
+using sim_reader::size_text;
 
 struct Arguments {
     unsigned post = 0;
@@ -102,11 +103,6 @@ sim_reader::Post read_running_post(const Context &context, const Arguments &argu
     return post;
 }
 
-std::string size_text(unsigned width, unsigned height)
-{
-    return std::to_string(width) + 'x' + std::to_string(height);
-}
-
 // Fails unless the PNG file has the size of what `name` names.
 void require_size(const sim_reader::PngFile &png, const std::string &file, unsigned width,
                   unsigned height, const std::string &name)
@@ -128,9 +124,7 @@ sim_reader::Picture background(const Arguments &arguments, const sim_reader::Pos
 sim_reader::Picture compose(const Context &context, const Arguments &arguments)
 {
     const sim_reader::Post post = read_running_post(context, arguments);
-    if (std::uint64_t{post.width} * post.height > sim_reader::LARGEST_PICTURE)
-        fail(post_name(arguments),
-             "a picture of " + size_text(post.width, post.height) + " pixels is too large");
+    sim_reader::require_possible(post_name(arguments), post.width, post.height);
     sim_reader::Picture picture = background(arguments, post);
     sim_reader::lay_over(picture, post, sim_reader::read_palette(context.folder));
     if (arguments.guides) {

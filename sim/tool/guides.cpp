@@ -77,8 +77,7 @@ void draw_safe_frame(Picture &picture, const SafeSpace &safe)
 {
     const Area area = safe_area(safe, picture.width, picture.height);
     if (area.empty())
-        fail("--safe", "leaves nothing of " + std::to_string(picture.width) + 'x' +
-                           std::to_string(picture.height));
+        fail("--safe", "leaves nothing of " + size_text(picture.width, picture.height));
     draw_frame(picture, area, SAFE_COLOR);
 }
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -308,9 +309,19 @@ void make_folder(const fs::path &folder)
 
 std::string format_size(const Size &size)
 {
-    if (size.width == 0)
-        return "closed";
-    return std::to_string(size.width) + 'x' + std::to_string(size.height);
+    return size.width == 0 ? "closed" : size_text(size.width, size.height);
+}
+
+std::string size_text(std::uint64_t width, std::uint64_t height)
+{
+    return std::to_string(width) + 'x' + std::to_string(height);
+}
+
+std::string word_text(std::uint32_t word)
+{
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), "0x%08X", word);
+    return text.data();
 }
 
 std::optional<Size> read_size(const fs::path &folder, unsigned number)

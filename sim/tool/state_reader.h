@@ -80,6 +80,12 @@ struct Size {
 };
 std::string format_size(const Size &size);
 
+// "720x576", whatever the numbers.
+std::string size_text(std::uint64_t width, std::uint64_t height);
+
+// A resource ID, a handle or an errno, as the application's log tells it.
+std::string word_text(std::uint32_t word);
+
 // What a post thread is told to be; nothing for one that was never told, or in words that the
 // library doesn't understand. Throws std::runtime_error.
 std::optional<Size> read_size(const std::filesystem::path &folder, unsigned number);
