@@ -30,7 +30,7 @@ const char *sim_refuse_folder(const char *path)
     if (strcmp(path, own) != 0 || lstat(path, &status) != 0)
         return nullptr;
     if (!S_ISDIR(status.st_mode))
-        return "no folder";
+        return "no folder, or a link to one";
     return status.st_uid != getuid() ? "it belongs to another user" : nullptr;
 }
 

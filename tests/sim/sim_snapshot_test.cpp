@@ -432,14 +432,20 @@ TEST_F(SimSnapshot, guides_are_those_of_the_parameters_in_force)
     const Box string = {8, 2, 96, 10};
     const Box label = {8, 48, 64, 56};   // 50 pixels in a line of 56
     const Box time = {220, 48, 268, 56}; // 40 in a line of 48
-    const auto expected = [&](unsigned x, unsigned y) {
+    // What the guides frame, over the frame of these safe spaces.
+    const auto framed = [&](const Box &left, unsigned x, unsigned y) {
         if (string.has_on_edge(x, y))
             return RED;
         if (label.has_on_edge(x, y))
             return GREEN;
         if (time.has_on_edge(x, y))
             return YELLOW;
-        const Color below = safe.has_on_edge(x, y) ? MAGENTA : street_color(x, y);
+        return left.has_on_edge(x, y) ? MAGENTA : street_color(x, y);
+    };
+    const auto expected = [&](unsigned x, unsigned y) {
+        const Color below = framed(safe, x, y);
+        if (string.has_on_edge(x, y) || time.has_on_edge(x, y))
+            return below;
         if (string.has(x, y) && (x - 8) % 4 == 0)
             return over(below, {255, 64, 64, 128});
         if (time.has(x, y) && x <= 260 && (x - 220) % 4 == 0)
@@ -451,15 +457,7 @@ TEST_F(SimSnapshot, guides_are_those_of_the_parameters_in_force)
     const Box own = {1, 1, 299, 59};
     expect_pixels(
         snapshot_over_street({"--guides", "--safe", "1,1,1,1", "--cell", "300x60"}, 300, 60),
-        [&](unsigned x, unsigned y) {
-            if (string.has_on_edge(x, y))
-                return RED;
-            if (label.has_on_edge(x, y))
-                return GREEN;
-            if (time.has_on_edge(x, y))
-                return YELLOW;
-            return own.has_on_edge(x, y) ? MAGENTA : street_color(x, y);
-        });
+        [&](unsigned x, unsigned y) { return framed(own, x, y); });
 
     // An update may bring in safe spaces that no opening would take.
     support::write_file("/tmp/osd_tmp_param.txt", "[osd]\nOsdTVOutSafeSpaceUp=60\n");

@@ -177,7 +177,7 @@ TEST_F(DefaultFolder, that_is_a_link_is_refused)
 {
     fs::create_directory("/tmp/elsewhere");
     fs::create_directory_symlink("/tmp/elsewhere", own_);
-    expect_refusal("no folder");
+    expect_refusal("no folder, or a link to one");
     EXPECT_TRUE(fs::is_empty("/tmp/elsewhere"));
     fs::remove(own_);
     fs::remove("/tmp/elsewhere");
