@@ -138,11 +138,9 @@ void change(const fs::path &folder, const char *name, const Edit &edit, Parse pa
     if (locked.get() == -1 || flock(locked.get(), LOCK_EX) != 0)
         fail(folder, std::strerror(errno));
     const fs::path file = folder / name;
-    const std::string before = read(file);
-    const std::string text = edit(before);
+    const std::string text = edit(read(file));
     parse(file, text);
-    if (text != before)
-        sim_reader::write_file(file, text);
+    sim_reader::write_file(file, text);
 }
 
 } // namespace
