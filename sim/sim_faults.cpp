@@ -181,3 +181,16 @@ const char *sim_parse_fault(const char *line, sim_fault *fault)
         return "bad words behind the effect";
     return sim_has_post(fault->operation) ? nullptr : "the operation is no post's";
 }
+
+const char *sim_add_fault(const char *line, sim_fault *faults, std::size_t *count)
+{
+    if (*count == SIM_FAULTS)
+        return "too many faults";
+    const char *why = sim_parse_fault(line, &faults[*count]);
+    for (std::size_t i = 0; i < *count && !why; i++) {
+        if (faults[i].id == faults[*count].id)
+            why = "the ID is there already";
+    }
+    ++*count;
+    return why;
+}

@@ -86,3 +86,7 @@ constexpr std::size_t SIM_FAULT_LINE = 128;
 
 // Reads a line, with or without its line feed. NULL, or why it can't be understood.
 const char *sim_parse_fault(const char *line, sim_fault *fault);
+
+// Reads a line as the next of a list of `count` faults, which has room for SIM_FAULTS. NULL, or why
+// the list can't have it; the list is of no use then.
+const char *sim_add_fault(const char *line, sim_fault *faults, std::size_t *count);

@@ -1,10 +1,17 @@
 // Paths and texts of the state folder, for the library and the tools alike.
 #include "sim_state.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
+
+static void sim_get_own_folder(char *path)
+{
+    snprintf(path, SIM_PATH_SIZE, "/tmp/qm5sim-%u", static_cast<unsigned>(getuid()));
+}
 
 void sim_get_folder(char *path)
 {
@@ -12,8 +19,30 @@ void sim_get_folder(char *path)
     if (named && *named)
         snprintf(path, SIM_PATH_SIZE, "%s", named);
     else
-        snprintf(path, SIM_PATH_SIZE, "/tmp/qm5sim-%u", static_cast<unsigned>(getuid()));
+        sim_get_own_folder(path);
 }
+
+const char *sim_refuse_folder(const char *path)
+{
+    char own[SIM_PATH_SIZE];
+    struct stat status;
+    sim_get_own_folder(own);
+    if (strcmp(path, own) != 0 || lstat(path, &status) != 0)
+        return nullptr;
+    if (!S_ISDIR(status.st_mode))
+        return "no folder, or a link to one";
+    return status.st_uid != getuid() ? "it belongs to another user" : nullptr;
+}
+
+const char *sim_make_folder(const char *path)
+{
+    if (mkdir(path, SIM_FOLDER_MODE) != 0 && errno != EEXIST)
+        return strerror(errno);
+    return sim_refuse_folder(path); // somebody may have made it just before
+}
+
+const char *const sim_default_sizes[SIM_POSTS] = {"720x576\n", "1920x1080\n", "640x360\n",
+                                                  "1280x720\n"};
 
 // Reads digits up to SIM_LONGEST and passes over them; 0 for anything else.
 static std::uint32_t sim_parse_length(const char **text)

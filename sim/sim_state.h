@@ -14,8 +14,14 @@
 //   calls, calls.data   the record of calls, see sim_calls.h
 //   post0-osd0 ...      what each open OSD shows, as last set; line_bytes * height bytes at least
 //
-// Only the library writes `state` and the pixels. It makes `sequence` odd before and even after
-// each change, and a reader takes nothing that it read across a change of it. `settings` and
+// Post threads are there without a process too. While none has `state` locked, each is what its
+// file says, or has its default size without a file: if the record says another size, that thread
+// has ended with its OSDs, and the next process gives the new one a resource ID.
+//
+// Only the library writes the pixels; and only who has it locked writes `state`, which is the
+// library, or the tool while it ends a post thread that no process follows. The writer makes
+// `sequence` odd before and even after each change, and a reader takes nothing that it read across
+// a change of it. `settings` and
 // `faults` may be written at any time, whole, by a rename; `control` tells which of them are in
 // force: the library takes them up at each of its calls that belong to no post, and after
 // qm5_cl_post_set_notify within moments of a change. It takes up both or, if it can't understand
@@ -89,6 +95,14 @@ constexpr std::size_t SIM_PATH_SIZE = 4096;
 // The folder's path, into SIM_PATH_SIZE bytes.
 void sim_get_folder(char *path);
 
+// Why a folder of this path isn't to be used: at the path of the user's own, where anybody may make
+// one, there is another user's, or a link to who knows where. NULL for one that is good, isn't
+// there, or has been named.
+const char *sim_refuse_folder(const char *path);
+
+// Makes the folder if it isn't there. NULL, or why it can't be used.
+const char *sim_make_folder(const char *path);
+
 // The largest OSD in bytes, as 8192 by 8192 pixels of 8 bits; a larger one is refused.
 constexpr std::size_t SIM_LARGEST_OSD = std::size_t{64} << 20;
 
@@ -118,3 +132,6 @@ std::uint32_t sim_hash(const char *settings, std::size_t settings_size, const ch
 // Reads "WIDTHxHEIGHT" or "closed", which is a size of 0 by 0. False for anything else; a size is
 // 1 to SIM_LONGEST each way.
 bool sim_parse_size(const char *text, std::uint32_t *width, std::uint32_t *height);
+
+// What the posts' files say until somebody says otherwise: the TV output, two streams, the storage.
+extern const char *const sim_default_sizes[SIM_POSTS];

@@ -52,7 +52,7 @@ void sim_breach(sim_operation operation, const char *format, ...)
     strcat(line, "\n");
     sim_tell_breach(line, strlen(line));
     sim_settings setting = sim_setting;
-    if (sim || sim_make_folder() == 0) {
+    if (sim || sim_take_folder() == 0) {
         char path[SIM_PATH_SIZE];
         sim_get_path(path, "breaches");
         if (!sim_keep_breach(path, line, strlen(line)))

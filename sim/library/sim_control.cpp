@@ -12,19 +12,6 @@ sim_settings sim_setting = SIM_DEFAULT_SETTINGS;
 static sim_fault sim_faults[SIM_FAULTS];
 static std::size_t sim_fault_count_in_force;
 
-static const char *sim_add_fault(const char *line, sim_fault *faults, std::size_t *count)
-{
-    if (*count == SIM_FAULTS)
-        return "too many faults";
-    const char *why = sim_parse_fault(line, &faults[*count]);
-    for (std::size_t i = 0; i < *count && !why; i++) {
-        if (faults[i].id == faults[*count].id)
-            why = "the ID is there already";
-    }
-    ++*count;
-    return why;
-}
-
 // Faults that were there already go on counting.
 static void sim_take_faults(const sim_fault *faults, std::size_t count)
 {

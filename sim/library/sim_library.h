@@ -32,7 +32,7 @@ void sim_forget_osds();
 
 // Takes the state folder from the environment and makes it. -1 with errno for a failure. Only while
 // the library is down; sim_map_state does it too.
-int sim_make_folder();
+int sim_take_folder();
 
 // The state folder as it was then: later the application changes its environment while the
 // notification thread runs.

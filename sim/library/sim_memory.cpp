@@ -9,7 +9,6 @@
 #include <pthread.h>
 #include <sys/file.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 sim_state *sim;
@@ -135,7 +134,7 @@ static void sim_take_over_state()
     sim_forget_osds(); // ends the change
 }
 
-int sim_make_folder()
+int sim_take_folder()
 {
     constexpr std::size_t longest_name = sizeof "/post0-osd0";
     sim_get_folder(sim_folder_path);
@@ -143,9 +142,11 @@ int sim_make_folder()
         errno = ENAMETOOLONG;
         return sim_fail_system("state folder");
     }
-    if (mkdir(sim_folder_path, SIM_FOLDER_MODE) != 0 && errno != EEXIST)
-        return sim_fail_system(sim_folder_path);
-    return 0;
+    const char *why = sim_make_folder(sim_folder_path);
+    if (!why)
+        return 0;
+    fprintf(stderr, "qm5sim: %s: %s\n", sim_folder_path, why);
+    return sim_fail(SIM_ERROR_SYSTEM);
 }
 
 // The state file, locked; -1 with errno, after saying why.
@@ -173,7 +174,7 @@ static int sim_lock_state(const char *path)
 
 int sim_map_state()
 {
-    if (sim_make_folder() != 0)
+    if (sim_take_folder() != 0)
         return -1;
     char path[SIM_PATH_SIZE];
     sim_get_path(path, "state");

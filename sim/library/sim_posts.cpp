@@ -15,11 +15,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// Sizes of the outputs until somebody says otherwise: the TV output, two streams, the storage.
-static constexpr const char *sim_default_sizes[] = {"720x576\n", "1920x1080\n", "640x360\n",
-                                                    "1280x720\n"};
-static_assert(sizeof sim_default_sizes / sizeof *sim_default_sizes == SIM_POSTS);
-
 static qm5_cl_post_notify_function *sim_callback;
 static std::uint32_t sim_mask;
 static bool sim_announced[SIM_POSTS];

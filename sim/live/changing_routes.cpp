@@ -52,7 +52,7 @@ void change_frame(Call &call)
 {
     const unsigned post = post_of(call);
     const std::optional<sim_state> state = control_files::read_state(call.site.folder);
-    if (!state || state->post[post].res_id == 0)
+    if (!state || !sim_reader::has_thread(state->post[post]))
         throw ApiError(409, "post " + std::to_string(post) + ": it has no post thread");
     try {
         call.site.frames.put(post, call.body, state->post[post].width, state->post[post].height);

@@ -28,7 +28,7 @@ void send_state(Call &call)
 template <typename Read>
 auto read_now(const Call &call, Read read)
 {
-    if (!fs::exists(call.site.folder / "state"))
+    if (!fs::exists(call.site.folder))
         throw ApiError(409, "state: there is none yet");
     try {
         return read();
@@ -62,7 +62,7 @@ void send_background(Call &call)
     const unsigned post = post_of(call);
     const sim_post record =
         read_now(call, [&] { return sim_reader::read_state(call.site.folder).post[post]; });
-    if (record.res_id == 0)
+    if (!sim_reader::has_thread(record))
         throw ApiError(404, "post " + std::to_string(post) + ": it has no post thread");
     send_bytes(call, call.site.frames.background(post, record.width, record.height), "image/png");
 }

@@ -59,7 +59,7 @@ Json describe_settings(const sim_settings &settings)
 
 std::string format_state(const Facts &facts)
 {
-    const sim_state state = facts.state.value_or(sim_state{});
+    const sim_state &state = facts.shown;
     Json posts = Json::array();
     for (unsigned i = 0; i < SIM_POSTS; i++)
         posts.push_back(describe_post(facts, state.post[i], i));

@@ -169,6 +169,9 @@ void Watcher::note_sets(const sim_state &state)
 void Watcher::look_around()
 {
     facts_.device_open = is_device_open();
+    facts_.shown = facts_.state.value_or(sim_state{});
+    if (!facts_.device_open && fs::exists(folder_))
+        sim_reader::follow_sizes(folder_, facts_.shown);
     facts_.running = is_server_running();
     for (unsigned i = 0; i < SIM_POSTS; i++) {
         const std::optional<sim_reader::Size> wanted = sim_reader::read_size(folder_, i);

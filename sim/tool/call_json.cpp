@@ -50,13 +50,6 @@ Fields fields_of(std::uint32_t operation)
     }
 }
 
-std::string hexadecimal(std::uint32_t word)
-{
-    std::array<char, 16> text{};
-    std::snprintf(text.data(), text.size(), "0x%08X", word);
-    return text.data();
-}
-
 std::string hash_text(std::uint64_t hash)
 {
     std::array<char, 24> text{};
@@ -91,7 +84,7 @@ void add_fields(Json &line, const std::array<Field, SIZE> &fields, const std::ui
 {
     for (std::size_t i = 0; i < SIZE && fields[i].name; i++) {
         if (fields[i].is_word)
-            line[fields[i].name] = hexadecimal(values[i]);
+            line[fields[i].name] = sim_reader::word_text(values[i]);
         else
             line[fields[i].name] = values[i];
     }
@@ -110,7 +103,7 @@ Json describe(const call_reader::Calls &calls, std::uint64_t number, const sim_c
     add_fields(line, fields.argument, call.argument);
     line["result"] = call.result;
     if (call.result != 0)
-        line["errno"] = hexadecimal(call.error);
+        line["errno"] = sim_reader::word_text(call.error);
     else
         add_fields(line, fields.given, call.given);
     if (call.operation == SIM_SET_OSD)

@@ -1,5 +1,7 @@
 #include "call_reader.h"
 
+#include "file_io.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -14,6 +16,7 @@ namespace call_reader
 {
 
 namespace fs = std::filesystem;
+using sim_reader::size_text;
 
 // ---- Files --------------------------------------------------------------------------------------
 
@@ -239,11 +242,6 @@ private:
     std::array<std::uint32_t, SIM_POSTS> running_{};
 };
 
-std::string size_text(std::uint64_t width, std::uint64_t height)
-{
-    return std::to_string(width) + "x" + std::to_string(height);
-}
-
 void Rebuilt::apply(std::uint64_t number, const sim_call_record &call)
 {
     calls_.name_of(number, call);
@@ -399,19 +397,15 @@ sim_reader::Post rebuild_post(const fs::path &record, std::uint64_t last, unsign
 {
     Calls calls(record);
     Rebuilt rebuilt = rebuild(calls, last);
-    const auto fail = [&](const std::string &why) {
-        throw std::runtime_error("post " + std::to_string(number) + " at call " +
-                                 std::to_string(last) + ": " + why);
-    };
+    const std::string what = "post " + std::to_string(number) + " at call " + std::to_string(last);
     sim_reader::Post post;
     post.res_id = rebuilt.res_id(number);
     if (post.res_id == 0)
-        fail("it has no post thread");
+        sim_reader::fail(what, "it has no post thread");
     const RebuiltThread &thread = rebuilt.thread(post.res_id);
     if (thread.width == 0)
-        fail("its size isn't known");
-    if (std::uint64_t{thread.width} * thread.height > sim_reader::LARGEST_PICTURE)
-        fail("a picture of " + size_text(thread.width, thread.height) + " pixels is too large");
+        sim_reader::fail(what, "its size isn't known");
+    sim_reader::require_possible(what, thread.width, thread.height);
     post.width = thread.width;
     post.height = thread.height;
 

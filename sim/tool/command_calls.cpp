@@ -3,9 +3,11 @@
 
 #include "call_json.h"
 #include "call_reader.h"
+#include "scenario.h"
 
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstring>
 #include <functional>
@@ -62,8 +64,8 @@ void print_calls(const std::filesystem::path &file, std::uint64_t next)
 
 // ---- What is to come ----------------------------------------------------------------------------
 
-// Standard output, until SIGINT or SIGTERM comes or nobody reads it any more. No wait for a reader
-// that has stopped holds a signal up, and no line is left half written.
+// Standard output, until SIGINT or SIGTERM comes, which is taken, or nobody reads it any more. No
+// wait for a reader that has stopped holds a signal up, and no line is left half written.
 class Output
 {
 public:
@@ -73,16 +75,17 @@ public:
         sigemptyset(&ends);
         sigaddset(&ends, SIGINT);
         sigaddset(&ends, SIGTERM);
-        sigprocmask(SIG_BLOCK, &ends, nullptr);
-        signals_ = signalfd(-1, &ends, SFD_CLOEXEC);
+        signals_ = signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK);
         if (signals_ == -1)
             throw std::runtime_error(std::string("signals: ") + std::strerror(errno));
+        sigprocmask(SIG_BLOCK, &ends, &before_);
     }
     Output(const Output &) = delete;
     Output &operator=(const Output &) = delete;
     ~Output()
     {
         close(signals_);
+        sigprocmask(SIG_SETMASK, &before_, nullptr);
     }
 
     // Writes a line, which a pipe takes whole or not at all; false at the end.
@@ -112,10 +115,13 @@ private:
         std::array<pollfd, 2> wanted = {{{signals_, POLLIN, 0}, {STDOUT_FILENO, what, 0}}};
         while (poll(wanted.data(), wanted.size(), milliseconds) == -1 && errno == EINTR)
             continue;
-        return wanted[0].revents == 0 && (wanted[1].revents & (POLLERR | POLLHUP)) == 0;
+        signalfd_siginfo taken;
+        return read(signals_, &taken, sizeof taken) == -1 &&
+               (wanted[1].revents & (POLLERR | POLLHUP)) == 0;
     }
 
     int signals_ = -1;
+    sigset_t before_{};
 };
 
 // A record that calls are added to, and that begins anew with another server.
@@ -206,6 +212,20 @@ void calls(const Context &context, const Arguments &arguments)
 
 } // namespace
 
+CLI::Option *add_call_number(CLI::App *command, const std::string &name, std::uint64_t &call,
+                             const std::string &what)
+{
+    const auto refuse_others = [](const std::string &text) {
+        std::uint64_t number = 0;
+        const char *const last = text.data() + text.size();
+        const auto [end, error] = std::from_chars(text.data(), last, number);
+        return error == std::errc{} && end == last && number > 0
+                   ? std::string()
+                   : scenario::excerpt(text) + " is no number of a call";
+    };
+    return command->add_option(name, call, what)->check(refuse_others, "NUMBER", "");
+}
+
 void add_calls(CLI::App &app, Context &context)
 {
     const auto arguments = std::make_shared<Arguments>();
@@ -215,8 +235,7 @@ void add_calls(CLI::App &app, Context &context)
                     "          qm5sim calls --follow --from 100");
     command->add_flag("--follow", arguments->follow,
                       "go on as calls come, until SIGINT or SIGTERM");
-    command->add_option("--from", arguments->from, "number of the first call to print")
-        ->check(CLI::PositiveNumber);
+    add_call_number(command, "--from", arguments->from, "number of the first call to print");
     command->add_option("--file", arguments->file, "record to read, instead of the state folder's");
     command->callback([&context, arguments] {
         context.action = [&context, arguments] { calls(context, *arguments); };

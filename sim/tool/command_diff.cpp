@@ -1,6 +1,6 @@
 // qm5sim diff: tells where two runs of the application first call the codec library differently.
 // What differs between any two runs is no difference: times, what IDs happen to be given, and how
-// the calls of two threads fall between each other.
+// the calls of two threads, or on two posts, fall between each other.
 #include "commands.h"
 
 #include <algorithm>
@@ -97,7 +97,8 @@ class PostThreads
 public:
     void learn(const Json &call)
     {
-        if (call["call"] != "notify" || !call.contains("res_id") || !call.contains("post"))
+        if (call["call"] != "notify" || !call.contains("res_id") || !call.contains("post") ||
+            call.value("opened", Json(1)) == 0)
             return;
         const std::string post = call["post"].dump();
         const auto [place, is_new] = names_.try_emplace(call["res_id"].dump());
@@ -119,7 +120,7 @@ private:
     Numbers unknown_;
 };
 
-// What one thread of a run calls, in its order.
+// What one thread of a run calls on one post, or on none, in its order.
 struct Call {
     std::size_t line = 0;
     std::string text;    // as it is shown
@@ -155,24 +156,33 @@ private:
 
     void take(std::size_t line, Json call)
     {
-        call.erase("time");
-        call.erase("us");
+        for (const char *key : {"time", "us", "aux"})
+            call.erase(key);
         rename(call, "thread",
                [this](const Json &id) { return "thread " + std::to_string(threads_[id.dump()]); });
         rename(call, "res_id", [this](const Json &id) { return post_threads_.name(id); });
+        Numbers &handles = handles_[call.value("res_id", Json()).dump()];
         rename(call, "handle",
-               [this](const Json &id) { return "OSD " + std::to_string(handles_[id.dump()]); });
+               [&](const Json &id) { return "OSD " + std::to_string(handles[id.dump()]); });
 
-        const std::string thread = call.value("thread", "a thread without a name");
         nlohmann::json compare = call; // in which keys are sorted
         compare.erase("n");            // one run may be printed from a later call on
-        result_[thread].push_back({line, call.dump(), compare.dump()});
+        result_[caller_of(call)].push_back({line, call.dump(), compare.dump()});
+    }
+
+    // The application's calls on a post begin when its notice happens to be seen.
+    static std::string caller_of(const Json &call)
+    {
+        const std::string thread = call.value("thread", "a thread without a name");
+        if (call["call"] == "notify" || !call.contains("res_id"))
+            return thread;
+        return thread + " on " + call["res_id"].get<std::string>();
     }
 
     Threads result_;
     PostThreads post_threads_;
     Numbers threads_;
-    Numbers handles_;
+    std::map<std::string, Numbers> handles_; // of each post thread
 };
 
 // ---- Comparing ----------------------------------------------------------------------------------
@@ -256,10 +266,11 @@ void add_diff(CLI::App &app, Context &context)
     const auto arguments = std::make_shared<Arguments>();
     CLI::App *command = app.add_subcommand(
         "diff", "Tell where two runs of the application first call the codec library differently.");
-    command->footer(
-        "Each thread's calls are compared in their order, the runs' threads in that of their first "
-        "calls.\nExit status: 0 if they are equal, 1 if not.\n"
-        "Example: qm5sim diff before.jsonl after.jsonl");
+    command->footer("Each thread's calls on each post are compared in their order, the runs' "
+                    "threads in that of\n"
+                    "their first calls.\n"
+                    "Exit status: 0 if they are equal, 1 if not.\n"
+                    "Example: qm5sim diff before.jsonl after.jsonl");
     command->add_option("a", arguments->a, "calls of one run, as `qm5sim calls` prints them")
         ->required();
     command->add_option("b", arguments->b, "calls of the other run")->required();

@@ -1,6 +1,7 @@
 // qm5sim play: does what a scenario says, line by line at its times.
 #include "commands.h"
 
+#include "misuse.h"
 #include "program.h"
 #include "scenario.h"
 
@@ -90,7 +91,7 @@ Action read_command(const Words &words, Context &context, AddCommands add_comman
     };
     if (app.get_subcommands(is_meant).empty())
         throw CLI::ValidationError(scenario::excerpt(words.front()), "no command");
-    app.parse(Words(words.rbegin(), words.rend()));
+    parse(app, words);
     return std::exchange(context.action, nullptr);
 }
 
@@ -98,7 +99,7 @@ Action read_words(const Words &words, Context &context, AddCommands add_commands
 {
     if (words.front() == "run" || words.front() == "try")
         return read_program(words);
-    if (words.front() == "play")
+    if (words.front() == "play" || words.front() == "serve")
         throw CLI::ValidationError(words.front(), "not within a scenario");
     return read_command(words, context, add_commands);
 }
@@ -125,7 +126,9 @@ void do_step(const Step &step)
 {
     try {
         step.action();
-        std::cout.flush(); // for the next program may write there too
+        std::cout.flush();                // for the next program may write there too
+    } catch (const CLI::RuntimeError &) { // it has said all there is to say
+        throw;
     } catch (const std::exception &error) {
         throw std::runtime_error(step.place + ": " + error.what());
     }

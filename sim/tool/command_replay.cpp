@@ -37,9 +37,9 @@ void add_replay(CLI::App &app, Context &context)
     CLI::App *command = app.add_subcommand(
         "replay", "Write what a post showed after a recorded call as a PNG file.");
     command->footer("Example: qm5sim replay 120 then.png --post 0");
-    command->add_option("call", arguments->call, "number of the call, as `qm5sim calls` tells it")
-        ->required()
-        ->check(CLI::PositiveNumber);
+    add_call_number(command, "call", arguments->call,
+                    "number of the call, as `qm5sim calls` tells it")
+        ->required();
     command->add_option("png", arguments->png, "PNG file to write")->required();
     command->add_option("--post", arguments->post, "number of the post")
         ->required()

@@ -2,6 +2,7 @@
 // one.
 #include "commands.h"
 
+#include "application_guides.h"
 #include "file_io.h"
 #include "sim_reader.h"
 
@@ -19,6 +20,7 @@ namespace
 
 namespace fs = std::filesystem;
 using sim_reader::fail;
+using sim_reader::size_text;
 
 struct Arguments {
     unsigned post = 0;
@@ -60,20 +62,25 @@ std::optional<sim_reader::Cell> parse_cell(const std::string &text)
     return cell;
 }
 
-sim_reader::Guides parse_guides(const Arguments &arguments)
+// Puts what the words say in the place of what the guides are.
+void take_words(sim_reader::Guides &guides, const Arguments &arguments)
 {
-    sim_reader::Guides guides;
     if (arguments.safe) {
         guides.safe = parse_safe_space(*arguments.safe);
         if (!guides.safe)
             throw CLI::ValidationError("--safe " + *arguments.safe, "not UP,DOWN,LEFT,RIGHT");
     }
     if (arguments.cell) {
-        guides.cell = parse_cell(*arguments.cell);
-        if (!guides.cell)
+        guides.cells.fill(parse_cell(*arguments.cell));
+        if (!guides.cells.front())
             throw CLI::ValidationError("--cell " + *arguments.cell, "not WIDTHxHEIGHT");
     }
-    return guides;
+}
+
+void check_words(const Arguments &arguments)
+{
+    sim_reader::Guides guides;
+    take_words(guides, arguments);
 }
 
 // ---- Pictures -----------------------------------------------------------------------------------
@@ -91,15 +98,9 @@ std::string osd_name(const Arguments &arguments)
 sim_reader::Post read_running_post(const Context &context, const Arguments &arguments)
 {
     sim_reader::Post post = sim_reader::read_post(context.folder, arguments.post);
-    // It has no size in what a server has left in the middle of an opening.
-    if (post.res_id == 0 || post.width == 0 || post.height == 0)
+    if (!sim_reader::has_thread(post))
         fail(post_name(arguments), "it has no post thread");
     return post;
-}
-
-std::string size_text(unsigned width, unsigned height)
-{
-    return std::to_string(width) + 'x' + std::to_string(height);
 }
 
 // Fails unless the PNG file has the size of what `name` names.
@@ -122,15 +123,15 @@ sim_reader::Picture background(const Arguments &arguments, const sim_reader::Pos
 
 sim_reader::Picture compose(const Context &context, const Arguments &arguments)
 {
-    const sim_reader::Guides guides = parse_guides(arguments);
     const sim_reader::Post post = read_running_post(context, arguments);
-    if (std::uint64_t{post.width} * post.height > sim_reader::LARGEST_PICTURE)
-        fail(post_name(arguments),
-             "a picture of " + size_text(post.width, post.height) + " pixels is too large");
+    sim_reader::require_possible(post_name(arguments), post.width, post.height);
     sim_reader::Picture picture = background(arguments, post);
     sim_reader::lay_over(picture, post, sim_reader::read_palette(context.folder));
-    if (arguments.guides)
+    if (arguments.guides) {
+        sim_reader::Guides guides = sim_reader::application_guides(post, arguments.post);
+        take_words(guides, arguments);
         sim_reader::draw_guides(picture, post, guides);
+    }
     return picture;
 }
 
@@ -214,12 +215,15 @@ void snapshot(const Context &context, const Arguments &arguments)
 
 constexpr const char *FOOTER =
     "Pictures are in the palette in force, see qm5sim palette.\n"
-    "Guides frame each shown OSD, 0 red, 1 green, 2 blue, 3 yellow, and hatch what\n"
-    "two share; the frame of the safe space is magenta.\n"
+    "Guides frame each shown OSD, 0 red, 1 green, 2 blue, 3 yellow, divide it into the cells of\n"
+    "its text, and hatch what two share; the frame of what safe spaces leave is magenta. Cells "
+    "and\n"
+    "safe spaces are those of the application's parameters in force, unless words say others.\n"
     "A check fails for a pixel of another colour, with --osd also of another index.\n"
     "\n"
     "Examples: qm5sim snapshot 0 tvout.png\n"
     "          qm5sim snapshot 0 --over street.png tvout.png\n"
+    "          qm5sim snapshot 0 --guides tvout.png\n"
     "          qm5sim snapshot 0 --guides --safe 16,16,24,24 --cell 17x27 tvout.png\n"
     "          qm5sim snapshot 0 --osd 3 time.png\n"
     "          qm5sim snapshot 0 --check expected.png difference.png";
@@ -246,17 +250,18 @@ void add_snapshot(CLI::App &app, Context &context)
             ->add_option("--osd", arguments->osd, "this OSD alone, as a palette PNG of its depth")
             ->check(CLI::Range(0u, SIM_OSDS - 1));
     CLI::Option *guides =
-        command->add_flag("--guides", arguments->guides, "mark where the shown OSDs are");
-    option("--safe", arguments->safe, "UP,DOWN,LEFT,RIGHT", "mark what these margins leave too")
+        command->add_flag("--guides", arguments->guides, "mark OSDs, cells and safe spaces");
+    option("--safe", arguments->safe, "UP,DOWN,LEFT,RIGHT",
+           "margins to mark, in place of the safe spaces in force")
         ->needs(guides);
     option("--cell", arguments->cell, "WIDTHxHEIGHT",
-           "divide each OSD that is a row of such text cells too")
+           "cells to divide each OSD that is a row of them into, in place of those of its text")
         ->needs(guides);
     option("--check", arguments->reference, "PNG", "compare with this picture and write nothing");
     osd->excludes(over)->excludes(guides);
     command->callback([&context, arguments] {
         require_file(*arguments);
-        parse_guides(*arguments);
+        check_words(*arguments);
         context.action = [&context, arguments] { snapshot(context, *arguments); };
     });
 }

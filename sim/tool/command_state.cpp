@@ -6,7 +6,6 @@
 #include "state_json.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
@@ -42,28 +41,15 @@ std::string format_table(const std::vector<Row> &rows)
     return text;
 }
 
-std::string format_id(std::uint32_t id)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08X", id);
-    return text;
-}
-
-std::string format_pair(std::uint32_t one, char between, std::uint32_t other)
-{
-    return std::to_string(one) + between + std::to_string(other);
-}
-
 std::vector<Row> post_rows(const sim_state &state)
 {
     std::vector<Row> rows = {{"POST", "RESOURCE", "SIZE"}};
     for (unsigned i = 0; i < SIM_POSTS; i++) {
         const sim_post &post = state.post[i];
-        if (post.res_id == 0)
-            rows.push_back({std::to_string(i), "-", "closed"});
-        else
-            rows.push_back({std::to_string(i), format_id(post.res_id),
-                            format_pair(post.width, 'x', post.height)});
+        const bool open = sim_reader::has_thread(post);
+        rows.push_back({std::to_string(i),
+                        open && post.res_id != 0 ? sim_reader::word_text(post.res_id) : "-",
+                        open ? sim_reader::size_text(post.width, post.height) : "closed"});
     }
     return rows;
 }
@@ -72,14 +58,14 @@ Row osd_row(unsigned post, unsigned number, const sim_osd &osd)
 {
     return {std::to_string(post),
             std::to_string(number),
-            format_id(osd.handle),
+            sim_reader::word_text(osd.handle),
             std::to_string(sim_reader::bits_per_pixel(osd)),
-            format_pair(osd.width, 'x', osd.height),
+            sim_reader::size_text(osd.width, osd.height),
             std::to_string(osd.line_bytes),
             std::to_string(sim_reader::pixels_per_line(osd)),
             std::to_string(sim_reader::bytes_of_memory(osd)),
             osd.shown != 0 ? "yes" : "no",
-            format_pair(osd.x, ',', osd.y),
+            std::to_string(osd.x) + ',' + std::to_string(osd.y),
             std::to_string(osd.sets)};
 }
 
@@ -132,7 +118,9 @@ void print(const Context &context, const Arguments &arguments)
 constexpr const char *FOOTER =
     "Only open OSDs are listed. A line of an OSD holds at least the pixels of the requested "
     "width.\n"
-    "What a server that died has left stays in the state until the device is opened again.\n"
+    "Post threads are there before the first server and after the last one; a library gives each\n"
+    "its resource ID. What a server that died has left stays until the device is opened again, or\n"
+    "its post thread ends.\n"
     "\n"
     "Examples: qm5sim state\n"
     "          qm5sim state --json | jq '.posts[].osds[] | select(.shown)'";

@@ -41,4 +41,8 @@ void add_serve(CLI::App &app, Context &context);
 // Adds the number of a post as a command's next word.
 void add_post_number(CLI::App *command, unsigned &post);
 
+// Adds the number of a recorded call, 1 or more, under this name.
+CLI::Option *add_call_number(CLI::App *command, const std::string &name, std::uint64_t &call,
+                             const std::string &what);
+
 } // namespace commands

@@ -3,7 +3,7 @@
 #include "file_io.h"
 #include "sim_reader.h"
 
-#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -86,17 +86,14 @@ std::string join_words(const std::string &text)
 
 std::vector<Fault> parse_faults(const fs::path &file, const std::string &text)
 {
+    std::array<sim_fault, SIM_FAULTS> list{};
+    std::size_t count = 0;
     std::vector<Fault> faults;
-    take_lines(file, text, [&faults](const std::string &line) -> const char * {
-        if (faults.size() == SIM_FAULTS)
-            return "too many faults";
-        Fault fault{{}, join_words(line)};
-        const char *why = sim_parse_fault(line.c_str(), &fault.fault);
-        const bool known = std::any_of(faults.begin(), faults.end(), [&fault](const Fault &other) {
-            return other.fault.id == fault.fault.id;
-        });
-        faults.push_back(std::move(fault));
-        return why || !known ? why : "the ID is there already";
+    take_lines(file, text, [&](const std::string &line) {
+        const char *why = sim_add_fault(line.c_str(), list.data(), &count);
+        if (!why)
+            faults.push_back({list[count - 1], join_words(line)});
+        return why;
     });
     return faults;
 }
@@ -115,7 +112,7 @@ std::string replace_setting(const std::string &text, const std::string &line)
     std::string changed;
     bool placed = false;
     for (const std::string &old : split_lines(text)) {
-        if (says_nothing(old) || first_word(old) != first_word(line))
+        if (first_word(old) != first_word(line))
             changed += old + '\n';
         else if (!std::exchange(placed, true))
             changed += line + '\n';
@@ -175,15 +172,14 @@ bool is_in_force(const fs::path &folder)
 
 std::optional<sim_state> read_state(const fs::path &folder)
 {
-    if (!sim_reader::is_there(folder / "state"))
+    if (!sim_reader::is_there(folder))
         return std::nullopt;
     return sim_reader::read_state(folder);
 }
 
 void wait_until_in_force(const fs::path &folder, const std::string &what)
 {
-    if (!sim_reader::is_there(folder / "state") || is_in_force(folder) ||
-        !sim_reader::is_device_open(folder))
+    if (!sim_reader::is_device_open(folder) || is_in_force(folder))
         return;
     const auto end = std::chrono::steady_clock::now() + PATIENCE;
     while (!is_in_force(folder)) {

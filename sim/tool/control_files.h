@@ -40,7 +40,7 @@ void change_settings(const std::filesystem::path &folder, const Edit &edit);
 // A text of settings with this line in the place of the one of the same name.
 std::string replace_setting(const std::string &text, const std::string &line);
 
-// The record of the state file as one moment had it; none if there is no such file.
+// The state as one moment had it; none if there is no such folder.
 std::optional<sim_state> read_state(const std::filesystem::path &folder);
 
 // Waits until what the two files say is in force in the process that has the device open, if there

@@ -102,9 +102,12 @@ std::uint32_t add(const fs::path &folder, const std::string &words)
 
 bool remove(const fs::path &folder, std::uint32_t id)
 {
-    bool found = false;
+    const fs::path file = folder / "faults";
+    bool found = remove_line(file, control_files::read(file), id).has_value();
+    if (!found) // nor is the file written, by whose time the library sees a change
+        return false;
     control_files::change_faults(folder, [&](const std::string &text) {
-        const std::optional<std::string> rest = remove_line(folder / "faults", text, id);
+        const std::optional<std::string> rest = remove_line(file, text, id);
         found = rest.has_value();
         return rest.value_or(text);
     });

@@ -68,13 +68,16 @@ void draw_frame(Picture &picture, const Area &area, const Color &color)
     fill(picture, {area.right - 1, area.top, area.right, area.bottom}, color);
 }
 
+Area safe_area(const SafeSpace &safe, unsigned width, unsigned height)
+{
+    return {safe.left, safe.up, std::int64_t{width} - safe.right, std::int64_t{height} - safe.down};
+}
+
 void draw_safe_frame(Picture &picture, const SafeSpace &safe)
 {
-    const Area area = {safe.left, safe.up, std::int64_t{picture.width} - safe.right,
-                       std::int64_t{picture.height} - safe.down};
+    const Area area = safe_area(safe, picture.width, picture.height);
     if (area.empty())
-        fail("--safe", "leaves nothing of " + std::to_string(picture.width) + 'x' +
-                           std::to_string(picture.height));
+        fail("--safe", "leaves nothing of " + size_text(picture.width, picture.height));
     draw_frame(picture, area, SAFE_COLOR);
 }
 
@@ -116,12 +119,19 @@ void hatch_overlaps(Picture &picture, const Post &post)
 
 } // namespace
 
+bool leaves_something(const SafeSpace &safe, unsigned width, unsigned height)
+{
+    return !safe_area(safe, width, height).empty();
+}
+
 void draw_guides(Picture &picture, const Post &post, const Guides &guides)
 {
     if (guides.safe)
         draw_safe_frame(picture, *guides.safe);
-    for (unsigned i = 0; i < SIM_OSDS && guides.cell; i++)
-        draw_cells(picture, post.osd[i], *guides.cell, GUIDE_COLORS[i]);
+    for (unsigned i = 0; i < SIM_OSDS; i++) {
+        if (guides.cells[i])
+            draw_cells(picture, post.osd[i], *guides.cells[i], GUIDE_COLORS[i]);
+    }
     hatch_overlaps(picture, post);
     for (unsigned i = 0; i < SIM_OSDS; i++)
         draw_frame(picture, area_of(post.osd[i]), GUIDE_COLORS[i]);

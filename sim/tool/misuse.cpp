@@ -49,4 +49,16 @@ std::string describe(const CLI::ParseError &error)
     return text;
 }
 
+void parse(CLI::App &app, const std::vector<std::string> &words)
+{
+    try {
+        app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
+    } catch (const CLI::RequiredError &) {
+        const std::vector<std::string> rest = app.remaining(true);
+        if (rest.empty())
+            throw;
+        throw CLI::ExtrasError(rest);
+    }
+}
+
 } // namespace commands

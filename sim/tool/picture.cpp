@@ -1,9 +1,17 @@
 #include "picture.h"
 
+#include "file_io.h"
+
 #include <algorithm>
 
 namespace sim_reader
 {
+
+void require_possible(const std::string &what, unsigned width, unsigned height)
+{
+    if (std::uint64_t{width} * height > LARGEST_PICTURE)
+        fail(what, "a picture of " + size_text(width, height) + " pixels is too large");
+}
 
 // ---- Composing ----------------------------------------------------------------------------------
 

@@ -5,6 +5,7 @@
 #include "state_reader.h"
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace sim_reader
@@ -18,6 +19,9 @@ struct Picture {
 
 // In pixels. No real video is larger, and every pixel of a picture takes memory.
 constexpr std::uint64_t LARGEST_PICTURE = std::uint64_t{8192} * 8192;
+
+// Throws std::runtime_error for a larger one; `what` begins the text.
+void require_possible(const std::string &what, unsigned width, unsigned height);
 
 // One OSD by itself.
 struct IndexedPicture {

@@ -38,12 +38,16 @@ int main(int argc, char **argv)
     app.require_subcommand(1);
     app.add_option("--state", context.folder, "state folder of the simulated codec")
         ->envname("QM5SIM_STATE")
+        ->type_name("FOLDER")
         ->capture_default_str();
     add_commands(app, context);
     commands::add_play(app, context, add_commands);
     commands::add_serve(app, context);
     try {
-        app.parse(argc, argv);
+        commands::parse(app, {argv + 1, argv + argc});
+        if (context.folder.empty())
+            throw CLI::ValidationError("--state", "names no folder");
+        sim_reader::require_trusted(context.folder);
         context.action();
         if (!std::cout.flush())
             throw std::runtime_error("standard output: it can't be written");

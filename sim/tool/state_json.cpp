@@ -35,8 +35,9 @@ Json describe_post(unsigned number, const sim_post &post)
         if (post.osd[i].handle != 0)
             osds.push_back(describe_osd(i, post.osd[i]));
     }
-    return {{"number", number},    {"open", post.res_id != 0}, {"resource_id", post.res_id},
-            {"width", post.width}, {"height", post.height},    {"osds", osds}};
+    return {{"number", number},           {"open", sim_reader::has_thread(post)},
+            {"resource_id", post.res_id}, {"width", post.width},
+            {"height", post.height},      {"osds", osds}};
 }
 
 } // namespace state_json

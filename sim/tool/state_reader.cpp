@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -71,11 +72,20 @@ private:
     Descriptor file_;
 };
 
-// What `take` makes of a state that no change came across. One that its process has left in the
-// middle of a change, for it was killed, is taken as it stands.
+// Has no process ever had the device open?
+bool is_fresh(const fs::path &folder)
+{
+    std::error_code unknown; // the opening of the state tells it better
+    return fs::is_directory(folder, unknown) && !is_there(folder / "state");
+}
+
+// What `take` makes of a state that no change came across; an empty one of a fresh folder. One that
+// its process has left in the middle of a change, for it was killed, is taken as it stands.
 template <typename Take>
 auto take_still(const fs::path &folder, Take take)
 {
+    if (is_fresh(folder))
+        return take(sim_state{});
     const StateFile file(folder / "state");
     for (int attempt = 0; attempt < ATTEMPTS; attempt++) {
         const std::uint32_t before = file.sequence();
@@ -104,22 +114,55 @@ void check_osd(const fs::path &folder, unsigned post, unsigned number, const sim
              "damaged: OSD " + std::to_string(number) + " of post " + std::to_string(post));
 }
 
+// ---- Posts that no process follows --------------------------------------------------------------
+
+fs::path size_file(const fs::path &folder, unsigned post)
+{
+    return folder / ("post" + std::to_string(post));
+}
+
+// Brings a post to what its file says. One that says nothing to be understood, as while somebody is
+// about to write it, changes nothing.
+template <typename AnyPost>
+void follow_size(const fs::path &folder, unsigned number, AnyPost &post)
+{
+    const std::optional<std::string> text = read_file_if_there(size_file(folder, number));
+    const Size own = {post.width, post.height};
+    Size size = own;
+    sim_parse_size(text ? text->c_str() : sim_default_sizes[number], &size.width, &size.height);
+    if (size == own)
+        return;
+    post = {};
+    post.width = size.width;
+    post.height = size.height;
+}
+
 } // namespace
+
+void follow_sizes(const fs::path &folder, sim_state &state)
+{
+    for (unsigned i = 0; i < SIM_POSTS; i++)
+        follow_size(folder, i, state.post[i]);
+}
 
 sim_state read_state(const fs::path &folder)
 {
-    const sim_state state = take_still(folder, [](const sim_state &read) { return read; });
+    sim_state state = take_still(folder, [](const sim_state &read) { return read; });
     for (unsigned i = 0; i < SIM_POSTS; i++) {
         check_size(folder, i, state.post[i].width, state.post[i].height);
         for (unsigned j = 0; j < SIM_OSDS; j++)
             check_osd(folder, i, j, state.post[i].osd[j]);
     }
+    if (!is_device_open(folder))
+        follow_sizes(folder, state);
     return state;
 }
 
 bool is_device_open(const fs::path &folder)
 {
     const fs::path path = folder / "state";
+    if (!is_there(path))
+        return false;
     const int fd = open_state(path);
     const int error = flock(fd, LOCK_SH | LOCK_NB) == 0 ? 0 : errno;
     close(fd); // at once: while it is held, no process can open the device
@@ -132,11 +175,6 @@ bool is_device_open(const fs::path &folder)
 
 namespace
 {
-
-fs::path size_file(const fs::path &folder, unsigned post)
-{
-    return folder / ("post" + std::to_string(post));
-}
 
 fs::path pixel_file(const fs::path &folder, unsigned post, unsigned osd)
 {
@@ -157,24 +195,21 @@ std::vector<std::uint8_t> read_pixels(const fs::path &path, std::uint64_t size)
     return pixels;
 }
 
-Osd copy_osd(const fs::path &folder, const sim_osd &record, unsigned post, unsigned number)
-{
-    Osd osd;
-    osd.record = record;
-    if (osd.record.shown != 0)
-        osd.pixels = read_pixels(pixel_file(folder, post, number), bytes_of_memory(osd.record));
-    return osd;
-}
-
-Post copy_post(const fs::path &folder, const sim_state &state, unsigned number)
+// With the pixels of the OSD `only`, or of all.
+Post copy_post(const fs::path &folder, const sim_state &state, unsigned number,
+               std::optional<unsigned> only)
 {
     const sim_post &record = state.post[number];
     Post post;
     post.res_id = record.res_id;
     post.width = record.width;
     post.height = record.height;
-    for (unsigned i = 0; i < SIM_OSDS; i++)
-        post.osd[i] = copy_osd(folder, record.osd[i], number, i);
+    for (unsigned i = 0; i < SIM_OSDS; i++) {
+        Osd &osd = post.osd[i];
+        osd.record = record.osd[i];
+        if (osd.record.shown != 0 && only.value_or(i) == i)
+            osd.pixels = read_pixels(pixel_file(folder, number, i), bytes_of_memory(osd.record));
+    }
     return post;
 }
 
@@ -185,25 +220,30 @@ void require_whole(const fs::path &folder, const Osd &osd, unsigned post, unsign
         fail(pixel_file(folder, post, number), "not all pixels of the OSD are there");
 }
 
+Post read_post_with(const fs::path &folder, unsigned number, std::optional<unsigned> only)
+{
+    Post post = take_still(
+        folder, [&](const sim_state &state) { return copy_post(folder, state, number, only); });
+    check_size(folder, number, post.width, post.height);
+    if (!is_device_open(folder))
+        follow_size(folder, number, post);
+    for (unsigned i = 0; i < SIM_OSDS; i++) {
+        if (only.value_or(i) == i)
+            require_whole(folder, post.osd[i], number, i);
+    }
+    return post;
+}
+
 } // namespace
 
 Post read_post(const fs::path &folder, unsigned number)
 {
-    Post post = take_still(
-        folder, [&](const sim_state &state) { return copy_post(folder, state, number); });
-    check_size(folder, number, post.width, post.height);
-    for (unsigned i = 0; i < SIM_OSDS; i++)
-        require_whole(folder, post.osd[i], number, i);
-    return post;
+    return read_post_with(folder, number, std::nullopt);
 }
 
 Osd read_osd(const fs::path &folder, unsigned post, unsigned number)
 {
-    Osd osd = take_still(folder, [&](const sim_state &state) {
-        return copy_osd(folder, state.post[post].osd[number], post, number);
-    });
-    require_whole(folder, osd, post, number);
-    return osd;
+    return read_post_with(folder, post, number).osd.at(number);
 }
 
 unsigned bits_per_pixel(const sim_osd &osd)
@@ -255,16 +295,33 @@ fs::path default_folder()
     return path.data();
 }
 
+void require_trusted(const fs::path &folder)
+{
+    if (const char *why = sim_refuse_folder(folder.c_str()))
+        fail(folder, why);
+}
+
 void make_folder(const fs::path &folder)
 {
-    mkdir(folder.c_str(), SIM_FOLDER_MODE);
+    sim_make_folder(folder.c_str());
+    require_trusted(folder); // somebody may have made it just before
 }
 
 std::string format_size(const Size &size)
 {
-    if (size.width == 0)
-        return "closed";
-    return std::to_string(size.width) + 'x' + std::to_string(size.height);
+    return size.width == 0 ? "closed" : size_text(size.width, size.height);
+}
+
+std::string size_text(std::uint64_t width, std::uint64_t height)
+{
+    return std::to_string(width) + 'x' + std::to_string(height);
+}
+
+std::string word_text(std::uint32_t word)
+{
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), "0x%08X", word);
+    return text.data();
 }
 
 std::optional<Size> read_size(const fs::path &folder, unsigned number)
@@ -276,10 +333,61 @@ std::optional<Size> read_size(const fs::path &folder, unsigned number)
     return size;
 }
 
+namespace
+{
+
+// Has this process the state's lock? Not while another one has the device open; that somebody looks
+// whether one has doesn't last.
+bool lock_state(const fs::path &folder, int fd)
+{
+    while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK || is_device_open(folder))
+            return false;
+        std::this_thread::sleep_for(PACE);
+    }
+    return true;
+}
+
+// Writes a part of the record to its place in the file.
+template <typename Part>
+void write_part(const fs::path &path, int fd, const sim_state &state, const Part &part)
+{
+    const auto at = reinterpret_cast<const char *>(&part) - reinterpret_cast<const char *>(&state);
+    if (pwrite(fd, &part, sizeof part, at) != sizeof part)
+        fail(path, std::strerror(errno));
+}
+
+// Takes a thread that ends while no process follows its post out of the record. It would come back
+// otherwise, with what a server that died has left on it, once the file says its size again.
+void end_thread(const fs::path &folder, unsigned number, const Size &size)
+{
+    const fs::path path = folder / "state";
+    const Descriptor file(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
+    if (file.get() == -1 || !lock_state(folder, file.get()))
+        return;
+    sim_state state;
+    if (pread(file.get(), &state, sizeof state, 0) != sizeof state || state.magic != SIM_MAGIC ||
+        state.version != SIM_VERSION) // the next process makes it anew
+        return;
+    sim_post &post = state.post[number];
+    if (Size{post.width, post.height} == size)
+        return;
+    post = {};
+    state.sequence |= 1;
+    write_part(path, file.get(), state, state.sequence);
+    write_part(path, file.get(), state, post);
+    state.sequence++;
+    write_part(path, file.get(), state, state.sequence);
+}
+
+} // namespace
+
 void write_size(const fs::path &folder, unsigned number, unsigned width, unsigned height)
 {
+    const Size size = {width, height};
     make_folder(folder);
-    write_file(size_file(folder, number), format_size({width, height}) + '\n');
+    write_file(size_file(folder, number), format_size(size) + '\n');
+    end_thread(folder, number, size);
 }
 
 } // namespace sim_reader

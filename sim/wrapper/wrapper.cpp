@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
-#include <sys/stat.h>
 
 static sim_codec_table wrapper_passed; // the other library's
 static bool wrapper_is_up;
@@ -103,8 +102,11 @@ static void wrapper_start_record()
     char folder[SIM_PATH_SIZE];
     sim_settings settings = SIM_DEFAULT_SETTINGS;
     sim_get_folder(folder);
-    if (mkdir(folder, SIM_FOLDER_MODE) != 0 && errno != EEXIST)
-        wrapper_fail(folder, strerror(errno));
+    if (const char *why = sim_make_folder(folder)) {
+        wrapper_fail(folder, why);
+        sim_record_stop();
+        return;
+    }
     sim_read_settings(folder, &settings);
     sim_record_start(folder, settings.record_limit);
 }

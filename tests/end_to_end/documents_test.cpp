@@ -129,6 +129,32 @@ void run_block(const Block &block)
     }
 }
 
+// As long as it lives, the clock of the application stands: pictures show always the same time.
+class StandingClock
+{
+public:
+    StandingClock()
+    {
+        support::write_file(CLOCK, "1830256496\n"); // 2027-12-31 12:34:56 UTC
+        setenv("QM5OSD_TEST_CLOCK", CLOCK, 1);
+        setenv("LD_PRELOAD", QM5OSD_FIXED_CLOCK, 1);
+        setenv("ASAN_OPTIONS", (options_ + ":verify_asan_link_order=0").c_str(), 1);
+    }
+    StandingClock(const StandingClock &) = delete;
+    StandingClock &operator=(const StandingClock &) = delete;
+    ~StandingClock()
+    {
+        setenv("ASAN_OPTIONS", options_.c_str(), 1);
+        unsetenv("LD_PRELOAD");
+        unsetenv("QM5OSD_TEST_CLOCK");
+        fs::remove(CLOCK);
+    }
+
+private:
+    static constexpr const char *CLOCK = "/tmp/clock";
+    const std::string options_ = getenv("ASAN_OPTIONS") ? getenv("ASAN_OPTIONS") : "";
+};
+
 class Documents : public support::ApplicationTest
 {
 protected:
@@ -165,9 +191,30 @@ protected:
     }
 };
 
+// Is a picture that a document shows the one that its examples have made, pixel by pixel?
+// QM5OSD_WRITE_REFERENCES=1 in the environment puts the examples' in its place instead, to be
+// looked at.
+void expect_made(const std::string &name)
+{
+    const fs::path made = fs::path(FOLDER) / name;
+    const fs::path shown = fs::path(QM5OSD_DOCS) / "pictures" / name;
+    if (getenv("QM5OSD_WRITE_REFERENCES")) {
+        fs::copy_file(made, shown, fs::copy_options::overwrite_existing);
+        ADD_FAILURE() << shown << " is written anew";
+    }
+    const sim_reader::Picture one = sim_reader::PngFile(made).read_picture();
+    const sim_reader::Picture other = sim_reader::PngFile(shown).read_picture();
+    EXPECT_EQ(one.width, other.width) << name;
+    EXPECT_EQ(one.height, other.height) << name;
+    EXPECT_TRUE(one.rgb == other.rgb) << name << " is another picture";
+}
+
 TEST_F(Documents, examples_of_the_simulator_are_true)
 {
-    check("simulator.md", 12);
+    const StandingClock clock;
+    check("simulator.md", 16);
+    for (const char *name : {"tvout.png", "guides.png", "difference.png"})
+        expect_made(name);
 }
 
 TEST_F(Documents, examples_of_the_architecture_are_true)

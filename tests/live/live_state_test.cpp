@@ -142,6 +142,7 @@ TEST_F(LiveState, tells_of_a_state_that_was_left_in_the_middle_of_a_change)
     ASSERT_EQ(flock(device.get(), LOCK_EX), 0);
     codec.state.sequence = 9;
     codec.state.post[1].width = 320;
+    write_file(state_ + "/post1", "320x360\n");
     ASSERT_EQ(pwrite(device.get(), &codec.state, sizeof codec.state, 0), sizeof codec.state);
     EXPECT_EQ(get_json("/api/state")["posts"][1]["width"], 640);
     ASSERT_EQ(flock(device.get(), LOCK_UN), 0);
@@ -172,6 +173,25 @@ TEST_F(LiveState, survives_a_state_that_is_cut_off_again_and_again)
     cutter.request_stop();
     cutter.join();
     EXPECT_EQ(get_json("/api/state")["posts"][0]["width"], 1024);
+}
+
+TEST_F(LiveState, follows_posts_that_no_server_follows)
+{
+    fs::create_directory(state_);
+    serve();
+    EXPECT_EQ(get_json("/api/state")["posts"][1]["width"], 1920) << "as it is without a word";
+    change_json("PUT", "/api/posts/1", {{"size", "320x180"}});
+    const Json post = get_json("/api/state")["posts"][1];
+    EXPECT_EQ(post["open"], true);
+    EXPECT_EQ(post["width"], 320);
+    EXPECT_EQ(post["height"], 180);
+    EXPECT_EQ(post["resource_id"], 0);
+    const Answer background = get("/api/posts/1/background");
+    EXPECT_EQ(background.status, 200);
+    EXPECT_EQ(background.body,
+              sim_reader::encode_png(sim_reader::test_pattern(320, 180), "background"));
+    change_json("PUT", "/api/posts/1", {{"size", "closed"}});
+    EXPECT_EQ(get_json("/api/state")["posts"][1]["open"], false);
 }
 
 // ---- With the application -----------------------------------------------------------------------

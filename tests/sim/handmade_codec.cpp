@@ -71,6 +71,9 @@ void HandmadeCodec::save() const
 {
     fs::create_directory(folder_);
     write_file(state_file(), {reinterpret_cast<const char *>(&state), sizeof state});
+    for (unsigned i = 0; i < SIM_POSTS; i++)
+        write_file(folder_ + "/post" + std::to_string(i),
+                   sim_reader::format_size({state.post[i].width, state.post[i].height}) + '\n');
 }
 
 std::string HandmadeCodec::pixel_file(unsigned post, unsigned number) const

@@ -38,7 +38,7 @@ public:
     // The bytes that the OSD shows.
     void draw(unsigned post, unsigned number, const std::vector<std::uint8_t> &pixels) const;
 
-    // Writes the record.
+    // Writes the record, and the posts' files of the same sizes.
     void save() const;
 
     std::string pixel_file(unsigned post, unsigned number) const;

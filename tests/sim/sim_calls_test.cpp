@@ -307,8 +307,8 @@ TEST_F(SimCalls, has_its_manners)
     for (const char *number : {"0", "-1", "1.5", "x", ""}) {
         const Ended ended = sim({"calls", "--from", number});
         EXPECT_EQ(ended.status, 2) << number;
-        EXPECT_EQ(ended.err.rfind("qm5sim: ", 0), 0u) << ended.err;
-        EXPECT_NE(ended.err.find("--from"), std::string::npos) << ended.err;
+        EXPECT_EQ(ended.err,
+                  std::string("qm5sim: --from: ") + number + " is no number of a call\n");
         EXPECT_EQ(ended.out, "");
     }
     const Ended help = sim({"calls", "--help"});
@@ -334,6 +334,19 @@ TEST_F(SimCalls, follows_calls_as_they_come_until_a_signal)
         EXPECT_EQ(ended.status, 0);
         EXPECT_EQ(ended.err, "");
         EXPECT_EQ(ended.out, all);
+    }
+}
+
+TEST_F(SimCalls, follow_in_a_scenario_takes_its_signal_and_leaves_the_next_to_the_play)
+{
+    for (const int signal : {SIGINT, SIGTERM}) {
+        write_file(CALLS, record_of({init_by(1)}));
+        write_file("/tmp/codec/scenario", "0 calls --follow\n0 run echo next\n1000 run true\n");
+        Process process(sim_words({"play", "/tmp/codec/scenario"}));
+        EXPECT_TRUE(writes(process, init_line(1, 1)));
+        kill(process.pid(), signal);
+        EXPECT_TRUE(writes(process, init_line(1, 1) + "next\n"));
+        EXPECT_EQ(end(process, signal).status, 128 + signal);
     }
 }
 

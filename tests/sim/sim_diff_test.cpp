@@ -56,6 +56,8 @@ TEST_F(SimDiff, leaves_out_ids_times_durations_and_threads)
         call.time += 5000000000;
         call.duration *= 3;
         call.thread += 40;
+        if (call.operation == SIM_OPEN_OSD)
+            call.given[1] = 0xB0001234; // what no application looks at
     }
     save(A, some_calls(0x50000001, 0x60000001));
     save(B, other);
@@ -83,7 +85,7 @@ TEST_F(SimDiff, shows_the_first_difference_normalised_and_both_counts)
     EXPECT_EQ(ended.err, "");
     const std::string same =
         ": {\"n\":6,\"thread\":\"thread 1\",\"call\":\"set_osd\","
-        "\"res_id\":\"thread 1 of post 0\",\"handle\":\"OSD 2\",\"x\":16,\"y\":32,"
+        "\"res_id\":\"thread 1 of post 0\",\"handle\":\"OSD 1\",\"x\":16,\"y\":32,"
         "\"result\":0,\"hash\":";
     EXPECT_EQ(ended.out, "/tmp/codec/a.jsonl:6" + same + "\"0000000000001234\"}\n" +
                              "/tmp/codec/b.jsonl:6" + same + "\"0000000000001235\"}\n" +
@@ -154,6 +156,44 @@ TEST_F(SimDiff, leaves_out_how_the_calls_of_two_threads_fall_between_each_other)
     EXPECT_EQ(diff().status, 1);
 }
 
+TEST_F(SimDiff, leaves_out_how_the_calls_on_two_posts_fall_between_each_other)
+{
+    const CallList first = {call_of(SIM_THREAD_GET_STATUS, {0x50000001}, {720, 576}),
+                            call_of(SIM_OPEN_OSD, {0x50000001, 0, 16, 4, 2}, {0x60000001, 0, 16})};
+    const CallList second = {call_of(SIM_THREAD_GET_STATUS, {0x50000002}, {640, 360}),
+                             call_of(SIM_OPEN_OSD, {0x50000002, 0, 16, 4, 2}, {0x60000002, 0, 16})};
+    const CallList notices = {notify(0x50000001, 0, 1), notify(0x50000002, 1, 1)};
+    const auto save_run = [&notices](const char *path, const CallList &one, const CallList &other) {
+        CallList run = notices;
+        run.insert(run.end(), one.begin(), one.end());
+        run.insert(run.end(), other.begin(), other.end());
+        save(path, run);
+    };
+    save_run(A, first, second);
+    save_run(B, second, first);
+    EXPECT_TRUE(equal());
+    save_run(B, second, {first[1], first[0]});
+    EXPECT_EQ(diff().status, 1) << "on one post they have their order";
+    save_run(B, second, {first[0]});
+    const std::string out = diff().out;
+    EXPECT_NE(out.find("/tmp/codec/b.jsonl: no further call of thread 2 on thread 1 of post 0\n"),
+              std::string::npos)
+        << out;
+}
+
+TEST_F(SimDiff, counts_no_thread_for_a_notice_of_an_end)
+{
+    const sim_call_record status = call_of(SIM_THREAD_GET_STATUS, {0x50000002}, {640, 360});
+    save(A, {notify(0x50000001, 0, 1), notify(0, 0, 0), notify(0x50000002, 0, 1), status});
+    CallList other = {notify(0x50000001, 0, 1), notify(0, 0, 0), notify(0x50000002, 0, 1), status};
+    other[3].given[0] = 641;
+    save(B, other);
+    const std::string out = diff().out;
+    EXPECT_NE(out.find("\"res_id\":\"thread 2 of post 0\",\"result\":0,\"width\":641"),
+              std::string::npos)
+        << out;
+}
+
 TEST_F(SimDiff, shows_the_earliest_of_the_threads_differences)
 {
     CallList calls = {call_of(SIM_LIBRARY_INIT), notify(0x50000001, 0, 1),
@@ -177,7 +217,7 @@ TEST_F(SimDiff, keeps_the_word_for_no_id)
                           "\"call\":\"notify\",\"res_id\":\"0x00000000\",\"post\":0,\"opened\":0,"
                           "\"result\":0}\n"
                           "/tmp/codec/b.jsonl:2: {\"n\":2,\"thread\":\"thread 1\","
-                          "\"call\":\"notify\",\"res_id\":\"thread 2 of post 0\",\"post\":0,"
+                          "\"call\":\"notify\",\"res_id\":\"post thread 1\",\"post\":0,"
                           "\"opened\":0,\"result\":0}\n"
                           "/tmp/codec/a.jsonl: 2 calls\n"
                           "/tmp/codec/b.jsonl: 2 calls\n");

@@ -138,6 +138,8 @@ TEST_F(FaultCommand, adds_at_the_same_time_lose_none)
 
 TEST_F(FaultCommand, remove_takes_one_line_and_clear_takes_all)
 {
+    expect_failure({"fault", "remove", "1"}, 1, "fault 1: there is none");
+    EXPECT_FALSE(fs::exists(FAULTS)) << "nothing has changed";
     write_state_file("faults", "; wear\n1 set_osd every  vanish\n\n2 open_osd next fail gone1\n");
     EXPECT_EQ(good({"fault", "remove", "1"}), "");
     EXPECT_EQ(read_file(FAULTS), "; wear\n\n2 open_osd next fail gone1\n");

@@ -242,7 +242,9 @@ TEST_F(SimPlay, whole_file_is_checked_before_anything_is_done)
     expect_refused("1 try", "try: no program");
     expect_refused("1 run \"\" true", "run: no program");
     expect_refused("1 play /tmp/play/scenario", "play: not within a scenario");
+    expect_refused("1 serve", "serve: not within a scenario");
     expect_refused("1 bogus", "bogus: no command");
+    expect_refused("1 post 0 bogus", "bogus: it was not expected");
     expect_refused("1 --state /tmp post 0 close", "--state: no command");
     expect_refused("1 post 0 open big", "big: not WIDTHxHEIGHT");
     expect_refused("1 post 4 close", "post: Value 4 not in range 0 to 3");
@@ -314,6 +316,22 @@ TEST_F(SimPlay, failure_ends_the_play)
     expect_failure("0 try /tmp/play x", "/tmp/play: Permission denied");
     expect_failure("0 snapshot 0 /tmp/x.png", "/tmp/codec/state: No such file or directory");
     expect_failure("0 clock", "time zone block: none");
+}
+
+TEST_F(SimPlay, difference_ends_the_play_by_what_it_tells)
+{
+    support::write_file(in_folder("a"), "{\"call\":\"library_init\"}\n");
+    support::write_file(in_folder("b"), "{\"call\":\"library_exit\"}\n");
+    const Ended ended = play("0 diff /tmp/play/a /tmp/play/a\n"
+                             "0 diff /tmp/play/a /tmp/play/b\n"
+                             "0 run touch /tmp/play/done\n");
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.err, "");
+    EXPECT_EQ(ended.out, "/tmp/play/a:1: {\"call\":\"library_init\"}\n"
+                         "/tmp/play/b:1: {\"call\":\"library_exit\"}\n"
+                         "/tmp/play/a: 1 call\n"
+                         "/tmp/play/b: 1 call\n");
+    EXPECT_FALSE(exists("done"));
 }
 
 TEST_F(SimPlay, failure_of_a_program_that_is_tried_does_not_matter)

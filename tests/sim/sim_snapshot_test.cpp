@@ -17,6 +17,7 @@ namespace
 namespace fs = std::filesystem;
 using sim_reader::Color;
 using sim_reader::Picture;
+using support::count_shown;
 using support::Ended;
 using support::Words;
 
@@ -189,6 +190,28 @@ TEST_F(SimSnapshot, lies_over_the_test_pattern)
         const auto grey = static_cast<std::uint8_t>(x * 255 / 80);
         return {grey, grey, grey, 255};
     });
+}
+
+TEST_F(SimSnapshot, before_any_server_is_the_test_pattern_of_the_size_that_the_post_was_told)
+{
+    expect_silent_success({"post", "0", "open", "80x8"});
+    expect_silent_success({"snapshot", "0", out("shown.png")});
+    const Picture pattern = sim_reader::test_pattern(80, 8);
+    const Png png = read_png(out("shown.png"));
+    EXPECT_EQ(png.width, 80u);
+    EXPECT_EQ(png.samples, pattern.rgb);
+    expect_silent_success({"post", "0", "close"});
+    expect_failure({"snapshot", "0", out("x.png")}, 1, "qm5sim: post 0: it has no post thread\n");
+}
+
+TEST_F(SimSnapshot, osds_of_a_dead_server_go_with_their_post_thread)
+{
+    show_four_pixels();
+    expect_silent_success({"post", "0", "resize", "80x8"});
+    expect_silent_success({"snapshot", "0", out("shown.png")});
+    EXPECT_EQ(read_png(out("shown.png")).samples, sim_reader::test_pattern(80, 8).rgb);
+    expect_failure({"snapshot", "0", out("x.png"), "--osd", "1"}, 1,
+                   "qm5sim: OSD 1 of post 0: it is not open\n");
 }
 
 TEST_F(SimSnapshot, lies_over_a_given_picture)
@@ -392,6 +415,70 @@ TEST_F(SimSnapshot, guides_divide_rows_of_text_cells_and_nothing_else)
             return GREEN;
         return higher.has_on_edge(x, y) ? BLUE : street_color(x, y);
     });
+}
+
+TEST_F(SimSnapshot, guides_are_those_of_the_parameters_in_force)
+{
+    codec_.open_post(0, 300, 60);
+    codec_.show_osd(0, 0, {.color_type = 2, .width = 22 * 4, .height = 8, .x = 8, .y = 2});
+    codec_.show_osd(0, 1, {.color_type = 1, .width = 50, .height = 8, .x = 8, .y = 48}); // off
+    codec_.show_osd(0, 3, {.color_type = 0, .width = 40, .height = 8, .x = 220, .y = 48});
+    codec_.save();
+    support::write_file("/tmp/osd_tmp_param.txt",
+                        "[osd]\nOsdTVOutSafeSpaceUp=2\nOsdTVOutSafeSpaceDown=4\n"
+                        "OsdTVOutSafeSpaceLeft=8\nOsdTVOutSafeSpaceRight=16\n"
+                        "Post0StringOn=1\nPost0TypeOn=0\nPost0DateOn=1\nPost0TimeOn=1\n");
+    const Box safe = {8, 2, 300 - 16, 60 - 4};
+    const Box string = {8, 2, 96, 10};
+    const Box label = {8, 48, 64, 56};   // 50 pixels in a line of 56
+    const Box time = {220, 48, 268, 56}; // 40 in a line of 48
+    // What the guides frame, over the frame of these safe spaces.
+    const auto framed = [&](const Box &left, unsigned x, unsigned y) {
+        if (string.has_on_edge(x, y))
+            return RED;
+        if (label.has_on_edge(x, y))
+            return GREEN;
+        if (time.has_on_edge(x, y))
+            return YELLOW;
+        return left.has_on_edge(x, y) ? MAGENTA : street_color(x, y);
+    };
+    const auto expected = [&](unsigned x, unsigned y) {
+        const Color below = framed(safe, x, y);
+        if (string.has_on_edge(x, y) || time.has_on_edge(x, y))
+            return below;
+        if (string.has(x, y) && (x - 8) % 4 == 0)
+            return over(below, {255, 64, 64, 128});
+        if (time.has(x, y) && x <= 260 && (x - 220) % 4 == 0)
+            return over(below, {255, 255, 0, 128});
+        return below;
+    };
+    expect_pixels(snapshot_over_street({"--guides"}, 300, 60), expected);
+
+    const Box own = {1, 1, 299, 59};
+    expect_pixels(
+        snapshot_over_street({"--guides", "--safe", "1,1,1,1", "--cell", "300x60"}, 300, 60),
+        [&](unsigned x, unsigned y) { return framed(own, x, y); });
+
+    // An update may bring in safe spaces that no opening would take.
+    support::write_file("/tmp/osd_tmp_param.txt", "[osd]\nOsdTVOutSafeSpaceUp=60\n");
+    expect_silent_success({"snapshot", "0", "--guides", out("x.png")});
+    support::remove_file("/tmp/osd_tmp_param.txt");
+}
+
+TEST_F(SimSnapshot, guides_of_a_server_are_those_of_its_texts)
+{
+    start({"--Post0StringOn=1", "--Post0String=hello"});
+    EXPECT_TRUE(shows(0, [](const sim_reader::Post &post) { return count_shown(post) == 1; }));
+    const sim_reader::Post post = SimSnapshot::post(0);
+    const sim_osd &osd = post.osd[0].record;
+    expect_silent_success({"snapshot", "0", "--guides", out("own.png")});
+    expect_silent_success({"snapshot", "0", "--guides", "--cell",
+                           std::to_string(osd.width / 22) + 'x' + std::to_string(osd.height),
+                           "--check", out("own.png")});
+    EXPECT_EQ(sim({"snapshot", "0", "--guides", "--cell", "1x1", "--check", out("own.png")}).status,
+              1)
+        << "they are there";
+    stop();
 }
 
 TEST_F(SimSnapshot, guides_that_make_no_sense_are_told)

@@ -3,6 +3,7 @@
 #include "support/files.h"
 
 #include <fcntl.h>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sys/file.h>
@@ -103,6 +104,69 @@ TEST_F(SimStateCommand, is_json_for_programs)
         ]})"));
 }
 
+// ---- Posts without a process --------------------------------------------------------------------
+
+TEST_F(SimStateCommand, before_any_server_is_what_the_posts_were_told)
+{
+    expect_silent_success({"post", "0", "open", "352x288"});
+    expect_silent_success({"post", "1", "close"});
+    EXPECT_EQ(state_text(), "No process has the device open.\n"
+                            "\n"
+                            "POST  RESOURCE  SIZE\n"
+                            "0     -         352x288\n"
+                            "1     -         closed\n"
+                            "2     -         640x360\n"
+                            "3     -         1280x720\n");
+    const json posts = state_json()["posts"];
+    EXPECT_EQ(posts[0], json::parse(R"({"number": 0, "open": true, "resource_id": 0, "width": 352,
+                                        "height": 288, "osds": []})"));
+    EXPECT_EQ(posts[1]["open"], false);
+    EXPECT_FALSE(std::filesystem::exists(codec_.state_file()));
+}
+
+TEST_F(SimStateCommand, follows_a_post_that_a_dead_server_has_left)
+{
+    make_two_posts();
+    const json before = state_json()["posts"];
+    support::write_file(state_ + "/post2", "64x48\n"); // by hand
+    support::write_file(state_ + "/post3", "");        // somebody is about to write it
+    support::remove_file(state_ + "/post1");
+    const json after = state_json()["posts"];
+    EXPECT_EQ(after[0], before[0]) << "its thread goes on, and its OSDs stay";
+    EXPECT_EQ(after[1]["width"], 1920);
+    EXPECT_EQ(after[2], json::parse(R"({"number": 2, "open": true, "resource_id": 0, "width": 64,
+                                        "height": 48, "osds": []})"));
+    EXPECT_EQ(after[3], before[3]);
+}
+
+TEST_F(SimStateCommand, osds_of_a_dead_server_end_with_their_post_thread)
+{
+    make_two_posts();
+    expect_silent_success({"post", "0", "open", "720x576"}); // as it is
+    EXPECT_EQ(state_json()["posts"][0]["osds"].size(), 2u);
+    expect_silent_success({"post", "0", "close"});
+    expect_silent_success({"post", "0", "open", "720x576"});
+    const json posts = state_json()["posts"];
+    EXPECT_EQ(posts[0], json::parse(R"({"number": 0, "open": true, "resource_id": 0, "width": 720,
+                                        "height": 576, "osds": []})"));
+    EXPECT_EQ(posts[2]["resource_id"], 0x50000003) << "another post's is left alone";
+    EXPECT_EQ(sim_reader::read_state(state_).sequence % 2, 0u);
+}
+
+TEST_F(SimStateCommand, is_left_to_the_process_that_has_the_device)
+{
+    make_two_posts();
+    const json before = state_json()["posts"];
+    const int device = open(codec_.state_file().c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(flock(device, LOCK_EX | LOCK_NB), 0);
+    expect_silent_success({"post", "0", "close"});
+    EXPECT_EQ(state_json()["posts"], before);
+    close(device);
+    EXPECT_EQ(state_json()["posts"][0]["open"], false);
+}
+
+// ---- The device ---------------------------------------------------------------------------------
+
 TEST_F(SimStateCommand, tells_whether_a_process_has_the_device_and_leaves_it_alone)
 {
     make_two_posts();
@@ -163,7 +227,7 @@ TEST_F(SimStateCommand, that_cannot_be_read_is_told)
         codec_.state.magic--;
         support::write_file(codec_.state_file(), std::string(sizeof(sim_state) - 1, '\0'));
         expect_failure(words, 1, "qm5sim: /tmp/codec/state: no state of a simulated codec\n");
-        support::remove_file(codec_.state_file());
+        std::filesystem::remove_all(state_);
     }
     expect_failure({"state", "--bogus"}, 2, "qm5sim: --bogus: it was not expected\n");
 }

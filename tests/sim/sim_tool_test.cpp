@@ -126,6 +126,12 @@ TEST_F(SimTool, says_what_is_wrong)
     EXPECT_EQ(none.status, 1);
     EXPECT_EQ(none.err, "qm5sim: /tmp/none/state: No such file or directory\n");
 
+    EXPECT_EQ(sim({}).err, "qm5sim: subcommand: it is required\n");
+    EXPECT_EQ(sim({"bogus"}).err, "qm5sim: bogus: it was not expected\n");
+    EXPECT_EQ(sim({"post", "0", "bogus"}).err, "qm5sim: bogus: it was not expected\n");
+    EXPECT_EQ(sim({"snapshot", "--bogus"}).err, "qm5sim: --bogus: it was not expected\n");
+    EXPECT_EQ(sim({"--state", "", "state"}).err, "qm5sim: --state: names no folder\n");
+
     for (const char *size : {"big", "640", "640x", "x360", "0x360", "640x0", "65536x1", "1x65536",
                              " 640x360", "640x+360", "640x360x", "closed", ""}) {
         for (const char *action : {"open", "resize"}) {

@@ -10,6 +10,7 @@
 #include <map>
 #include <string>
 #include <sys/mount.h>
+#include <unistd.h>
 
 namespace
 {
@@ -131,6 +132,74 @@ TEST_F(StateFolder, that_is_a_link_to_itself_is_told)
     expect_no_command_succeeds(ELOOP);
     fs::remove(state_);
 }
+
+// ---- The default folder -------------------------------------------------------------------------
+
+// Without a name, the state is in a folder of the user's own among everybody's.
+class DefaultFolder : public StateFolder
+{
+protected:
+    void SetUp() override
+    {
+        StateFolder::SetUp();
+        unsetenv("QM5SIM_STATE");
+        own_ = "/tmp/qm5sim-" + std::to_string(getuid());
+    }
+
+    // Tools, library and recorder all refuse it.
+    void expect_refusal(const std::string &why) const
+    {
+        const std::string text = own_ + ": " + why + '\n';
+        for (const auto &[words, file] : writers())
+            expect_failure(words, 1, "qm5sim: " + text);
+        for (const auto &[words, file] : readers())
+            expect_failure(words, 1, "qm5sim: " + text);
+        for (const Words &words : undemanding_readers())
+            expect_failure(words, 1, "qm5sim: " + text);
+        EXPECT_NE(tool({"start"}).err.find("qm5sim: " + text), std::string::npos);
+        setenv("LD_LIBRARY_PATH", QM5SIM_WRAPPER, 1);
+        EXPECT_NE(tool({"start"}).err.find("qm5sim: wrapper: " + text), std::string::npos);
+        unsetenv("LD_LIBRARY_PATH");
+        fs::remove("/tmp/osd_tmp_param.txt"); // as a start that fails leaves it
+    }
+
+    std::string own_;
+};
+
+TEST_F(DefaultFolder, of_the_user_is_taken)
+{
+    expect_silent_success({"post", "0", "open", "64x48"});
+    EXPECT_EQ(sim({"state"}).status, 0);
+    fs::remove_all(own_);
+}
+
+TEST_F(DefaultFolder, that_is_a_link_is_refused)
+{
+    fs::create_directory("/tmp/elsewhere");
+    fs::create_directory_symlink("/tmp/elsewhere", own_);
+    expect_refusal("no folder, or a link to one");
+    EXPECT_TRUE(fs::is_empty("/tmp/elsewhere"));
+    fs::remove(own_);
+    fs::remove("/tmp/elsewhere");
+}
+
+TEST_F(DefaultFolder, of_another_user_is_refused)
+{
+    fs::create_directory(own_);
+    // In a world of one user alone, it is the system's that stands for another one's.
+    const bool is_given = chown(own_.c_str(), getuid() + 1, getgid()) == 0;
+    if (!is_given) {
+        ASSERT_EQ(mount("/usr", own_.c_str(), nullptr, MS_BIND | MS_REC, nullptr), 0);
+    }
+    expect_refusal("it belongs to another user");
+    if (!is_given) {
+        ASSERT_EQ(umount2(own_.c_str(), MNT_DETACH), 0);
+    }
+    EXPECT_TRUE(fs::is_empty(own_));
+    fs::remove(own_);
+}
+
+// ---- Disks --------------------------------------------------------------------------------------
 
 TEST_F(StateFolder, that_cannot_be_written_can_be_read)
 {
