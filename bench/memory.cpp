@@ -1,0 +1,207 @@
+// How much memory of its own the server has after an hour with all texts on four open posts: what
+// it and FreeType have allocated, and how deep its stack has been, FreeType's share included. The
+// hour is simulated: a pass for each of its seconds. The memory of the pictures is the codec
+// library's.
+//
+// Static data comes on top: the sections .data and .bss of the executable, as `size -A` tells.
+#include "server/callback.h"
+#include "server/main_loop.h"
+#include "support/open_posts.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+    // ---- Allocations
+    // --------------------------------------------------------------------------------
+
+    namespace
+{
+
+    enum Owner { APPLICATION, LIBC, FREETYPE, CODEC, OWNERS };
+
+    struct Heap {
+        std::size_t blocks, bytes, most;
+    };
+    Heap heap[OWNERS];
+
+    // Stands before each block, as large as the strictest alignment.
+    struct alignas(std::max_align_t) Head {
+        std::size_t size;
+        Owner owner;
+    };
+
+    // Whose code called: the program's, libc's, or else FreeType's, which has brought what else
+    // there is.
+    Owner owner_of(const void *caller)
+    {
+        static const void *own_base = [] {
+            Dl_info own{};
+            dladdr(reinterpret_cast<const void *>(&owner_of), &own);
+            return own.dli_fbase;
+        }();
+        Dl_info info{};
+        if (dladdr(caller, &info) == 0 || info.dli_fbase == own_base)
+            return APPLICATION;
+        return std::strstr(info.dli_fname, "/libc.so") ? LIBC : FREETYPE;
+    }
+
+    void *take(std::size_t size, Owner owner);
+    void give_back(void *block);
+
+} // namespace
+
+extern "C" {
+
+void *__libc_malloc(std::size_t size);
+void *__libc_calloc(std::size_t count, std::size_t size);
+void __libc_free(void *block);
+
+void *malloc(std::size_t size)
+{
+    return take(size, owner_of(__builtin_return_address(0)));
+}
+
+void *calloc(std::size_t count, std::size_t size)
+{
+    void *block = take(count * size, owner_of(__builtin_return_address(0)));
+    return block ? std::memset(block, 0, count * size) : nullptr;
+}
+
+void *realloc(void *block, std::size_t size)
+{
+    // The application itself calls calloc alone; this is the codec library linked here.
+    const Owner owner = owner_of(__builtin_return_address(0));
+    void *moved = take(size, owner == APPLICATION ? CODEC : owner);
+    if (moved && block) {
+        const Head *head = static_cast<Head *>(block) - 1;
+        std::memcpy(moved, block, std::min(size, head->size));
+        give_back(block);
+    }
+    return moved;
+}
+
+void free(void *block)
+{
+    if (block)
+        give_back(block);
+}
+
+} // extern "C"
+
+namespace
+{
+
+void *take(std::size_t size, Owner owner)
+{
+    auto *head = static_cast<Head *>(__libc_malloc(sizeof(Head) + size));
+    if (!head)
+        return nullptr;
+    *head = {size, owner};
+    heap[owner].blocks++;
+    heap[owner].bytes += size;
+    heap[owner].most = std::max(heap[owner].most, heap[owner].bytes);
+    return head + 1;
+}
+
+void give_back(void *block)
+{
+    Head *head = static_cast<Head *>(block) - 1;
+    heap[head->owner].blocks--;
+    heap[head->owner].bytes -= head->size;
+    __libc_free(head);
+}
+
+// ---- Stack --------------------------------------------------------------------------------------
+
+constexpr std::size_t DEPTH = 256 * 1024;
+constexpr std::uint8_t UNTOUCHED = 0xA5;
+std::uintptr_t lowest; // address of the painted bytes
+
+// Paints the stack below the caller. What runs later at the same depth leaves its traces there.
+[[gnu::noinline]] void paint_stack()
+{
+    volatile std::uint8_t bytes[DEPTH];
+    for (volatile std::uint8_t &byte : bytes)
+        byte = UNTOUCHED;
+    lowest = reinterpret_cast<std::uintptr_t>(bytes);
+}
+
+std::size_t deepest_stack()
+{
+    const auto *bytes = reinterpret_cast<const volatile std::uint8_t *>(lowest);
+    std::size_t untouched = 0;
+    while (untouched < DEPTH && bytes[untouched] == UNTOUCHED)
+        untouched++;
+    return DEPTH - untouched;
+}
+
+// ---- The hour -----------------------------------------------------------------------------------
+
+void set_clock(int seconds)
+{
+    char digits[sizeof(cmn_st_cdatetime) + 1];
+    std::snprintf(digits, sizeof digits, "2026030412%02d%02d00", seconds / 60 % 60, seconds % 60);
+    std::memcpy(&osd_state.cdatetime, digits, sizeof(cmn_st_cdatetime));
+}
+
+[[gnu::noinline]] void pass(int second, int request_fd)
+{
+    if (osd_get_current_datetime() != 0)
+        std::abort();
+    set_clock(second);
+    if (osd_visit_posts() != OSD_POSTS || osd_do_request(request_fd) != OSD_REQUEST_NONE)
+        std::abort();
+}
+
+void open_four_posts()
+{
+    using support::make_pair;
+    constexpr const char *string = "qm5osd user string!!";
+    support::open_posts(4, {make_pair("OsdFontFile", QM5OSD_FONT), make_pair("Post0String", string),
+                            make_pair("Post1String", string), make_pair("Post2String", string),
+                            make_pair("Post3String", string)});
+    for (osd_post &post : osd_state.post) {
+        for (osd_rect &rect : post.rect)
+            rect.mode = OSD_MODE_TEXT;
+        post.refresh_all = 1;
+    }
+}
+
+void print(const char *what, const Heap &own)
+{
+    std::printf("%-22s %6zu bytes in %3zu blocks, at the most %6zu bytes\n", what, own.bytes,
+                own.blocks, own.most);
+}
+
+} // namespace
+
+int main()
+{
+    int request[2];
+    setenv("TZ", "UTC0", 1);
+    if (pipe2(request, O_NONBLOCK) != 0)
+        return 1;
+    std::printf(
+        "after an hour with all texts on four posts\n"); // libc's buffer is there from now on
+    const Heap before[OWNERS] = {heap[APPLICATION], heap[LIBC], heap[FREETYPE]};
+    paint_stack();
+    open_four_posts();
+    for (int second = 0; second < 3600; second++)
+        pass(second, request[0]);
+    const std::size_t stack = deepest_stack();
+    const char *names[OWNERS] = {"the application's heap", "libc's", "FreeType's",
+                                 "(the pictures')"};
+    for (int owner = 0; owner < OWNERS; owner++) {
+        heap[owner].blocks -= before[owner].blocks;
+        heap[owner].bytes -= before[owner].bytes;
+        print(names[owner], heap[owner]);
+    }
+    std::printf("%-22s %6zu bytes at the most\n", "the stack", stack);
+    return 0;
+}
