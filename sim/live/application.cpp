@@ -23,8 +23,8 @@ namespace fs = std::filesystem;
 namespace
 {
 
-constexpr std::chrono::seconds PATIENCE{30};
-constexpr std::chrono::milliseconds PACE{100};
+constexpr std::chrono::seconds RUN_PATIENCE{30};
+constexpr std::chrono::milliseconds TURN_PACE{100};
 
 struct Function {
     const char *name;
@@ -57,7 +57,7 @@ bool is_readable(int fd)
 std::unique_lock<std::timed_mutex> wait_for_turn(std::timed_mutex &mutex, int stop)
 {
     std::unique_lock turn(mutex, std::defer_lock);
-    while (!is_readable(stop) && !turn.try_lock_for(PACE))
+    while (!is_readable(stop) && !turn.try_lock_for(TURN_PACE))
         continue;
     return turn;
 }
@@ -118,7 +118,7 @@ std::string Application::command_of(const Task &task) const
 
 std::optional<Done> Application::run(const std::vector<std::string> &words)
 {
-    const std::optional<Finished> finished = run_child(words, "", PATIENCE, stop_);
+    const std::optional<Finished> finished = run_child(words, "", RUN_PATIENCE, stop_);
     if (!finished)
         return std::nullopt;
     return Done{quote_words(words), *finished};

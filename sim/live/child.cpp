@@ -109,7 +109,7 @@ private:
     posix_spawn_file_actions_t files_{};
 };
 
-constexpr int PACE = 5; // ms
+constexpr int END_PACE = 5; // ms
 
 enum class Wait { ENDED, TOO_LONG, STOPPED };
 
@@ -121,7 +121,7 @@ Wait wait_for(pid_t pid, std::chrono::milliseconds patience, int stop, int *stat
     for (;;) {
         if (waitpid(pid, status, WNOHANG) == pid)
             return Wait::ENDED;
-        if (poll(&wanted, 1, PACE) == 1)
+        if (poll(&wanted, 1, END_PACE) == 1)
             return Wait::STOPPED;
         if (std::chrono::steady_clock::now() >= end)
             return Wait::TOO_LONG;

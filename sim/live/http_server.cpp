@@ -29,7 +29,7 @@ constexpr int BACKLOG = 128;
 constexpr auto READ_TIME = 5s; // without a byte
 constexpr auto WRITE_TIME = 10s;
 constexpr auto LAST_TIME = 1s; // for what is under way at the end
-constexpr auto PACE = 20ms;
+constexpr auto STARTUP_PACE = 20ms;
 
 // httplib's own choice would let another server listen at the same port.
 void reuse_address(int socket)
@@ -139,11 +139,11 @@ void HttpServer::run(Service service, int stop)
     std::future<bool> listening =
         std::async(std::launch::async, [this] { return listen_after_bind(); });
     pollfd wanted = {stop, POLLIN, 0};
-    constexpr int pace = std::chrono::milliseconds(PACE).count();
+    constexpr int pace = std::chrono::milliseconds(STARTUP_PACE).count();
     while (poll(&wanted, 1, pace) != 1 && listening.wait_for(0s) != std::future_status::ready)
         continue;
     service_.end();
-    while (!is_running() && listening.wait_for(PACE) != std::future_status::ready)
+    while (!is_running() && listening.wait_for(STARTUP_PACE) != std::future_status::ready)
         continue; // it has hardly begun
     Server::stop();
     if (listening.wait_for(LAST_TIME) != std::future_status::ready)

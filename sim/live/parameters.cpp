@@ -24,7 +24,7 @@ namespace
 // ---- In force -----------------------------------------------------------------------------------
 
 constexpr int ATTEMPTS = 10;
-constexpr std::chrono::milliseconds PACE{10};
+constexpr std::chrono::milliseconds SETTLING_PACE{10};
 
 // What stands in the temporary parameter file, which the application writes itself.
 Values read_values()
@@ -51,7 +51,7 @@ std::optional<Values> read_values_in_force()
         return std::nullopt;
     Values values = read_values();
     for (int i = 0; i < ATTEMPTS && values.size() < OSD_PARAMS; i++) {
-        std::this_thread::sleep_for(PACE);
+        std::this_thread::sleep_for(SETTLING_PACE);
         values = read_values();
     }
     return values;
@@ -125,15 +125,15 @@ Json describe_parameters()
 namespace
 {
 
-constexpr std::chrono::seconds PATIENCE{10};
+constexpr std::chrono::seconds CHECK_PATIENCE{10};
 
 } // namespace
 
 std::optional<Json> compare_parameters(const std::string &file, int stop)
 {
     // An empty file would be none.
-    const std::optional<Finished> checked =
-        run_child({"/proc/self/exe", CHECK_PARAMETERS}, file.empty() ? "\n" : file, PATIENCE, stop);
+    const std::optional<Finished> checked = run_child(
+        {"/proc/self/exe", CHECK_PARAMETERS}, file.empty() ? "\n" : file, CHECK_PATIENCE, stop);
     if (!checked)
         return std::nullopt;
     Json differences = Json::array();

@@ -85,7 +85,7 @@ void send_parameters(Call &call)
 
 // ---- Calls and events ---------------------------------------------------------------------------
 
-constexpr std::uint64_t LAST_CALLS = 200;
+constexpr std::uint64_t CALLS_ASKED_FOR = 200;
 constexpr std::uint64_t MOST_CALLS = 500;
 
 // A number of the query, 0 if it isn't there.
@@ -109,7 +109,7 @@ void send_calls(Call &call)
     Json calls = Json::array();
     const std::uint64_t count = record.record ? record.record->count() : 0;
     if (from == 0)
-        from = count - std::min(count, LAST_CALLS) + 1;
+        from = count - std::min(count, CALLS_ASKED_FOR) + 1;
     if (from <= count)
         calls = record.record->describe(from, MOST_CALLS);
     send_json(call, {{"calls", calls}});

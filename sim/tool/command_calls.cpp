@@ -194,13 +194,13 @@ void follow_calls(const std::filesystem::path &file, std::uint64_t first)
 
 // ---- Command line -------------------------------------------------------------------------------
 
-struct Arguments {
+struct CallsArguments {
     bool follow = false;
     std::uint64_t from = 1;
     std::string file;
 };
 
-void calls(const Context &context, const Arguments &arguments)
+void calls(const Context &context, const CallsArguments &arguments)
 {
     const std::filesystem::path file =
         arguments.file.empty() ? context.folder / "calls" : std::filesystem::path(arguments.file);
@@ -228,7 +228,7 @@ CLI::Option *add_call_number(CLI::App *command, const std::string &name, std::ui
 
 void add_calls(CLI::App &app, Context &context)
 {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<CallsArguments>();
     CLI::App *command = app.add_subcommand(
         "calls", "Print the recorded calls of the codec library, as JSON lines.");
     command->footer("Examples: qm5sim calls > before.jsonl\n"

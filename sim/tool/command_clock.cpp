@@ -13,7 +13,7 @@ namespace commands
 namespace
 {
 
-constexpr const char *FOOTER =
+constexpr const char *CLOCK_FOOTER =
     "ZONE is a value for TZ. The number in a POSIX zone is what has to be added to its time to "
     "get\n"
     "UTC, so that EAST-9 is nine hours ahead of UTC and WEST3:30 three and a half behind it.\n"
@@ -25,7 +25,7 @@ constexpr const char *FOOTER =
     "          qm5sim clock CET-1CEST,M3.5.0,M10.5.0/3\n"
     "          qm5sim clock";
 
-struct Arguments {
+struct ClockArguments {
     std::string zone;
     bool remove = false;
 };
@@ -47,10 +47,10 @@ void check_zone(const std::string &zone)
 
 void add_clock(CLI::App &app, Context &context)
 {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<ClockArguments>();
     CLI::App *command =
         app.add_subcommand("clock", "Set the time zone, or print what is set without ZONE.");
-    command->footer(FOOTER);
+    command->footer(CLOCK_FOOTER);
     CLI::Option *zone = command->add_option("zone", arguments->zone, "time zone to set");
     command->add_flag("--remove", arguments->remove, "remove the block of shared memory")
         ->excludes(zone);

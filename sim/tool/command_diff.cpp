@@ -240,12 +240,12 @@ std::string count_line(const Lines &run)
            (run.count() == 1 ? " call\n" : " calls\n");
 }
 
-struct Arguments {
+struct DiffArguments {
     std::string a;
     std::string b;
 };
 
-void diff(const Arguments &arguments)
+void diff(const DiffArguments &arguments)
 {
     const Lines a(arguments.a);
     const Lines b(arguments.b);
@@ -263,7 +263,7 @@ void diff(const Arguments &arguments)
 
 void add_diff(CLI::App &app, Context &context)
 {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<DiffArguments>();
     CLI::App *command = app.add_subcommand(
         "diff", "Tell where two runs of the application first call the codec library differently.");
     command->footer("Each thread's calls on each post are compared in their order, the runs' "

@@ -48,14 +48,14 @@ void list_faults(const Context &context)
 // ---- Change -------------------------------------------------------------------------------------
 
 // The words of a new fault.
-struct Words {
+struct FaultWords {
     std::string operation;
     std::string when;
     std::string effect;
     std::vector<std::string> more;
 };
 
-std::string read_words(const Words &words)
+std::string read_words(const FaultWords &words)
 {
     std::string line = words.operation + ' ' + words.when + ' ' + words.effect;
     for (const std::string &word : words.more)
@@ -107,7 +107,7 @@ void switch_faults(const Context &context, const char *setting)
 
 void add_adding(CLI::App *fault, Context &context)
 {
-    const auto words = std::make_shared<Words>();
+    const auto words = std::make_shared<FaultWords>();
     CLI::App *command = fault->add_subcommand("add", "Add a fault and print its ID.");
     command->footer(std::string(WORDS) +
                     "Examples: qm5sim fault add open_osd next fail refused\n"

@@ -14,12 +14,12 @@ namespace commands
 namespace
 {
 
-struct Arguments {
+struct PaletteArguments {
     std::optional<std::string> file;
     bool built_in = false;
 };
 
-void change_or_print(const Context &context, const Arguments &arguments)
+void change_or_print(const Context &context, const PaletteArguments &arguments)
 {
     if (arguments.built_in)
         sim_reader::remove_palette(context.folder);
@@ -30,7 +30,7 @@ void change_or_print(const Context &context, const Arguments &arguments)
             sim_reader::format_palette(sim_reader::read_palette(context.folder)));
 }
 
-constexpr const char *FOOTER =
+constexpr const char *PALETTE_FOOTER =
     "A palette file has lines INDEX RED GREEN BLUE ALPHA, decimal numbers of 0 to 255; what is\n"
     "behind a ; is a comment. An index that isn't named keeps its built-in colour.\n"
     "\n"
@@ -42,10 +42,10 @@ constexpr const char *FOOTER =
 
 void add_palette(CLI::App &app, Context &context)
 {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<PaletteArguments>();
     CLI::App *command =
         app.add_subcommand("palette", "Print the palette of the pictures, or change it.");
-    command->footer(FOOTER);
+    command->footer(PALETTE_FOOTER);
     CLI::Option *load =
         command->add_option("--load", arguments->file, "put this palette file into force")
             ->type_name("FILE");

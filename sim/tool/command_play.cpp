@@ -22,7 +22,7 @@ namespace commands
 namespace
 {
 
-constexpr const char *FOOTER =
+constexpr const char *PLAY_FOOTER =
     "A line of FILE is a time in seconds since the beginning, and then a command of qm5sim with "
     "its\n"
     "words, or `run` or `try` with a program and its arguments. Double quotes keep the blanks of "
@@ -51,7 +51,7 @@ typedef std::function<void()> Action;
 typedef std::vector<std::string> Words;
 typedef void (*AddCommands)(CLI::App &, Context &);
 
-struct Arguments {
+struct PlayArguments {
     std::string file;
     std::string speed_text = "1";
     double speed = 1;
@@ -113,7 +113,7 @@ std::vector<Step> read_steps(const std::string &file, Context &context, AddComma
     return steps;
 }
 
-void read_speed(Arguments &arguments)
+void read_speed(PlayArguments &arguments)
 {
     arguments.speed = scenario::read_decimal(arguments.speed_text).value_or(0);
     if (arguments.speed <= 0)
@@ -145,7 +145,7 @@ void play_steps(const std::vector<Step> &steps, double speed)
     }
 }
 
-void play(const Context &context, const Arguments &arguments, AddCommands add_commands)
+void play(const Context &context, const PlayArguments &arguments, AddCommands add_commands)
 {
     Context own{context.folder}; // of the scenario's commands
     const std::vector<Step> steps = read_steps(arguments.file, own, add_commands);
@@ -159,9 +159,9 @@ void play(const Context &context, const Arguments &arguments, AddCommands add_co
 
 void add_play(CLI::App &app, Context &context, AddCommands add_others)
 {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<PlayArguments>();
     CLI::App *command = app.add_subcommand("play", "Do what a scenario says, at its times.");
-    command->footer(FOOTER);
+    command->footer(PLAY_FOOTER);
     command->add_option("file", arguments->file, "scenario to play")->required();
     command->add_option("--speed", arguments->speed_text, "number to divide all times by")
         ->type_name("NUMBER");

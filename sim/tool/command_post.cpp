@@ -15,25 +15,25 @@ namespace
 
 using sim_reader::Size;
 
-struct Arguments {
+struct PostArguments {
     unsigned post = 0;
     std::string text; // of the size
     Size size{};
 };
 
-void read_size(Arguments &arguments)
+void read_size(PostArguments &arguments)
 {
     Size &size = arguments.size;
     if (!sim_parse_size(arguments.text.c_str(), &size.width, &size.height) || size.width == 0)
         throw CLI::ValidationError(arguments.text, "not WIDTHxHEIGHT");
 }
 
-[[noreturn]] void refuse(const Arguments &arguments, const std::string &why)
+[[noreturn]] void refuse(const PostArguments &arguments, const std::string &why)
 {
     sim_reader::fail("post " + std::to_string(arguments.post), why);
 }
 
-void write_size(const Context &context, const Arguments &arguments)
+void write_size(const Context &context, const PostArguments &arguments)
 {
     sim_reader::write_size(context.folder, arguments.post, arguments.size.width,
                            arguments.size.height);
@@ -41,7 +41,7 @@ void write_size(const Context &context, const Arguments &arguments)
 
 // ---- What the words ask for ---------------------------------------------------------------------
 
-void open_post(const Context &context, const Arguments &arguments)
+void open_post(const Context &context, const PostArguments &arguments)
 {
     const std::optional<Size> before = sim_reader::read_size(context.folder, arguments.post);
     if (before && before->width != 0 && *before != arguments.size)
@@ -50,7 +50,7 @@ void open_post(const Context &context, const Arguments &arguments)
     write_size(context, arguments);
 }
 
-void resize_post(const Context &context, const Arguments &arguments)
+void resize_post(const Context &context, const PostArguments &arguments)
 {
     const std::optional<Size> before = sim_reader::read_size(context.folder, arguments.post);
     if (before && before->width == 0)
@@ -58,15 +58,15 @@ void resize_post(const Context &context, const Arguments &arguments)
     write_size(context, arguments);
 }
 
-struct Action {
+struct PostAction {
     const char *name;
     const char *what;
     const char *example;
     bool has_size;
-    void (*act)(const Context &context, const Arguments &arguments);
+    void (*act)(const Context &context, const PostArguments &arguments);
 };
 
-constexpr Action ACTIONS[] = {
+constexpr PostAction ACTIONS[] = {
     {"open", "Open a post thread.", "Example: qm5sim post 1 open 640x360", true, open_post},
     {"close", "Close a post thread, if it is open.", "Example: qm5sim post 1 close", false,
      write_size},
@@ -74,8 +74,8 @@ constexpr Action ACTIONS[] = {
      "Example: qm5sim post 1 resize 640x360", true, resize_post},
 };
 
-void add_action(CLI::App &command, Context &context, const std::shared_ptr<Arguments> &arguments,
-                const Action &action)
+void add_action(CLI::App &command, Context &context,
+                const std::shared_ptr<PostArguments> &arguments, const PostAction &action)
 {
     CLI::App *word = command.add_subcommand(action.name, action.what);
     word->footer(action.example);
@@ -101,14 +101,14 @@ void add_post_number(CLI::App *command, unsigned &post)
 
 void add_post(CLI::App &app, Context &context)
 {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<PostArguments>();
     CLI::App *command = app.add_subcommand("post", "Open, resize or close a post thread.");
     command->footer("Examples: qm5sim post 1 open 640x360\n"
                     "          qm5sim post 1 resize 1280x720\n"
                     "          qm5sim post 1 close");
     command->require_subcommand(1);
     add_post_number(command, arguments->post);
-    for (const Action &action : ACTIONS)
+    for (const PostAction &action : ACTIONS)
         add_action(*command, context, arguments, action);
 }
 

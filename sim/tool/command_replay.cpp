@@ -14,14 +14,14 @@ namespace commands
 namespace
 {
 
-struct Arguments {
+struct ReplayArguments {
     std::uint64_t call = 0;
     std::string png;
     unsigned post = 0;
     std::string file;
 };
 
-void replay(const Context &context, const Arguments &arguments)
+void replay(const Context &context, const ReplayArguments &arguments)
 {
     const std::filesystem::path record =
         arguments.file.empty() ? context.folder / "calls" : std::filesystem::path(arguments.file);
@@ -33,7 +33,7 @@ void replay(const Context &context, const Arguments &arguments)
 
 void add_replay(CLI::App &app, Context &context)
 {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<ReplayArguments>();
     CLI::App *command = app.add_subcommand(
         "replay", "Write what a post showed after a recorded call as a PNG file.");
     command->footer("Example: qm5sim replay 120 then.png --post 0");

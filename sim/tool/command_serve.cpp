@@ -15,7 +15,7 @@ namespace commands
 namespace
 {
 
-constexpr const char *FOOTER =
+constexpr const char *SERVE_FOOTER =
     "The page's address is printed when the server listens; SIGINT, SIGTERM or SIGHUP ends it.\n"
     "Other machines reach it only at an --address of its own, and then only with a token, which\n"
     "the page takes as http://ADDRESS:PORT/?token=TEXT. Nothing is encrypted, and --token shows\n"
@@ -25,7 +25,7 @@ constexpr const char *FOOTER =
     "          qm5sim serve --port 0 --qm5osd build/stage/osd/bin/qm5osd\n"
     "          qm5sim serve --address 0.0.0.0 --token-file token.txt";
 
-struct Arguments {
+struct ServeArguments {
     live::Options options;
     std::string token_file;
 };
@@ -37,7 +37,7 @@ std::string read_token(const std::string &file)
     return text;
 }
 
-void check(const Arguments &arguments)
+void check(const ServeArguments &arguments)
 {
     const live::Options &options = arguments.options;
     if (!live::is_loopback(options.address) && !live::is_address(options.address))
@@ -51,7 +51,7 @@ void check(const Arguments &arguments)
                                                   " characters without a blank");
 }
 
-void serve(const Context &context, const Arguments &arguments)
+void serve(const Context &context, const ServeArguments &arguments)
 {
     live::Options options = arguments.options;
     options.folder = context.folder;
@@ -80,9 +80,9 @@ void add_check(CLI::App &app, Context &context)
 
 void add_serve(CLI::App &app, Context &context)
 {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<ServeArguments>();
     CLI::App *command = app.add_subcommand("serve", "Show the codec on a live web page.");
-    command->footer(FOOTER);
+    command->footer(SERVE_FOOTER);
     live::Options &options = arguments->options;
     command->add_option("--port", options.port, "port to listen at, 0 for any free one")
         ->check(CLI::Range(0u, 65535u))

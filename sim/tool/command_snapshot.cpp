@@ -22,7 +22,7 @@ namespace fs = std::filesystem;
 using sim_reader::fail;
 using sim_reader::size_text;
 
-struct Arguments {
+struct SnapshotArguments {
     unsigned post = 0;
     std::optional<unsigned> osd;
     std::string file; // empty: none
@@ -63,7 +63,7 @@ std::optional<sim_reader::Cell> parse_cell(const std::string &text)
 }
 
 // Puts what the words say in the place of what the guides are.
-void take_words(sim_reader::Guides &guides, const Arguments &arguments)
+void take_words(sim_reader::Guides &guides, const SnapshotArguments &arguments)
 {
     if (arguments.safe) {
         guides.safe = parse_safe_space(*arguments.safe);
@@ -77,7 +77,7 @@ void take_words(sim_reader::Guides &guides, const Arguments &arguments)
     }
 }
 
-void check_words(const Arguments &arguments)
+void check_words(const SnapshotArguments &arguments)
 {
     sim_reader::Guides guides;
     take_words(guides, arguments);
@@ -85,17 +85,17 @@ void check_words(const Arguments &arguments)
 
 // ---- Pictures -----------------------------------------------------------------------------------
 
-std::string post_name(const Arguments &arguments)
+std::string post_name(const SnapshotArguments &arguments)
 {
     return "post " + std::to_string(arguments.post);
 }
 
-std::string osd_name(const Arguments &arguments)
+std::string osd_name(const SnapshotArguments &arguments)
 {
     return "OSD " + std::to_string(*arguments.osd) + " of " + post_name(arguments);
 }
 
-sim_reader::Post read_running_post(const Context &context, const Arguments &arguments)
+sim_reader::Post read_running_post(const Context &context, const SnapshotArguments &arguments)
 {
     sim_reader::Post post = sim_reader::read_post(context.folder, arguments.post);
     if (!sim_reader::has_thread(post))
@@ -112,7 +112,7 @@ void require_size(const sim_reader::PngFile &png, const std::string &file, unsig
                        size_text(width, height));
 }
 
-sim_reader::Picture background(const Arguments &arguments, const sim_reader::Post &post)
+sim_reader::Picture background(const SnapshotArguments &arguments, const sim_reader::Post &post)
 {
     if (!arguments.back)
         return sim_reader::test_pattern(post.width, post.height);
@@ -121,7 +121,7 @@ sim_reader::Picture background(const Arguments &arguments, const sim_reader::Pos
     return png.read_picture();
 }
 
-sim_reader::Picture compose(const Context &context, const Arguments &arguments)
+sim_reader::Picture compose(const Context &context, const SnapshotArguments &arguments)
 {
     const sim_reader::Post post = read_running_post(context, arguments);
     sim_reader::require_possible(post_name(arguments), post.width, post.height);
@@ -135,7 +135,7 @@ sim_reader::Picture compose(const Context &context, const Arguments &arguments)
     return picture;
 }
 
-sim_reader::IndexedPicture take_osd(const Context &context, const Arguments &arguments)
+sim_reader::IndexedPicture take_osd(const Context &context, const SnapshotArguments &arguments)
 {
     const sim_reader::Post post = read_running_post(context, arguments);
     const sim_reader::Osd &osd = post.osd.at(*arguments.osd);
@@ -151,7 +151,7 @@ sim_reader::IndexedPicture take_osd(const Context &context, const Arguments &arg
 // ---- Checks -------------------------------------------------------------------------------------
 
 // Tells of pixels that differ, if there are any, after showing them in the file.
-void expect_none(const Arguments &arguments, const sim_reader::Picture &picture,
+void expect_none(const SnapshotArguments &arguments, const sim_reader::Picture &picture,
                  const std::vector<bool> &differing)
 {
     const auto first = std::find(differing.begin(), differing.end(), true);
@@ -167,14 +167,14 @@ void expect_none(const Arguments &arguments, const sim_reader::Picture &picture,
                                    std::to_string(at / picture.width));
 }
 
-void check_post(const Arguments &arguments, const sim_reader::Picture &picture)
+void check_post(const SnapshotArguments &arguments, const sim_reader::Picture &picture)
 {
     sim_reader::PngFile png(*arguments.reference);
     require_size(png, *arguments.reference, picture.width, picture.height, post_name(arguments));
     expect_none(arguments, picture, sim_reader::find_differences(picture, png.read_picture()));
 }
 
-void check_osd(const Arguments &arguments, const sim_reader::IndexedPicture &picture)
+void check_osd(const SnapshotArguments &arguments, const sim_reader::IndexedPicture &picture)
 {
     sim_reader::PngFile png(*arguments.reference);
     require_size(png, *arguments.reference, picture.width, picture.height, osd_name(arguments));
@@ -187,7 +187,7 @@ void check_osd(const Arguments &arguments, const sim_reader::IndexedPicture &pic
 
 // ---- The command --------------------------------------------------------------------------------
 
-void require_file(const Arguments &arguments)
+void require_file(const SnapshotArguments &arguments)
 {
     if (arguments.file.empty() && !arguments.reference)
         throw CLI::RequiredError("file");
@@ -196,7 +196,7 @@ void require_file(const Arguments &arguments)
         throw CLI::ValidationError(arguments.file, "the difference would replace what to compare");
 }
 
-void snapshot(const Context &context, const Arguments &arguments)
+void snapshot(const Context &context, const SnapshotArguments &arguments)
 {
     if (arguments.osd) {
         const sim_reader::IndexedPicture picture = take_osd(context, arguments);
@@ -213,7 +213,7 @@ void snapshot(const Context &context, const Arguments &arguments)
         sim_reader::write_png(picture, arguments.file);
 }
 
-constexpr const char *FOOTER =
+constexpr const char *SNAPSHOT_FOOTER =
     "Pictures are in the palette in force, see qm5sim palette.\n"
     "Guides frame each shown OSD, 0 red, 1 green, 2 blue, 3 yellow, divide it into the cells of\n"
     "its text, and hatch what two share; the frame of what safe spaces leave is magenta. Cells "
@@ -232,10 +232,10 @@ constexpr const char *FOOTER =
 
 void add_snapshot(CLI::App &app, Context &context)
 {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<SnapshotArguments>();
     CLI::App *command = app.add_subcommand(
         "snapshot", "Write what a post shows as a PNG file, or compare it with one.");
-    command->footer(FOOTER);
+    command->footer(SNAPSHOT_FOOTER);
     add_post_number(command, arguments->post);
     command->add_option("file", arguments->file,
                         "PNG file to write; with --check, for the difference, if there is one");

@@ -16,7 +16,7 @@ namespace commands
 namespace
 {
 
-struct Arguments {
+struct StateArguments {
     bool json = false;
 };
 
@@ -107,7 +107,7 @@ std::string format_json(const sim_state &state, bool device_open)
 
 // ---- The command --------------------------------------------------------------------------------
 
-void print(const Context &context, const Arguments &arguments)
+void print(const Context &context, const StateArguments &arguments)
 {
     const sim_state state = sim_reader::read_state(context.folder);
     const bool device_open = sim_reader::is_device_open(context.folder);
@@ -115,7 +115,7 @@ void print(const Context &context, const Arguments &arguments)
                                             : format_text(state, device_open));
 }
 
-constexpr const char *FOOTER =
+constexpr const char *STATE_FOOTER =
     "Only open OSDs are listed. A line of an OSD holds at least the pixels of the requested "
     "width.\n"
     "Post threads are there before the first server and after the last one; a library gives each\n"
@@ -129,9 +129,9 @@ constexpr const char *FOOTER =
 
 void add_state(CLI::App &app, Context &context)
 {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<StateArguments>();
     CLI::App *command = app.add_subcommand("state", "Print the post threads and their OSDs.");
-    command->footer(FOOTER);
+    command->footer(STATE_FOOTER);
     command->add_flag("--json", arguments->json, "print JSON, for programs");
     command->callback([&context, arguments] {
         context.action = [&context, arguments] { print(context, *arguments); };
