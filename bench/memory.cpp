@@ -17,42 +17,41 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-    // ---- Allocations
-    // --------------------------------------------------------------------------------
+// ---- Allocations --------------------------------------------------------------------------------
 
-    namespace
+namespace
 {
 
-    enum Owner { APPLICATION, LIBC, FREETYPE, CODEC, OWNERS };
+enum Owner { APPLICATION, LIBC, FREETYPE, CODEC, OWNERS };
 
-    struct Heap {
-        std::size_t blocks, bytes, most;
-    };
-    Heap heap[OWNERS];
+struct Heap {
+    std::size_t blocks, bytes, most;
+};
+Heap heap[OWNERS];
 
-    // Stands before each block, as large as the strictest alignment.
-    struct alignas(std::max_align_t) Head {
-        std::size_t size;
-        Owner owner;
-    };
+// Stands before each block, as large as the strictest alignment.
+struct alignas(std::max_align_t) Head {
+    std::size_t size;
+    Owner owner;
+};
 
-    // Whose code called: the program's, libc's, or else FreeType's, which has brought what else
-    // there is.
-    Owner owner_of(const void *caller)
-    {
-        static const void *own_base = [] {
-            Dl_info own{};
-            dladdr(reinterpret_cast<const void *>(&owner_of), &own);
-            return own.dli_fbase;
-        }();
-        Dl_info info{};
-        if (dladdr(caller, &info) == 0 || info.dli_fbase == own_base)
-            return APPLICATION;
-        return std::strstr(info.dli_fname, "/libc.so") ? LIBC : FREETYPE;
-    }
+// Whose code called: the program's, libc's, or else FreeType's, which has brought what else
+// there is.
+Owner owner_of(const void *caller)
+{
+    static const void *own_base = [] {
+        Dl_info own{};
+        dladdr(reinterpret_cast<const void *>(&owner_of), &own);
+        return own.dli_fbase;
+    }();
+    Dl_info info{};
+    if (dladdr(caller, &info) == 0 || info.dli_fbase == own_base)
+        return APPLICATION;
+    return std::strstr(info.dli_fname, "/libc.so") ? LIBC : FREETYPE;
+}
 
-    void *take(std::size_t size, Owner owner);
-    void give_back(void *block);
+void *take(std::size_t size, Owner owner);
+void give_back(void *block);
 
 } // namespace
 

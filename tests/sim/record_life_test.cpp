@@ -311,7 +311,8 @@ protected:
         for (const sim_call_record &set : recorded_sets()) {
             ASSERT_EQ(set.argument[2], number & 0xFFFF);
             ASSERT_LE(set.data_at + set.data_size, data.size());
-            const std::string shown = data.substr(set.data_at, set.data_size);
+            const std::string shown =
+                data.substr(static_cast<std::size_t>(set.data_at), set.data_size);
             ASSERT_EQ(shown, std::string(64 * 3, static_cast<char>(number % 251)));
             ASSERT_EQ(set.hash, sim_hash_shown(reinterpret_cast<const std::uint8_t *>(shown.data()),
                                                shown.size()));

@@ -26,7 +26,7 @@ inline sim_calls_head recorded_head()
 
 inline std::vector<sim_call_record> recorded()
 {
-    std::vector<sim_call_record> records(recorded_head().count);
+    std::vector<sim_call_record> records(static_cast<std::size_t>(recorded_head().count));
     const std::string bytes = read_file(CALLS);
     const std::size_t size = records.size() * sizeof(sim_call_record);
     EXPECT_GE(bytes.size(), sizeof(sim_calls_head) + size);

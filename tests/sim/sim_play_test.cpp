@@ -405,7 +405,7 @@ TEST_F(SimPlay, kill_at_any_moment_leaves_no_program_running)
         kill(process.pid(), SIGKILL);
     }
     const auto longest = std::chrono::steady_clock::now() - began;
-    std::uniform_int_distribution<long> moments(0, longest.count());
+    std::uniform_int_distribution<std::chrono::nanoseconds::rep> moments(0, longest.count());
     for (unsigned round = 0; round < 50; round++) {
         Process process = begin("0 run sleep 1000\n");
         std::this_thread::sleep_for(std::chrono::nanoseconds(moments(random)));
