@@ -370,7 +370,7 @@ test('pictures and safe spaces without room for the texts are told', async (t) =
     const file = path.join(stage.folder, 'safe.conf');
     writeFileSync(file, '[osd]\nOsdTVOutSafeSpaceLeft=400\nOsdTVOutSafeSpaceRight=400\n');
     assert.equal(stage.osd('start', '-f', file, '-l', path.join(stage.folder, 'server.log'),
-                           '--Post0TypeOn=1', '--Post1TypeOn=1').status, 0);
+                           '--Post0TypeOn=1', '--Post1TypeOn=1').status, 1);
     await stage.text('#notices', /The safe spaces leave no room .*left\/right=400\/400\)/);
     await stage.text('#notices', /The picture is too small .*video width is .*W\/H=16\/16\)/);
 });
