@@ -7,6 +7,7 @@
 #include "sim_reader.h"
 #include "time_zone_block.h"
 
+#include <charconv>
 #include <utility>
 
 namespace live
@@ -149,9 +150,17 @@ void change_setting(Call &call)
 
 // ---- Clock and palette --------------------------------------------------------------------------
 
-void change_clock(Call &call)
+void require_block()
 {
-    const std::string zone = text_of(read_object(call), "zone");
+    try {
+        time_zone_block::read();
+    } catch (const std::runtime_error &error) {
+        throw ApiError(409, error.what());
+    }
+}
+
+void change_zone(Call &call, const std::string &zone)
+{
     if (zone.size() > time_zone_block::MAX_TEXT)
         throw ApiError(400, zone + ": longer than " + std::to_string(time_zone_block::MAX_TEXT) +
                                 " bytes");
@@ -159,13 +168,31 @@ void change_clock(Call &call)
     send_command(call, {"clock", zone});
 }
 
+// The byte by which the application learns of a zone.
+void change_byte(Call &call, const std::string &text)
+{
+    std::uint8_t byte = 0;
+    const char *end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, byte);
+    if (error != std::errc{} || stop != end)
+        throw ApiError(400, text + ": no number of 0 to 255");
+    require_block();
+    time_zone_block::write_change(byte);
+    send_command(call, {"clock", "--change", std::to_string(byte)});
+}
+
+void change_clock(Call &call)
+{
+    const Json object = read_object(call);
+    if (object.contains("change"))
+        change_byte(call, text_of(object, "change"));
+    else
+        change_zone(call, text_of(object, "zone"));
+}
+
 void remove_clock(Call &call)
 {
-    try {
-        time_zone_block::read();
-    } catch (const std::runtime_error &error) {
-        throw ApiError(409, error.what());
-    }
+    require_block();
     time_zone_block::remove();
     send_command(call, {"clock", "--remove"});
 }

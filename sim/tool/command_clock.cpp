@@ -3,6 +3,7 @@
 
 #include "time_zone_block.h"
 
+#include <cstdint>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -19,7 +20,8 @@ constexpr const char *CLOCK_FOOTER =
     "UTC, so that EAST-9 is nine hours ahead of UTC and WEST3:30 three and a half behind it.\n"
     "\n"
     "The OSD server looks for the block once, when it starts; it follows each later change of it,\n"
-    "but not to another block that is made after --remove.\n"
+    "but not to another block that is made after --remove. It takes a zone up when the block's\n"
+    "change byte is another one than before; setting a zone adds 1 to it, --change sets it alone.\n"
     "\n"
     "Examples: qm5sim clock EAST-9\n"
     "          qm5sim clock CET-1CEST,M3.5.0,M10.5.0/3\n"
@@ -27,6 +29,7 @@ constexpr const char *CLOCK_FOOTER =
 
 struct ClockArguments {
     std::string zone;
+    unsigned change = 0;
     bool remove = false;
 };
 
@@ -52,12 +55,22 @@ void add_clock(CLI::App &app, Context &context)
         app.add_subcommand("clock", "Set the time zone, or print what is set without ZONE.");
     command->footer(CLOCK_FOOTER);
     CLI::Option *zone = command->add_option("zone", arguments->zone, "time zone to set");
+    CLI::Option *change =
+        command->add_option("--change", arguments->change, "set the change byte, and no zone")
+            ->type_name("BYTE")
+            ->check(CLI::Range(0u, 255u))
+            ->excludes(zone);
     command->add_flag("--remove", arguments->remove, "remove the block of shared memory")
-        ->excludes(zone);
-    command->callback([&context, arguments, zone] {
+        ->excludes(zone)
+        ->excludes(change);
+    command->callback([&context, arguments, zone, change] {
         check_zone(arguments->zone);
         if (arguments->remove)
             context.action = time_zone_block::remove;
+        else if (change->count() > 0)
+            context.action = [arguments] {
+                time_zone_block::write_change(static_cast<std::uint8_t>(arguments->change));
+            };
         else if (zone->count() == 0)
             context.action = print;
         else

@@ -29,6 +29,8 @@ constexpr const char *WORDS =
     "           size BYTES    get_osd_mem: a size that is so many bytes off\n"
     "           line BYTES    open_osd: a line length that is so many bytes off\n"
     "           vanish        the post thread goes before the call, vanish-after: after its work\n"
+    "           change P SIZE post P gets a size, as 640x480, or is closed, before the call;\n"
+    "                         change-after P SIZE: after its work\n"
     "           double        notify: the callback is called twice\n"
     "           late MS       notify: the callback is called so much later\n"
     "post N     for this post's calls alone\n";

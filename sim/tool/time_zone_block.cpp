@@ -81,6 +81,12 @@ void write(const std::string &text)
     __atomic_fetch_add(&block->change, 1, __ATOMIC_RELEASE);
 }
 
+void write_change(std::uint8_t change)
+{
+    const Attached block(find(sizeof(cmn_tz_block), 0), 0);
+    __atomic_store_n(&block->change, change, __ATOMIC_RELEASE);
+}
+
 void remove()
 {
     if (shmctl(find(0, 0), IPC_RMID, nullptr) != 0)

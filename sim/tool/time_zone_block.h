@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace time_zone_block
@@ -22,6 +23,9 @@ Content read();
 
 // Hands over a text of up to MAX_TEXT bytes; makes the block if there is none.
 void write(const std::string &text);
+
+// Changes only the byte by which the application learns of a zone, in a block that is there.
+void write_change(std::uint8_t change);
 
 // Programs that have attached the block keep it to their end.
 void remove();

@@ -153,7 +153,17 @@ TEST_F(LiveChanges, set_the_clock)
               "qm5sim clock " + longest);
     EXPECT_TRUE(is_error(change("PUT", "/api/clock", Json{{"zone", longest + "x"}}.dump()), 400,
                          longest + "x: longer than 63 bytes"));
+    EXPECT_EQ(change_json("PUT", "/api/clock", {{"change", "255"}}),
+              command("qm5sim clock --change 255"));
+    EXPECT_EQ(get_json("/api/state")["clock"], (Json{{"zone", longest}, {"change", 255}}));
+    for (const std::string text : {"256", "-1", "", "7 "}) {
+        EXPECT_TRUE(is_error(change("PUT", "/api/clock", Json{{"change", text}}.dump()), 400,
+                             text + ": no number of 0 to 255"));
+    }
+    EXPECT_EQ(time_zone_block::read().change, 255u);
     EXPECT_EQ(change_json("DELETE", "/api/clock"), command("qm5sim clock --remove"));
+    EXPECT_TRUE(
+        is_error(change("PUT", "/api/clock", R"({"change":"1"})"), 409, "time zone block: none"));
     EXPECT_EQ(get_json("/api/state")["clock"], nullptr);
 }
 

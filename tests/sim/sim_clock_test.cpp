@@ -162,6 +162,16 @@ TEST_F(SimClock, change_byte_differs_after_every_zone)
     }
 }
 
+TEST_F(SimClock, change_byte_is_set_alone)
+{
+    const Block block(SIZE);
+    std::memset(block.bytes(), 'x', SIZE);
+    expect_good({"clock", "--change", "255"});
+    EXPECT_EQ(block.change(), 255u);
+    block.bytes()[CHANGE] = 'x';
+    EXPECT_EQ(std::string(block.bytes(), SIZE), std::string(SIZE, 'x')) << "all else is kept";
+}
+
 TEST_F(SimClock, who_sees_the_byte_change_finds_the_new_zone)
 {
     const Block block(SIZE);
@@ -217,6 +227,7 @@ TEST_F(SimClock, missing_block_is_none)
 {
     expect_bad({"clock"}, 1, "time zone block: none");
     expect_bad({"clock", "--remove"}, 1, "time zone block: none");
+    expect_bad({"clock", "--change", "1"}, 1, "time zone block: none");
     EXPECT_EQ(id_of_block(), -1);
 }
 
@@ -239,8 +250,10 @@ TEST_F(SimClock, removed_block_has_gone)
 
 TEST_F(SimClock, refuses_words_that_make_no_sense)
 {
-    for (const Words &words : {Words{"clock", "EAST-9", "--remove"}, Words{"clock", "A", "B"},
-                               Words{"clock", "--set", "A"}}) {
+    for (const Words &words :
+         {Words{"clock", "EAST-9", "--remove"}, Words{"clock", "A", "B"},
+          Words{"clock", "--set", "A"}, Words{"clock", "--change", "256"},
+          Words{"clock", "EAST-9", "--change", "1"}, Words{"clock", "--remove", "--change", "1"}}) {
         const Ended ended = run_sim(words);
         EXPECT_EQ(ended.status, 2);
         EXPECT_EQ(ended.err.rfind("qm5sim: ", 0), 0u) << ended.err;

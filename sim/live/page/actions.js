@@ -20,7 +20,8 @@ function isGood(answer) {
     return answer.status === undefined || (answer.status === 0 && !answer.timeout);
 }
 
-// Fires: command, with a record {time, command, good, words} as its detail, and busy.
+// Fires: command, with a record {time, command, request, good, words} as its detail, and busy.
+// What no command does, as a refused request, has none.
 export class Actions extends EventTarget {
     records = [];
     running = 0;
@@ -45,7 +46,8 @@ export class Actions extends EventTarget {
         return answer;
     }
 
-    // Has the application do something: {function, parameters, file}.
+    // Has the application do something: {function, parameters} with changes of them and, for a
+    // restart, keep; or {function, file_base64}.
     application(outcome, request) {
         return this.run(outcome, 'POST', '/api/application', request);
     }
@@ -56,8 +58,8 @@ export class Actions extends EventTarget {
     }
 
     #keep(answer, request) {
-        const {command = request, good, words} = answer;
-        const record = {time: Date.now() / 1000, command, good, words};
+        const {command, good, words} = answer;
+        const record = {time: Date.now() / 1000, command, request, good, words};
         this.records = [...this.records, record].slice(-KEPT);
         announce(words.split('\n')[0]);
         this.dispatchEvent(new CustomEvent('command', {detail: record}));
@@ -89,22 +91,5 @@ export function copyOnClick(button, source, text = () => source.textContent) {
             button.textContent = 'Selected';
         }
         setTimeout(() => (button.textContent = 'Copy'), 1500);
-    });
-}
-
-// The text of a chosen file, once; lets the same file be chosen again. A file that isn't text of
-// UTF-8 is refused, for it would come out as another one.
-export function onFile(input, take, refuse) {
-    input.addEventListener('change', async () => {
-        const [file] = input.files;
-        input.value = '';
-        if (!file)
-            return;
-        try {
-            const bytes = await file.arrayBuffer();
-            take(file, new TextDecoder('utf-8', {fatal: true}).decode(bytes));
-        } catch {
-            refuse(`${file.name}: it is no text in UTF-8.`);
-        }
     });
 }

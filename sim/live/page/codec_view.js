@@ -1,7 +1,9 @@
 // How the simulated codec behaves: the time zone block, its settings, and the pictures below the
 // OSDs.
 
+import {showOutcome} from './actions.js';
 import {find, setText} from './dom.js';
+import {LONGEST_FRAME, onFile} from './files.js';
 
 function onSubmit(form, run) {
     find(form).addEventListener('submit', (event) => {
@@ -31,6 +33,13 @@ export class CodecView {
             if (answer.good && find('#clock-zone').value === zone)
                 find('#clock-zone').value = '';
         });
+        onSubmit('#change-form', async () => {
+            const change = find('#clock-change').value.trim();
+            const answer = await this.#actions.run(find('#change-outcome'), 'PUT', '/api/clock',
+                                                   {change});
+            if (answer.good && find('#clock-change').value.trim() === change)
+                find('#clock-change').value = '';
+        });
         find('#clock-remove').addEventListener('click', () =>
             this.#actions.run(outcome, 'DELETE', '/api/clock'));
     }
@@ -57,14 +66,9 @@ export class CodecView {
     #listenToFrames() {
         const outcome = find('#frame-outcome');
         const path = () => `/api/posts/${find('#frame-post').value}/frame`;
-        find('#frame-load').addEventListener('change', async ({target}) => {
-            const [file] = target.files;
-            if (file) {
-                const bytes = await file.arrayBuffer();
-                await this.#actions.run(outcome, 'PUT', path(), bytes, 'image/png');
-            }
-            target.value = '';
-        });
+        onFile(find('#frame-load'), LONGEST_FRAME,
+               (_, bytes) => this.#actions.run(outcome, 'PUT', path(), bytes, 'image/png'),
+               (why) => showOutcome(outcome, why));
         find('#frame-default').addEventListener('click', () =>
             this.#actions.run(outcome, 'DELETE', path()));
     }
@@ -75,6 +79,8 @@ export class CodecView {
             ? `Zone ${clock.zone === '' ? 'empty' : clock.zone}, change byte ${clock.change}.`
             : 'There is no block: the zone of the environment holds.');
         find('#clock-remove').disabled = !clock;
+        find('#change-submit').disabled = !clock;
+        find('#clock-change').placeholder = clock ? String(clock.change) : 'none';
         find('#setting-record').checked = settings.record !== 0;
         find('#setting-strict').checked = settings.strict !== 0;
         find('#setting-alignment').placeholder = settings.alignment.join(' ');

@@ -1,12 +1,16 @@
 // Faults by name: a form of their words, the list of those in force, and the switch for all.
 
 import {copyOnClick, showOutcome} from './actions.js';
-import {quote} from './command.js';
+import {commandLine} from './command.js';
 import {element, find, setText, syncRows} from './dom.js';
-import {CODES, EFFECTS, effectsOf, faultLine, hasPost, OPERATIONS} from './faults.js';
+import {
+    CHANGED_SIZES, CODES, EFFECTS, effectsOf, faultLine, hasPost, OPERATIONS,
+} from './faults.js';
 
-const VALUE_NAMES = {code: 'Code', ms: 'Milliseconds', bytes: 'Bytes'};
-const VALUES = {code: 'gone1', ms: '500', bytes: '-16'};
+const VALUE_NAMES = {
+    code: 'Code', ms: 'Milliseconds', bytes: 'Bytes', size: 'Its size, or closed',
+};
+const VALUES = {code: 'gone1', ms: '500', bytes: '-16', size: '640x480'};
 
 function options(names) {
     return names.map((name) => element('option', {value: name}, name));
@@ -21,7 +25,8 @@ export class FaultsView {
         this.#actions = actions;
         find('#fault-operation').append(...options(OPERATIONS));
         find('#fault-operation').value = 'open_osd';
-        find('#fault-codes').append(...options(CODES));
+        find('#fault-code').append(...options(CODES));
+        find('#fault-size').append(...options(CHANGED_SIZES));
         this.#showEffects();
         this.#listen();
     }
@@ -58,9 +63,11 @@ export class FaultsView {
     #showValue() {
         const effect = EFFECTS.find(({name}) => name === find('#fault-effect').value);
         find('#fault-value-field').hidden = effect.value === null;
+        find('#fault-changed-field').hidden = !effect.onPost;
         if (effect.value !== null && find('#fault-value').dataset.kind !== effect.value) {
             find('#fault-value').dataset.kind = effect.value;
             find('#fault-value').value = VALUES[effect.value];
+            find('#fault-value').setAttribute('list', `fault-${effect.value}`);
             setText(find('#fault-value-name'), VALUE_NAMES[effect.value]);
         }
         this.#showLine();
@@ -68,7 +75,7 @@ export class FaultsView {
 
     get #line() {
         const words = {};
-        for (const name of ['operation', 'when', 'number', 'effect', 'value', 'post'])
+        for (const name of ['operation', 'when', 'number', 'effect', 'changed', 'value', 'post'])
             words[name] = find(`#fault-${name}`).value;
         return faultLine(words);
     }
@@ -77,8 +84,8 @@ export class FaultsView {
         const when = find('#fault-when').value;
         find('#fault-number-field').hidden = when !== 'nth' && when !== 'percent';
         setText(find('#fault-number-name'), when === 'percent' ? 'Per cent' : 'N');
-        const words = this.#line.split(' ').map(quote).join(' ');
-        setText(find('#fault-command'), `qm5sim fault add ${words}`);
+        const words = ['qm5sim', 'fault', 'add', ...this.#line.split(' ')];
+        setText(find('#fault-command'), commandLine(words));
         showOutcome(find('#fault-outcome'), '');
     }
 

@@ -1,11 +1,12 @@
 // Parameter files: the one that the application saves, and one that is loaded, compared with what
 // is in force, and carried out.
 
-import {copyOnClick, onFile, showOutcome} from './actions.js';
+import {showOutcome} from './actions.js';
 import {change, post} from './api.js';
-import {commandLine} from './command.js';
 import {element, find, setText} from './dom.js';
+import {download, LONGEST_PARAMETERS, onFile, toBase64} from './files.js';
 import {counted} from './format.js';
+import {Preview} from './preview.js';
 
 function shownValue(value) {
     if (value === null)
@@ -13,32 +14,25 @@ function shownValue(value) {
     return value === '' ? 'empty' : value;
 }
 
-// Has the browser save a text under a name.
-function download(blob, name) {
-    const url = URL.createObjectURL(blob);
-    element('a', {href: url, download: name}).click();
-    setTimeout(() => URL.revokeObjectURL(url), 1000);
-}
-
 export class FileView {
     #live;
     #actions;
-    #name = '';
-    #text = null;
+    #preview = new Preview('file', false);
+    #loaded = null; // the file's bytes in base64
+    #loads = 0;
 
     constructor(live, actions) {
         this.#live = live;
         this.#actions = actions;
         const outcome = find('#file-outcome');
         find('#file-save').addEventListener('click', () => this.#save());
-        onFile(find('#file-load'), (file, text) => this.#load(file.name, text),
+        onFile(find('#file-load'), LONGEST_PARAMETERS, (name, bytes) => this.#load(name, bytes),
                (why) => showOutcome(outcome, why));
         find('#file-apply').addEventListener('click', () => this.#carryOut(this.#function));
         find('#file-restart').addEventListener('click', () => this.#carryOut('restart'));
-        find('#file-compare').addEventListener('click', () => this.#compare());
         find('#file-close').addEventListener('click', () => this.#close());
-        copyOnClick(find('#file-copy'), find('#file-command'));
         live.addEventListener('state', () => this.#showButtons());
+        live.addEventListener('parameters', () => this.#compare());
         actions.addEventListener('busy', () => this.#showButtons());
         this.#showButtons();
     }
@@ -57,7 +51,18 @@ export class FileView {
         find('#file-apply').disabled = isBusy;
         find('#file-restart').disabled = isBusy || !this.#running;
         setText(find('#file-apply'), this.#running ? 'Update' : 'Start with it');
-        setText(find('#file-command'), commandLine(['qm5osd', this.#function, '-f', this.#name]));
+        this.#showCommands();
+    }
+
+    #requestOf(name) {
+        return {function: name, parameters: [], file_base64: this.#loaded};
+    }
+
+    #showCommands() {
+        const functions = this.#running ? ['update', 'restart'] : ['start'];
+        const isLoaded = this.#loaded !== null;
+        this.#preview.show(isLoaded ? functions.map((name) => this.#requestOf(name)) : [],
+                           isLoaded ? `${this.#loads} ${functions}` : '');
     }
 
     async #save() {
@@ -71,12 +76,12 @@ export class FileView {
         }
     }
 
-    async #load(name, text) {
-        this.#name = name;
-        this.#text = text;
+    async #load(name, bytes) {
+        this.#loaded = toBase64(bytes);
+        this.#loads++;
         showOutcome(find('#file-outcome'), '');
         setText(find('#file-name'), name);
-        setText(find('#file-text'), text);
+        setText(find('#file-text'), new TextDecoder().decode(bytes));
         find('#file-loaded').hidden = false;
         this.#showButtons();
         await this.#compare();
@@ -84,18 +89,25 @@ export class FileView {
     }
 
     #close() {
-        this.#text = null;
+        this.#loaded = null;
+        this.#showCommands();
         find('#file-loaded').hidden = true;
         find('#file-load').focus();
     }
 
+    // Compares the loaded file with what is in force, unless it is another one by then.
     async #compare() {
+        if (this.#loaded === null)
+            return;
+        const loads = this.#loads;
         let found;
         try {
-            found = await change('POST', '/api/parameters/compare', {file: this.#text});
+            found = await change('POST', '/api/parameters/compare', {file_base64: this.#loaded});
         } catch (error) {
             found = {differences: [], error: error.message};
         }
+        if (loads !== this.#loads)
+            return;
         this.#showVerdict(found);
         find('#file-differences').hidden = found.differences.length === 0;
         find('#file-rows').replaceChildren(...found.differences.map(({key, value, file}) =>
@@ -116,10 +128,8 @@ export class FileView {
 
     async #carryOut(name) {
         const outcome = find('#file-outcome');
-        const request = {function: name, parameters: [], file: this.#text};
-        const answer = await this.#actions.application(outcome, request);
+        const answer = await this.#actions.application(outcome, this.#requestOf(name));
         await this.#live.readParameters();
-        await this.#compare();
         if (answer.good)
             showOutcome(outcome, 'Done.', true);
     }

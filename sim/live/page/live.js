@@ -8,8 +8,8 @@ import {SLOTS} from './slots.js';
 
 const RETRY_MS = [500, 1000, 2000, 5000];
 
-// Fires: connection, state, parameters, palette, picture (detail: number of the post), calls and
-// reports (detail: what the server's event carried).
+// Fires: connection, state, parameters, failure (they couldn't be read), palette, picture (detail:
+// number of the post), calls and reports (detail: what the server's event carried).
 export class Live extends EventTarget {
     connection = 'connecting'; // or 'open', 'lost'
     refusal = ''; // why the server doesn't let the page follow, if it says so
@@ -18,6 +18,7 @@ export class Live extends EventTarget {
     palette = packPalette(Array(256).fill([0, 0, 0, 0]));
     hasDefaultPalette = true;
     paletteError = ''; // why the one in force can't be read
+    parametersError = ''; // the same of the parameters
     pictures = [];
 
     #values = new Map();
@@ -66,10 +67,13 @@ export class Live extends EventTarget {
                 this.#parametersWanted = false;
                 this.parameters = (await getJson('/api/parameters')).parameters;
                 this.#values = new Map(this.parameters.map((row) => [row.key, row.value]));
+                this.parametersError = '';
                 this.#tell('parameters');
             }
-        } catch {
-            // The connection is lost or the server is ending; what comes next asks again.
+        } catch (error) {
+            this.#parametersVersion = null; // asked again with the next state
+            this.parametersError = error.status === 0 ? '' : error.message;
+            this.#tell('failure');
         } finally {
             this.#parametersRunning = false;
         }

@@ -58,13 +58,14 @@ class Lines {
 export function followCommands(actions) {
     const lines = new Lines('commands');
     const copy = find('#commands-copy');
+    const commands = () => actions.records.flatMap(({command}) => command ?? []);
     copyOnClick(copy, find('#commands'),
-                () => actions.records.map(({command}) => `${command}\n`).join(''));
-    actions.addEventListener('command', ({detail: {time, command, good, words}}) => {
-        const first = {text: `${timeOfDay(time).slice(0, 8)}  ${command}`, isBad: !good};
+                () => commands().map((command) => `${command}\n`).join(''));
+    actions.addEventListener('command', ({detail: {time, command, request, good, words}}) => {
+        const first = {text: `${timeOfDay(time).slice(0, 8)}  ${command ?? request}`, isBad: !good};
         const more = words.split('\n').map((text) => ({text: `  ${text}`, isBad: true}));
         lines.add(good ? [first] : [first, ...more]);
-        copy.hidden = false;
+        copy.hidden = commands().length === 0;
     });
 }
 

@@ -1,6 +1,7 @@
 // The pictures of the four posts side by side, with each post's thread below its picture, and the
 // guides that all pictures can show.
 
+import {showOutcome} from './actions.js';
 import {element, find, setText} from './dom.js';
 import {drawGuides, isEmpty, safeArea} from './picture.js';
 import {cellOf, modeName, modeOf, parseSize, POST_SIZES, POSTS, safeSpaceOf} from './slots.js';
@@ -128,6 +129,7 @@ class PostView {
             hidden: true,
             textContent: 'The safe spaces leave nothing of this picture.',
         });
+        p.failure = element('p', {className: 'error', hidden: true});
         p.outcome = element('p', {className: 'outcome', hidden: true});
         return element('form', {
             className: 'post-form',
@@ -136,7 +138,7 @@ class PostView {
                 event.preventDefault();
                 this.#change(p.wanted.value.trim() || p.wanted.placeholder);
             }},
-        }, p.wanted, p.set, p.close, p.note, p.safe, p.outcome);
+        }, p.wanted, p.set, p.close, p.note, p.safe, p.failure, p.outcome);
     }
 
     async #change(size) {
@@ -152,14 +154,20 @@ class PostView {
         return this.#live.state?.posts[this.#number];
     }
 
+    #whyEmpty() {
+        const {folder, state_error: error} = this.#live.state;
+        if (error)
+            return 'What is shown cannot be told.';
+        return folder ? `Post ${this.#number} has no thread.` : 'Nothing has been shown yet.';
+    }
+
     showState() {
         const p = this.#parts;
         const post = this.#post;
         setText(p.size, post.open ? `${post.width} × ${post.height}` : 'no thread');
         p.canvas.hidden = !post.open;
         p.empty.hidden = post.open;
-        setText(p.empty, this.#live.state.folder ? `Post ${this.#number} has no thread.`
-                                                 : 'Nothing has been shown yet.');
+        setText(p.empty, this.#whyEmpty());
         p.pixels.disabled = !post.open;
         const now = post.open ? `${post.width}x${post.height}` : 'closed';
         const wanted = post.wanted ?? POST_SIZES[this.#number];
@@ -197,8 +205,9 @@ class PostView {
 
     repaint() {
         const shown = this.#live.pictures[this.#number];
-        const {picture} = shown;
+        const {picture, failure} = shown;
         const {canvas, safe} = this.#parts;
+        showOutcome(this.#parts.failure, failure && `This picture is not up to date: ${failure}`);
         if (!picture || !this.#post?.open)
             return;
         if (canvas.width !== picture.width || canvas.height !== picture.height)

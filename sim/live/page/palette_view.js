@@ -1,8 +1,11 @@
-// The 256 colours of the pictures as a grid with one stop for the keyboard.
+// The 256 colours of the pictures as a grid with one stop for the keyboard, and a form that changes
+// the chosen one.
 
-import {onFile, showOutcome} from './actions.js';
+import {showOutcome} from './actions.js';
 import {element, find, setText} from './dom.js';
+import {download, LONGEST_PALETTE, onFile} from './files.js';
 import {colorCode, colorStyle} from './format.js';
+import {isSamePalette, paletteFile, parseColor, withColor} from './palette.js';
 
 const COLUMNS = 16;
 
@@ -14,21 +17,79 @@ export class PaletteView {
     #live;
     #actions;
     #cells = [];
-    #at = 0;
+    #at = 0; // the chosen index
+    #loaded; // the palette without what was set here, and whether it is the built-in one
+    #isBuiltIn = true;
+    #expected = null; // what is to come of the change that is being carried out
 
     constructor(live, actions) {
         this.#live = live;
         this.#actions = actions;
         this.#makeGrid();
         const outcome = find('#palette-outcome');
-        onFile(find('#palette-load'), (_, text) =>
-            this.#actions.run(outcome, 'PUT', '/api/palette', text, 'text/plain'),
-            (why) => showOutcome(outcome, why));
-        find('#palette-default').addEventListener('click', () =>
-            this.#actions.run(outcome, 'DELETE', '/api/palette'));
-        live.addEventListener('palette', () => this.#show());
-        this.#show();
+        onFile(find('#palette-load'), LONGEST_PALETTE, (_, bytes) => this.#put(bytes),
+               (why) => showOutcome(outcome, why));
+        find('#palette-default').addEventListener('click', () => this.#remove());
+        find('#palette-save').addEventListener('click', () => this.#save());
+        find('#palette-form').addEventListener('submit', (event) => {
+            event.preventDefault();
+            this.#set();
+        });
+        find('#palette-back').addEventListener('click', () => {
+            this.#change(this.#color(this.#at, this.#loaded));
+            this.#cells[this.#at].focus(); // as the button goes off
+        });
+        live.addEventListener('palette', () => this.#take());
+        this.#take();
+        this.#choose(0);
     }
+
+    // ---- Changing ------------------------------------------------------------------------------
+
+    #put(body) {
+        return this.#actions.run(find('#palette-outcome'), 'PUT', '/api/palette', body,
+                                 'text/plain');
+    }
+
+    #remove() {
+        return this.#actions.run(find('#palette-outcome'), 'DELETE', '/api/palette');
+    }
+
+    #save() {
+        const text = paletteFile(this.#live.palette);
+        download(new Blob([text], {type: 'text/plain'}), 'palette.txt');
+        showOutcome(find('#palette-outcome'), 'Saved as palette.txt.', true);
+    }
+
+    #set() {
+        const color = parseColor(find('#palette-color').value, find('#palette-alpha').value);
+        find('#palette-alpha').setAttribute('aria-invalid', color === null);
+        if (color)
+            this.#change(color);
+        else
+            showOutcome(find('#palette-outcome'), 'Alpha is a number of 0 to 255.');
+    }
+
+    // Gives the chosen index a colour.
+    #change(color) {
+        const palette = withColor(this.#live.palette, this.#at, color);
+        this.#expected = palette;
+        return this.#isBuiltIn && isSamePalette(palette, this.#loaded)
+            ? this.#remove() : this.#put(paletteFile(palette));
+    }
+
+    // Another palette than the one that a change here has made is a loaded one.
+    #take() {
+        const {palette, hasDefaultPalette} = this.#live;
+        if (this.#expected === null || !isSamePalette(palette, this.#expected)) {
+            this.#loaded = palette;
+            this.#isBuiltIn = hasDefaultPalette;
+        }
+        this.#show();
+        this.#fill();
+    }
+
+    // ---- The grid ------------------------------------------------------------------------------
 
     #makeGrid() {
         const head = (text) => element('th', {scope: 'col'}, text);
@@ -42,7 +103,7 @@ export class PaletteView {
         }
         const grid = find('#palette-rows');
         grid.addEventListener('focusin',
-                              (event) => this.#moveTo(this.#cells.indexOf(event.target)));
+                              (event) => this.#choose(this.#cells.indexOf(event.target)));
         grid.addEventListener('pointerover', (event) => {
             const index = this.#cells.indexOf(event.target.closest('td'));
             if (index >= 0)
@@ -59,8 +120,8 @@ export class PaletteView {
         return cell;
     }
 
-    #color(index) {
-        return [...this.#live.palette.subarray(index * 4, index * 4 + 4)];
+    #color(index, palette = this.#live.palette) {
+        return [...palette.subarray(index * 4, index * 4 + 4)];
     }
 
     #show() {
@@ -86,11 +147,25 @@ export class PaletteView {
         setText(find('#palette-readout'), `${this.#words(index)} · ${code}`);
     }
 
-    #moveTo(index) {
-        this.#cells[this.#at].tabIndex = -1;
+    #choose(index) {
+        for (const [at, isChosen] of [[this.#at, false], [index, true]]) {
+            this.#cells[at].tabIndex = isChosen ? 0 : -1;
+            this.#cells[at].setAttribute('aria-selected', isChosen);
+        }
         this.#at = index;
-        this.#cells[index].tabIndex = 0;
         this.#read(index);
+        this.#fill();
+    }
+
+    // Has the form show the chosen colour.
+    #fill() {
+        const color = this.#color(this.#at);
+        setText(find('#palette-name'), `Colour ${this.#at}`);
+        find('#palette-color').value = colorCode(color);
+        find('#palette-alpha').value = String(color[3]);
+        find('#palette-alpha').removeAttribute('aria-invalid');
+        const loaded = this.#color(this.#at, this.#loaded);
+        find('#palette-back').disabled = color.every((part, at) => part === loaded[at]);
     }
 
     #key(event) {

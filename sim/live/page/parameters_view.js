@@ -2,13 +2,15 @@
 // A field belongs to the user from the first key on until its change has been carried out.
 
 import {announce} from './announce.js';
-import {copyOnClick, showOutcome} from './actions.js';
-import {planChanges, planCommand, planRestart} from './command.js';
+import {showOutcome} from './actions.js';
+import {parameterFile} from './command.js';
 import {element, find, setText} from './dom.js';
+import {download} from './files.js';
 import {colorStyle, counted} from './format.js';
 import {
     byteLength, defaultOf, Draft, errorsByKey, isColor, isSwitch, nameOf, needsRestart, rangeOf,
 } from './parameters.js';
+import {Preview} from './preview.js';
 import {COLOR_TYPES, POSTS, SLOTS} from './slots.js';
 
 // What the values of some parameters mean, by value.
@@ -169,6 +171,7 @@ export class ParametersView {
     live;
     #actions;
     #fields = new Map();
+    #preview = new Preview('apply', true);
     #panels = new Map(); // by group: '' for the common one, or the digit of a post
     #group = '0';
 
@@ -186,7 +189,7 @@ export class ParametersView {
         });
         find('#apply-restart').addEventListener('click', () => this.#carryOut('restart'));
         find('#apply-discard').addEventListener('click', () => this.#discard());
-        copyOnClick(find('#apply-copy'), find('#apply-command'));
+        find('#apply-save').addEventListener('click', () => this.#save());
         this.#showApply();
     }
 
@@ -285,21 +288,16 @@ export class ParametersView {
         return this.draft.changes(this.live.parameters);
     }
 
-    #plan(changes) {
-        return planChanges(changes, (key) => this.live.rowOf(key).option);
+    #requestOf(name, changes) {
+        const request = {function: name, parameters: changes};
+        return name === 'restart' ? {...request, keep: true} : request;
     }
 
     #showApply() {
         const changes = this.#changes();
         const running = this.live.state?.application.running ?? false;
-        const plan = this.#plan(changes);
         const has = changes.length > 0;
         setText(find('#apply-count'), has ? counted(changes.length, 'change') : 'No change.');
-        find('#apply-command-box').hidden = !has;
-        setText(find('#apply-command'), has ? planCommand(running ? 'update' : 'start', plan) : '');
-        find('#apply-file').hidden = plan.file === undefined;
-        setText(find('#apply-file'), plan.file === undefined ? ''
-                                                             : `changes.conf:\n${plan.file}`);
         const wantsRestart = running && changes.some(([key]) => needsRestart(key));
         setText(find('#apply-note'), wantsRestart ? RESTART_NOTE : '');
         find('#apply-note').hidden = !wantsRestart;
@@ -309,17 +307,24 @@ export class ParametersView {
         find('#apply-submit').disabled = cannot || !this.live.state;
         find('#apply-restart').disabled = cannot;
         find('#apply-discard').disabled = !has;
+        find('#apply-save').disabled = !has;
+        const functions = running ? ['update', ...(wantsRestart ? ['restart'] : [])] : ['start'];
+        this.#showCommands(has ? functions.map((name) => this.#requestOf(name, changes)) : []);
+    }
+
+    // What a restart keeps depends on what is in force.
+    #showCommands(requests) {
+        const version = this.live.state?.parameters;
+        this.#preview.show(requests, JSON.stringify([requests, version]));
     }
 
     async #carryOut(name) {
         const changes = this.#changes();
         if (changes.length === 0)
             return;
-        const plan = name === 'restart' ? planRestart(this.live.parameters, changes)
-                                        : this.#plan(changes);
         this.#fields.forEach((field) => field.showError(''));
         const outcome = find('#apply-outcome');
-        const answer = await this.#actions.application(null, {function: name, ...plan});
+        const answer = await this.#actions.application(null, this.#requestOf(name, changes));
         if (answer.good) {
             this.draft.carriedOut(changes);
             showOutcome(outcome, 'Done.', true);
@@ -341,6 +346,16 @@ export class ParametersView {
         const [[first]] = errors;
         this.#choose(String(this.live.rowOf(first).post ?? ''));
         this.#fields.get(first).focus();
+    }
+
+    #save() {
+        const changes = this.#changes();
+        const emptied = changes.filter(([, value]) => value === '').map(([key]) => key);
+        const text = parameterFile(changes.filter(([, value]) => value !== ''));
+        download(new Blob([text], {type: 'text/plain'}), 'changes.conf');
+        const without = emptied.length === 0
+            ? '' : `, without ${emptied.join(', ')}: a file leaves alone what it gives as empty`;
+        showOutcome(find('#apply-outcome'), `Saved as changes.conf${without}.`, true);
     }
 
     #discard() {

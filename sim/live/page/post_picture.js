@@ -3,6 +3,8 @@
 import {get} from './api.js';
 import {areaOf, compose, newPicture} from './picture.js';
 
+const RETRY_MS = 2000;
+
 async function fetchBackground(number) {
     const blob = await (await get(`/api/posts/${number}/background`)).blob();
     const exact = {colorSpaceConversion: 'none', premultiplyAlpha: 'none'};
@@ -24,6 +26,10 @@ async function fetchIndices(number, osd) {
     return isSame ? {indices, sets: Number(response.headers.get('X-Sets'))} : null;
 }
 
+function fits(picture, post) {
+    return picture?.width === post.width && picture.height === post.height;
+}
+
 function unionArea(one, other) {
     return {
         left: Math.min(one.left, other.left),
@@ -37,11 +43,13 @@ export class PostPicture {
     picture = null; // as it is shown; null while the post is closed or nothing has come yet
     background = null;
     layers = []; // the shown OSDs with their indices, ready to be composed
+    failure = ''; // why `picture` isn't that of the last state
 
     #number;
     #palette;
     #repainted;
     #post = null;
+    #retry = 0;
     #isBusy = false;
     #backgroundKey = '';
 
@@ -58,17 +66,33 @@ export class PostPicture {
         if (this.#isBusy)
             return;
         this.#isBusy = true;
-        try {
-            while (this.#post) {
-                const next = this.#post;
-                this.#post = null;
-                await this.#update(next);
-            }
-        } catch {
-            // No answer, or the post closed meanwhile: another state is on its way.
-        } finally {
-            this.#isBusy = false;
+        while (this.#post) {
+            const next = this.#post;
+            this.#post = null;
+            await this.#tryUpdate(next);
         }
+        this.#isBusy = false;
+    }
+
+    async #tryUpdate(post) {
+        clearTimeout(this.#retry);
+        try {
+            await this.#update(post);
+            this.#setFailure('');
+        } catch (error) {
+            // No answer, or the post closed meanwhile: another state is on its way.
+            if (error.status === 0 || error.status === 404)
+                return;
+            this.#setFailure(error.message);
+            this.#retry = setTimeout(() => this.take(post), RETRY_MS);
+        }
+    }
+
+    #setFailure(failure) {
+        if (this.failure === failure)
+            return;
+        this.failure = failure;
+        this.#repainted();
     }
 
     // Fetches everything anew with the next state.
@@ -90,6 +114,8 @@ export class PostPicture {
             return;
         }
         const isNew = await this.#updateBackground(post);
+        if (!fits(this.picture, post))
+            return;
         const old = this.layers;
         const shown = post.osds.filter((osd) => osd.shown);
         const layers = await Promise.all(shown.map((osd) => this.#updateLayer(osd)));
@@ -114,8 +140,8 @@ export class PostPicture {
         if (key === this.#backgroundKey)
             return false;
         const background = await fetchBackground(this.#number);
-        if (background.width !== post.width || background.height !== post.height)
-            throw new Error('the post has another size by now');
+        if (!fits(background, post)) // it has another size by now
+            return false;
         this.background = background;
         this.#backgroundKey = key;
         this.picture = newPicture(post.width, post.height);

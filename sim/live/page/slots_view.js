@@ -19,6 +19,13 @@ function makeRow() {
     return element('tr', {}, element('th', {scope: 'row'}), ...cells);
 }
 
+// The server knows no moment before its own start.
+function lastSet({sets, last_set: moment}) {
+    if (moment)
+        return timeOfDay(moment);
+    return sets > 0 ? 'before this page' : 'never';
+}
+
 export class SlotsView {
     #live;
     #sets = new Map(); // what the codec had been given at the last look
@@ -64,7 +71,7 @@ export class SlotsView {
             memory: isOpen ? String(osd.memory_bytes) : '',
             shown: isOpen ? (osd.shown ? `${osd.x}, ${osd.y}` : 'not shown') : '',
             sets: isOpen ? String(osd.sets) : '',
-            last: osd.last_set ? timeOfDay(osd.last_set) : '',
+            last: isOpen ? lastSet(osd) : '',
         };
     }
 

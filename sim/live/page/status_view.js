@@ -15,6 +15,7 @@ const CONNECTIONS = {
 const LOST = 'The connection to qm5sim serve is lost. What stands below is what was known last; ' +
     'this page tries again by itself.';
 const ELSEWHERE = 'A server runs, but not on this simulated codec: nobody has it open.';
+const NO_SENSE = 'The state of the codec cannot be shown:';
 const NO_STATE = 'There is no state folder yet: no application has used the simulated codec. ' +
     'Start the application.';
 const NOT_RUNNING = 'No server runs. The pictures change only while the application runs.';
@@ -40,6 +41,8 @@ export class StatusView {
         live.addEventListener('connection', () => this.#showConnection());
         live.addEventListener('state', () => this.#showState());
         live.addEventListener('palette', () => this.#showNotices());
+        live.addEventListener('parameters', () => this.#showNotices());
+        live.addEventListener('failure', () => this.#showNotices());
         live.addEventListener('reports', (event) => this.#takeReports(event.detail));
         actions.addEventListener('busy', () => this.#showButtons());
         for (const name of ['start', 'stop', 'restart']) {
@@ -142,7 +145,9 @@ export class StatusView {
         if (!state)
             return notices;
         const running = state.application.running;
-        if (running && !state.device_open)
+        if (state.state_error)
+            notices.push({kind: 'bad', text: `${NO_SENSE} ${state.state_error}`});
+        else if (running && !state.device_open)
             notices.push({kind: 'warn', text: ELSEWHERE});
         else if (!state.folder)
             notices.push({kind: 'info', text: NO_STATE});
@@ -152,6 +157,10 @@ export class StatusView {
             notices.push({kind: 'bad', text: `Faults and settings: ${state.faults.error}`});
         if (this.#live.paletteError)
             notices.push({kind: 'bad', text: `The palette: ${this.#live.paletteError}`});
+        if (this.#live.parametersError) {
+            const text = `The parameters in force: ${this.#live.parametersError}`;
+            notices.push({kind: 'bad', text});
+        }
         for (const text of this.#troubles.keys())
             notices.push({kind: 'bad', text, dismiss: () => this.#troubles.delete(text)});
         return notices;
@@ -167,8 +176,9 @@ export class StatusView {
 
     #makeNotice({kind, text, dismiss}) {
         const row = element('li', {className: `notice ${kind}`}, element('span', {}, text));
-        if (dismiss) {
+        if (kind === 'bad' && text !== LOST) // which is told already
             announce(text);
+        if (dismiss) {
             row.append(element('button', {
                 type: 'button',
                 textContent: 'Dismiss',

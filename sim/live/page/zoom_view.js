@@ -12,6 +12,7 @@ const SCALES = [1, 2, 3, 4, 6, 8, 12, 16, 24, 32];
 const FIRST_SCALE = 3;
 const GRID_FROM = 12; // at this scale the edges of the pixels are drawn
 const FAR = 10; // how far a step with Shift goes
+const UNSTEADY = 5; // so far a finger moves that is to rest, in pixels of style
 
 const STEPS = {
     ArrowLeft: [-1, 0], ArrowRight: [1, 0], ArrowUp: [0, -1], ArrowDown: [0, 1],
@@ -133,7 +134,7 @@ export class ZoomView {
         canvas.addEventListener('keydown', (event) => this.#key(event));
         canvas.addEventListener('pointerdown', (event) => this.#grab(event));
         canvas.addEventListener('pointermove', (event) => this.#point(event));
-        canvas.addEventListener('pointerup', () => (this.#drag = null));
+        canvas.addEventListener('pointerup', (event) => this.#release(event));
         canvas.addEventListener('pointercancel', () => (this.#drag = null));
         find('#zoom').addEventListener('keydown', (event) => {
             if (event.key === 'Escape')
@@ -315,14 +316,31 @@ export class ZoomView {
 
     #grab(event) {
         this.#canvas.setPointerCapture(event.pointerId);
-        this.#drag = {...this.#placeOf(event), left: this.#left, top: this.#top};
+        const place = this.#placeOf(event);
+        this.#drag = {...place, left: this.#left, top: this.#top, isMoving: false};
+    }
+
+    // A finger has no pointer that goes ahead of it: a tap puts the cursor there.
+    #release(event) {
+        const wasMoving = this.#drag?.isMoving;
+        this.#drag = null;
+        if (!wasMoving)
+            this.#point(event);
+    }
+
+    #dragTo({x, y}) {
+        const drag = this.#drag;
+        const far = Math.hypot(x - drag.x, y - drag.y);
+        drag.isMoving ||= far > UNSTEADY * devicePixelRatio;
+        if (drag.isMoving)
+            this.#moveTo(drag.left - (x - drag.x) / this.#scale,
+                         drag.top - (y - drag.y) / this.#scale);
     }
 
     #point(event) {
         const place = this.#placeOf(event);
         if (this.#drag) {
-            this.#moveTo(this.#drag.left - (place.x - this.#drag.x) / this.#scale,
-                         this.#drag.top - (place.y - this.#drag.y) / this.#scale);
+            this.#dragTo(place);
             return;
         }
         this.#putCursor(Math.floor(this.#left + place.x / this.#scale),

@@ -2,7 +2,9 @@
 
 import assert from 'node:assert/strict';
 import {spawnSync} from 'node:child_process';
-import {readFileSync, rmSync, writeFileSync} from 'node:fs';
+import {
+    mkdirSync, readFileSync, renameSync, rmdirSync, rmSync, truncateSync, writeFileSync,
+} from 'node:fs';
 import path from 'node:path';
 import {after, test} from 'node:test';
 
@@ -21,6 +23,13 @@ async function choose(stage, group) {
 function inForce(stage, key) {
     const {stdout} = stage.osd('getthdinfo', '-a');
     return new RegExp(`:${key}=(.*)$`, 'm').exec(stdout)?.[1];
+}
+
+// Has the page load a parameter file of these bytes, one for each character.
+async function loadFile(stage, text) {
+    await stage.page.setInputFiles('#file-load', {
+        name: 'bad.conf', mimeType: 'text/plain', buffer: Buffer.from(text, 'latin1'),
+    });
 }
 
 // ---- Parameters --------------------------------------------------------------------------------
@@ -53,8 +62,8 @@ test('what a shell would touch reaches the application untouched', async (t) => 
     await stage.startApplication();
     const text = `it's $HOME "&" \\;`;
     await stage.page.fill('#field-Post0String', text);
-    await stage.text('#apply-command',
-                     `qm5osd update '--Post0String=it'\\''s $HOME "&" \\;'`);
+    await stage.text('#apply-commands code',
+                     `${QM5OSD_PROGRAM} update '--Post0String=it'\\''s $HOME "&" \\;'`);
     assert.equal(await stage.update(), 'Done.');
     assert.equal(inForce(stage, 'Post0String'), text);
     await stage.page.fill('#field-Post0String', '');
@@ -69,8 +78,8 @@ test('a parameter of files alone is changed through a file', async (t) => {
     await choose(stage, '');
     assert.equal(await stage.page.locator('#panel-parameters .tag:visible').count(), 12);
     await stage.page.fill('#field-OsdDateFgColor', '2');
-    await stage.text('#apply-command', 'qm5osd update -f changes.conf');
-    await stage.text('#apply-file', 'changes.conf:\n[osd]\nOsdDateFgColor=2');
+    await stage.text('#apply-commands code', /\/qm5osd update -f \/\S+\/page-[0-9a-f]{8}\.conf$/);
+    await stage.text('#apply-commands pre', '[osd]\nOsdDateFgColor=2');
     assert.equal(await stage.update(), 'Done.');
     assert.match(readFileSync('/tmp/osd_tmp_param.txt', 'utf8'), /^OsdDateFgColor=2$/m);
     await stage.shot('common');
@@ -83,12 +92,61 @@ test('safe spaces are changed by a restart that keeps everything else', async (t
     await choose(stage, '');
     await stage.page.fill('#field-OsdTVOutSafeSpaceLeft', '40');
     await stage.page.locator('#apply-note').waitFor();
+    await stage.text('#apply-commands [data-key="restart"] code', /qm5osd restart -l \S+ -f \S+ /);
+    const file = await stage.page.locator('#apply-commands [data-key="restart"] pre').textContent();
+    assert.match(file, /^\[osd\]$[^]*^Post3String=kept$[^]*^OsdTVOutSafeSpaceLeft=40$/m);
     await stage.click('#apply-restart');
     await stage.page.locator('#apply-outcome.good').waitFor();
     assert.equal(inForce(stage, 'Post0TypeOn'), '1');
     assert.equal(inForce(stage, 'Post3String'), 'kept');
     await stage.text('#slots-rows tr:first-child [data-column="shown"]', /^40, /);
     await stage.showsSnapshot(0);
+});
+
+test('a copied command does by itself what the page would do', async (t) => {
+    const stage = await Stage.open(t, {permissions: ['clipboard-read', 'clipboard-write']});
+    await stage.startApplication();
+    await stage.page.fill('#field-Post0String', 'it\'s "copied"');
+    await stage.text('#apply-commands code', /copied/);
+    await stage.click('#apply-commands button');
+    await stage.text('#apply-commands button', 'Copied');
+    const command = await stage.page.evaluate(() => navigator.clipboard.readText());
+    const env = {...process.env, QM5SIM_STATE: stage.folder};
+    assert.equal(spawnSync('sh', ['-c', command], {env}).status, 0);
+    assert.equal(inForce(stage, 'Post0String'), 'it\'s "copied"');
+});
+
+test('changes are saved as a file, which tells what it cannot hold', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    assert.equal(stage.osd('update', '--Post1String=there').status, 0);
+    await until(async () => await stage.page.inputValue('#field-Post1String') === 'there', 'it');
+    await stage.page.check('#field-Post0DateOn');
+    await choose(stage, '1');
+    await stage.page.fill('#field-Post1String', '');
+    const coming = stage.page.waitForEvent('download');
+    await stage.click('#apply-save');
+    const download = await coming;
+    assert.equal(download.suggestedFilename(), 'changes.conf');
+    const file = path.join(stage.folder, 'changes.conf');
+    await download.saveAs(file);
+    assert.equal(readFileSync(file, 'utf8'), '[osd]\nPost0DateOn=1\n');
+    await stage.text('#apply-outcome', /^Saved as changes\.conf, without Post1String: /);
+    assert.equal(stage.osd('update', '-f', file).status, 0);
+    assert.equal(inForce(stage, 'Post0DateOn'), '1');
+});
+
+test('parameters that cannot be read are told until they can', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    const file = '/tmp/osd_tmp_param.txt';
+    renameSync(file, `${file}.away`);
+    mkdirSync(file);
+    await stage.text('#notices', /The parameters in force: \S*osd_tmp_param\.txt: /);
+    await stage.text('#announcements', /The parameters in force: /);
+    rmdirSync(file);
+    renameSync(`${file}.away`, file);
+    await until(async () => await stage.page.locator('#notices').isHidden(), 'all is well again');
 });
 
 test('no event takes away what was typed', async (t) => {
@@ -143,11 +201,12 @@ test('parameters are saved, loaded, compared and applied', async (t) => {
     await stage.page.setInputFiles('#file-load', file);
     await stage.text('#file-verdict', 'It says nothing else than what is in force.');
     assert.equal(stage.osd('update', '--Post1TypeOn=0', '--Post1String=other').status, 0);
-    await stage.click('#file-compare');
     await stage.text('#file-verdict', '2 differences.');
     assert.deepEqual(await stage.page.locator('#file-rows tr').allInnerTexts(),
                      ['Post1TypeOn\t0\t1', 'Post1String\tother\tsaved']);
-    await stage.text('#file-command', 'qm5osd update -f mine.conf');
+    await stage.text('#file-commands [data-key="update"] code', /qm5osd update -f \S+\.conf$/);
+    await stage.text('#file-commands [data-key="restart"] code',
+                     /qm5osd restart -l \S+ -f \S+\.conf$/);
     await stage.shot('file');
     await stage.click('#file-apply');
     await stage.text('#file-verdict', 'It says nothing else than what is in force.');
@@ -160,16 +219,55 @@ test('a file that the application refuses is told in its words', async (t) => {
     const stage = await Stage.open(t);
     await stage.startApplication();
     await stage.click('#tab-file');
-    const load = (text) => stage.page.setInputFiles('#file-load', {
-        name: 'bad.conf', mimeType: 'text/plain', buffer: Buffer.from(text, 'latin1'),
-    });
-    await load('[osd]\nPost0Nothing=1\n');
+    await loadFile(stage, '[osd]\nPost0Nothing=1\n');
     await stage.text('#file-verdict', /invalid key 'Post0Nothing'/);
     assert.equal(await stage.page.locator('#file-differences').isVisible(), false);
     await stage.click('#file-apply');
     await stage.text('#file-outcome', /invalid key 'Post0Nothing'/);
-    await load('[osd]\nPost0String=\xff\n');
-    await stage.text('#file-outcome', 'bad.conf: it is no text in UTF-8.');
+});
+
+test('a file with bytes that are no text is shown and carried out as it is', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await stage.click('#tab-file');
+    await loadFile(stage, '[osd]\nPost0String=\xff\xfe!\n');
+    await stage.text('#file-verdict', '1 difference.');
+    await stage.text('#file-text', '[osd]\nPost0String=\ufffd\ufffd!');
+    await stage.click('#file-apply');
+    await stage.page.locator('#file-outcome.good').waitFor();
+    await stage.text('#file-verdict', 'It says nothing else than what is in force.');
+    assert.match(readFileSync('/tmp/osd_tmp_param.txt', 'latin1'), /^Post0String=\xff\xfe!$/m);
+});
+
+test('a file that is too large is refused before it is sent', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    const asked = [];
+    stage.page.on('request', (request) => asked.push(new URL(request.url()).pathname));
+    const large = path.join(stage.folder, 'large');
+    const load = (selector, size) => {
+        writeFileSync(large, '');
+        truncateSync(large, size);
+        return stage.page.setInputFiles(selector, large);
+    };
+    await stage.click('#tab-file');
+    await load('#file-load', 700 * 1024 + 1);
+    await stage.text('#file-outcome', 'large: it has 716801 bytes, of 716800 at most.');
+    await stage.click('#tab-palette');
+    await load('#palette-load', 64 * 1024 + 1);
+    await stage.text('#palette-outcome', 'large: it has 65537 bytes, of 65536 at most.');
+    await stage.click('#tab-codec');
+    await load('#frame-load', 16 * 1024 * 1024 + 1);
+    await stage.text('#frame-outcome', 'large: it has 16777217 bytes, of 16777216 at most.');
+    assert.deepEqual(asked, []);
+    await load('#frame-load', 16 * 1024 * 1024);
+    await stage.text('#frame-outcome', /^frame: /);
+    await stage.click('#tab-palette');
+    await load('#palette-load', 64 * 1024);
+    await stage.text('#palette-outcome', /^palette: line 1: /);
+    await stage.click('#tab-file');
+    await loadFile(stage, `[osd]\n${';'.repeat(700 * 1024 - 6)}`);
+    await stage.text('#file-verdict', 'It says nothing else than what is in force.');
 });
 
 // ---- Faults ------------------------------------------------------------------------------------
@@ -209,7 +307,19 @@ test('a fault that makes no sense is refused with the reason', async (t) => {
     assert.deepEqual(await stage.page.locator('#fault-effect option').evaluateAll(
         (options) => options.map(({value}) => value)), ['double', 'late']);
     assert.equal(await stage.page.locator('#fault-value-field').isVisible(), false);
+    await stage.page.selectOption('#fault-when', 'next');
+    await stage.page.selectOption('#fault-operation', 'set_osd');
+    await stage.page.selectOption('#fault-effect', 'change-after');
+    await stage.page.selectOption('#fault-changed', '1');
+    await stage.text('#fault-command', 'qm5sim fault add set_osd next change-after 1 640x480');
+    await stage.page.fill('#fault-value', 'wide');
+    await stage.click('#fault-form [type="submit"]');
+    await stage.text('#fault-outcome', /set_osd next change-after 1 wide: /);
+    await stage.page.fill('#fault-value', 'closed');
+    await stage.click('#fault-form [type="submit"]');
+    await stage.text('#fault-rows tr', /^1set_osd next change-after 1 closed00Remove$/);
     await stage.page.selectOption('#fault-operation', 'library_init');
+    assert.equal(await stage.page.locator('#fault-changed').isVisible(), false);
     assert.equal(await stage.page.locator('#fault-post').isDisabled(), true);
 });
 
@@ -225,7 +335,6 @@ test('the application stops and starts while the page is open', async (t) => {
     await stage.text('#notices', /No server runs\. The pictures change only/);
     await stage.shot('stopped');
     await stage.idle();
-    await stage.page.uncheck('#field-Post0TypeOn', {force: true}).catch(() => {});
     await stage.page.check('#field-Post0DateOn');
     await stage.text('#apply-submit', 'Start with them');
     await stage.click('#apply-submit');
@@ -246,13 +355,24 @@ test('a font that cannot be opened is told', async (t) => {
     await stage.click('#apply-restart');
     await stage.page.locator('#apply-outcome').waitFor();
     stage.osd('update', '--Post0TypeOn=1'); // an open is what needs the font
-    await stage.text('#notices', /The font cannot be opened: \/no\/such\/font\.ttf/);
     await stage.text('#reports', /New_Face error\. font file: \/no\/such\/font\.ttf/);
+    await stage.text('#notices', /The font cannot be opened: \/no\/such\/font\.ttf/);
     await stage.shot('error');
     await stage.checkAccessibility('a font that cannot be opened');
     await stage.click('#notices button');
     await until(async () => !/font/.test(await stage.page.locator('#notices').textContent()),
                 'the notice is dismissed');
+});
+
+test('pictures and safe spaces without room for the texts are told', async (t) => {
+    const stage = await Stage.open(t);
+    stage.setPost(1, '16x16');
+    const file = path.join(stage.folder, 'safe.conf');
+    writeFileSync(file, '[osd]\nOsdTVOutSafeSpaceLeft=400\nOsdTVOutSafeSpaceRight=400\n');
+    assert.equal(stage.osd('start', '-f', file, '-l', path.join(stage.folder, 'server.log'),
+                           '--Post0TypeOn=1', '--Post1TypeOn=1').status, 1);
+    await stage.text('#notices', /The safe spaces leave no room .*left\/right=400\/400\)/);
+    await stage.text('#notices', /The picture is too small .*video width is .*W\/H=16\/16\)/);
 });
 
 test('a server that was killed is told, and another one started', async (t) => {
@@ -311,8 +431,16 @@ test('the time zone block is set and removed', async (t) => {
     assert.match(stage.sim('clock').stdout, /^zone: UTC-9$/m);
     stage.sim('clock', 'UTC+3');
     await stage.text('#clock-state', 'Zone UTC+3, change byte 2.');
+    await stage.page.fill('#clock-change', '256');
+    await stage.click('#change-submit');
+    await stage.text('#change-outcome', '256: no number of 0 to 255');
+    await stage.page.fill('#clock-change', '200');
+    await stage.click('#change-submit');
+    await stage.text('#clock-state', 'Zone UTC+3, change byte 200.');
+    await stage.text('#commands li:last-child', / qm5sim clock --change 200$/);
     await stage.click('#clock-remove');
     await stage.text('#clock-state', /There is no block/);
+    assert.equal(await stage.page.isDisabled('#change-submit'), true);
 });
 
 test('settings are shown and changed', async (t) => {
@@ -349,8 +477,11 @@ test('recorded calls are shown, filtered and paused', async (t) => {
     await stage.shot('calls');
     const lines = () => stage.page.locator('#calls li').allInnerTexts();
     await stage.page.check('#calls-failed');
-    await until(async () => (await lines()).every((line) => !line.includes('→ 0')), 'failed only');
+    const failed = await lines();
+    assert.ok(failed.length >= 1);
+    assert.ok(failed.every((line) => / → -1 /.test(line)), failed.join('\n'));
     await stage.page.uncheck('#calls-failed');
+    await until(async () => (await lines()).length > failed.length, 'all are shown again');
     await stage.page.selectOption('#calls-operation', 'set_osd');
     await stage.page.selectOption('#calls-post', '1');
     const found = await lines();
@@ -368,10 +499,15 @@ test('recorded calls are shown, filtered and paused', async (t) => {
 
 test('commands of the page are kept for copying', async (t) => {
     const stage = await Stage.open(t, {permissions: ['clipboard-read', 'clipboard-write']});
+    await stage.page.fill('#post-3-size', 'huge');
+    await stage.click('#post-3 [type="submit"]');
+    await stage.text('#commands', /  PUT \/api\/posts\/3  huge: neither /); // no command
+    assert.equal(await stage.page.locator('#commands-copy').isHidden(), true);
     await stage.page.fill('#post-3-size', '320x240');
     await stage.click('#post-3 [type="submit"]');
-    await stage.text('#commands', /  qm5sim post 3 (open|resize) 320x240$/);
-    const [, command] = (await stage.page.locator('#commands').textContent()).split(/  (.*)/);
+    const last = stage.page.locator('#commands li:last-child');
+    await stage.text('#commands li:last-child', /  qm5sim post 3 (open|resize) 320x240$/);
+    const [, command] = (await last.textContent()).split(/  (.*)/);
     await stage.click('#commands-copy');
     await stage.text('#commands-copy', 'Copied');
     assert.equal(await stage.page.evaluate(() => navigator.clipboard.readText()),

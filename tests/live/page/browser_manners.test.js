@@ -84,13 +84,16 @@ test('dark and light are what the user prefers', async (t) => {
 });
 
 test('nothing moves for who wants it so', async (t) => {
-    const stage = await Stage.open(t, {reducedMotion: 'reduce'});
+    const stage = await Stage.open(t);
     await stage.startApplication();
     assert.equal(stage.osd('update', '--Post0TypeOn=1').status, 0);
     await stage.page.locator('#slots-rows tr').first().waitFor();
-    assert.deepEqual(await stage.page.evaluate(() => [...new Set([...document.querySelectorAll('*')]
+    const moves = () => stage.page.evaluate(() => [...new Set([...document.querySelectorAll('*')]
         .flatMap((each) => [getComputedStyle(each).transitionDuration,
-            getComputedStyle(each).animationName]))].sort()), ['0s', 'none']);
+            getComputedStyle(each).animationName]))].sort());
+    assert.deepEqual(await moves(), ['0.6s', '0s', 'none'], 'marks fade away for others');
+    await stage.page.emulateMedia({reducedMotion: 'reduce'});
+    assert.deepEqual(await moves(), ['0s', 'none']);
 });
 
 // ---- Sizes -------------------------------------------------------------------------------------
@@ -165,6 +168,9 @@ test('everything is done by keyboard alone', async (t) => {
     await keyboard.type('640x480');
     await keyboard.press('Enter');
     await stage.text('#post-0 .post-size', '640 × 480');
+    await tabTo(stage, '#post-3 .post-form [type="button"]');
+    await keyboard.press('Enter');
+    await stage.text('#post-3 .empty', 'Post 3 has no thread.');
     await tabTo(stage, '#tab-parameters');
     for (let step = 0; step < 3; step++)
         await keyboard.press('ArrowRight');
@@ -179,6 +185,80 @@ test('everything is done by keyboard alone', async (t) => {
     assert.equal(await stage.page.locator('#panel-codec').isVisible(), true);
     await keyboard.press('ArrowRight');
     assert.equal(await stage.page.locator('#panel-parameters').isVisible(), true);
+});
+
+test('pixels are looked at by keyboard alone', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    const {keyboard} = stage.page;
+    await tabTo(stage, '#post-1 .post-head button');
+    await keyboard.press('Enter');
+    await stage.text('#zoom-heading', 'Post 1, Stream 1: 1920 × 1080');
+    assert.equal(await stage.page.evaluate(() => document.activeElement.id), 'zoom-canvas');
+    await keyboard.press('ArrowRight');
+    await stage.text('#announcements', /961, 540, #[0-9a-f]{6}\.$/);
+    await tabTo(stage, '#zoom-in');
+    await keyboard.press('Enter');
+    await stage.text('#zoom-scale', '4×');
+    await tabTo(stage, '#zoom-posts [aria-pressed="false"]');
+    await keyboard.press('Space');
+    await stage.text('#zoom-heading', /^Post 0, /);
+    await keyboard.press('Escape');
+    assert.equal(await stage.page.evaluate(() =>
+        document.activeElement.getAttribute('aria-label')), 'Pixels of post 1');
+});
+
+test('faults are made, switched off and removed by keyboard alone', async (t) => {
+    const stage = await Stage.open(t);
+    const {keyboard} = stage.page;
+    await tabTo(stage, '#tab-parameters');
+    for (let step = 0; step < 2; step++)
+        await keyboard.press('ArrowRight');
+    await tabTo(stage, '#fault-operation');
+    await keyboard.type('close_osd');
+    await tabTo(stage, '#fault-effect');
+    await keyboard.type('vanish');
+    await tabTo(stage, '#fault-post');
+    await keyboard.type('post 2');
+    await tabTo(stage, '#fault-form [type="submit"]');
+    await keyboard.press('Enter');
+    await stage.text('#fault-rows tr', /^1close_osd next vanish post 200Remove$/);
+    assert.match(stage.sim('fault').stdout, /^1 close_osd next vanish post 2: met 0/);
+    await tabTo(stage, '#faults-on');
+    await keyboard.press('Space');
+    await stage.text('#text-faults', '1 fault, off');
+    await tabTo(stage, '#fault-rows button');
+    await keyboard.press('Enter');
+    await stage.text('#fault-empty', 'No fault.');
+});
+
+test('files are saved, loaded and put away by keyboard alone', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    const {keyboard} = stage.page;
+    await tabTo(stage, '#tab-parameters');
+    await keyboard.press('ArrowRight');
+    await tabTo(stage, '#file-save');
+    const coming = stage.page.waitForEvent('download');
+    await keyboard.press('Enter');
+    assert.equal((await coming).suggestedFilename(), 'qm5_app_comm.conf');
+    await tabTo(stage, '#file-load');
+    const asking = stage.page.waitForEvent('filechooser');
+    await keyboard.press('Enter');
+    await (await asking).setFiles({
+        name: 'other.conf', mimeType: 'text/plain', buffer: Buffer.from('[osd]\nPost0DateOn=1\n'),
+    });
+    await stage.text('#file-verdict', '1 difference.');
+    await until(() => stage.page.evaluate(() => document.activeElement.id === 'file-name'),
+                'the focus is on the file');
+    await tabTo(stage, '#file-apply');
+    await keyboard.press('Enter');
+    await stage.page.locator('#file-outcome.good').waitFor();
+    await stage.showsSnapshot(0);
+    await tabTo(stage, '#file-close');
+    await keyboard.press('Enter');
+    assert.equal(await stage.page.locator('#file-loaded').isVisible(), false);
+    assert.equal(await stage.page.evaluate(() => document.activeElement.id), 'file-load');
 });
 
 test('removing the last fault leaves the focus at a useful place', async (t) => {

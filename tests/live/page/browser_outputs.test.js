@@ -1,11 +1,13 @@
 // The pictures of the live page in a browser, held against what the tool writes of the same moment.
 
 import assert from 'node:assert/strict';
-import {writeFileSync} from 'node:fs';
+import {readFileSync, writeFileSync} from 'node:fs';
 import path from 'node:path';
 import {after, test} from 'node:test';
 
 import {closeBrowser, Stage, until} from './stage.js';
+
+const {QM5OSD_PROGRAM} = process.env;
 
 after(closeBrowser);
 
@@ -27,7 +29,7 @@ test('a date that the form switches on comes into the picture', async (t) => {
         document.querySelector('#canvas-1').toDataURL());
     await stage.click('#parameter-groups [data-group="1"]');
     await stage.page.check('#field-Post1DateOn');
-    await stage.text('#apply-command', 'qm5osd update --Post1DateOn=1');
+    await stage.text('#apply-commands code', `${QM5OSD_PROGRAM} update --Post1DateOn=1`);
     assert.equal(await stage.update(), 'Done.');
     await stage.text('#commands li:last-child', /qm5osd update --Post1DateOn=1$/);
     await stage.showsSnapshot(1);
@@ -132,6 +134,51 @@ test('another palette colours the pictures', async (t) => {
     await stage.showsSnapshot(0);
 });
 
+// Gives the chosen colour of the palette other values.
+async function setColor(stage, color, alpha) {
+    await stage.page.fill('#palette-color', color);
+    await stage.page.fill('#palette-alpha', alpha);
+    await stage.click('#palette-form [type="submit"]');
+}
+
+test('a single colour is set, and given back what the loaded palette has', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    assert.equal(stage.osd('update', '--Post0TypeOn=1').status, 0);
+    await stage.click('#tab-palette');
+    await stage.text('#palette-state', 'The built-in palette.');
+    const builtIn = stage.sim('palette').stdout;
+    await stage.page.locator('#palette-rows td').nth(3).click();
+    await stage.text('#palette-name', 'Colour 3');
+    assert.equal(await stage.page.isDisabled('#palette-back'), true);
+    await setColor(stage, '#0ac81e', '128');
+    await stage.text('#palette-readout', /^3: red 10, green 200, blue 30, alpha 128/);
+    await stage.text('#palette-state', 'A palette of its own.');
+    assert.equal(stage.sim('palette').stdout, builtIn.replace(/^ *3 .*$/m, '  3  10 200  30 128'));
+    await stage.showsSnapshot(0);
+    await stage.click('#palette-back');
+    await stage.text('#palette-state', 'The built-in palette.');
+    assert.equal(stage.sim('palette').stdout, builtIn);
+    await stage.page.setInputFiles('#palette-load', {
+        name: 'own', mimeType: 'text/plain', buffer: Buffer.from('3 1 2 3 4\n5 6 7 8 9\n'),
+    });
+    await stage.text('#palette-readout', /^3: red 1, green 2, blue 3, alpha 4/);
+    const own = stage.sim('palette').stdout;
+    await setColor(stage, '#0ac81e', '256');
+    await stage.text('#palette-outcome', 'Alpha is a number of 0 to 255.');
+    await setColor(stage, '#0ac81e', '255');
+    await stage.text('#palette-readout', /^3: red 10, /);
+    await stage.click('#palette-back');
+    await stage.text('#palette-readout', /^3: red 1, /);
+    assert.equal(stage.sim('palette').stdout, own);
+    const coming = stage.page.waitForEvent('download');
+    await stage.click('#palette-save');
+    const file = path.join(stage.folder, 'palette.txt');
+    await (await coming).saveAs(file);
+    assert.equal(stage.sim('palette', '--load', file).status, 0);
+    assert.equal(stage.sim('palette').stdout, own);
+});
+
 test('a picture of the user comes below the OSDs', async (t) => {
     const stage = await Stage.open(t);
     stage.setPost(2, '64x36');
@@ -200,6 +247,64 @@ test('pixels follow the pointer and the wheel', async (t) => {
     await stage.page.mouse.up();
     await stage.page.mouse.move(x + 10, y + 10);
     await until(async () => (await position())[0] === wheeled[0] - 10, 'the picture was dragged');
+});
+
+test('a tap puts the cursor where the finger was', async (t) => {
+    const stage = await Stage.open(t, {hasTouch: true, viewport: {width: 360, height: 740}});
+    await stage.startApplication();
+    await stage.page.locator('#post-2').getByText('Pixels').tap();
+    const cell = stage.page.locator('#zoom-probe td').nth(1);
+    const position = async () => (await cell.textContent()).split(', ').map(Number);
+    const first = await until(async () => (await cell.textContent() !== '—') && position(), 'one');
+    await stage.page.locator('#zoom-canvas').scrollIntoViewIfNeeded();
+    const {x, y, width, height} = await stage.page.locator('#zoom-canvas').boundingBox();
+    const [tapX, tapY] = [Math.round(x + width / 2) + 30, Math.round(y + height / 2) - 60];
+    await stage.page.touchscreen.tap(tapX, tapY);
+    await until(async () => (await position())[0] !== first[0], 'the cursor has moved');
+    const found = await position();
+    // Three pixels of the screen are one of the picture, whose cursor was in the middle.
+    assert.ok(Math.abs(found[0] - first[0] - 10) <= 1, `${first} to ${found}`);
+    assert.ok(Math.abs(found[1] - first[1] + 20) <= 1, `${first} to ${found}`);
+});
+
+test('a picture that cannot be made is told', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    stage.setPost(3, '9000x9000');
+    await stage.text('#post-3 .error',
+                     /^This picture is not up to date: .*9000x9000 pixels is too large/);
+    stage.setPost(3, '640x480');
+    await until(() => stage.page.locator('#post-3 .error').isHidden(), 'it is there');
+    await stage.showsSnapshot(3);
+});
+
+test('a state that makes no sense is told in place of its pictures', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    assert.equal(stage.osd('stop').status, 0);
+    await stage.text('#text-application', 'No server runs');
+    const file = path.join(stage.folder, 'state');
+    const good = readFileSync(file);
+    writeFileSync(file, 'nonsense');
+    await stage.text('#notices', /The state of the codec cannot be shown: .*\/state: /);
+    await stage.text('#announcements', /The state of the codec cannot be shown: /);
+    await stage.text('#post-2 .empty', 'What is shown cannot be told.');
+    await stage.checkAccessibility('a state that makes no sense');
+    writeFileSync(file, good);
+    await stage.text('#notices', /^No server runs\./);
+});
+
+test('what was set before the page is told as that', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    assert.equal(stage.osd('update', '--Post0TypeOn=1').status, 0);
+    const last = '#slots-rows tr:first-child [data-column="last"]';
+    await stage.text(last, /^\d\d:\d\d:\d\d\.\d\d\d$/);
+    await stage.restartServer();
+    await stage.text(last, 'before this page');
+    assert.equal(stage.osd('update', '--Post0TypeOn=0').status, 0);
+    assert.equal(stage.osd('update', '--Post0TypeOn=1').status, 0);
+    await stage.text(last, /^\d\d:\d\d:\d\d\.\d\d\d$/);
 });
 
 test('only what has changed is fetched, and nothing without a change', async (t) => {

@@ -3,14 +3,16 @@
 import assert from 'node:assert/strict';
 import {test} from 'node:test';
 
-import {
-    commandLine, parameterFile, planChanges, planCommand, planRestart, quote,
-} from '../../../sim/live/page/command.js';
+import {commandLine, parameterFile, quote} from '../../../sim/live/page/command.js';
 import {effectsOf, faultLine, hasPost, OPERATIONS} from '../../../sim/live/page/faults.js';
+import {sizeRefusal, toBase64} from '../../../sim/live/page/files.js';
 import {colorCode, colorStyle, counted, hexadecimal} from '../../../sim/live/page/format.js';
 import {
     callLine, hasFailed, isError, LIMIT, Log, passes, PostFinder, splitReports, troubleOf,
 } from '../../../sim/live/page/log.js';
+import {
+    isSamePalette, paletteFile, parseColor, withColor,
+} from '../../../sim/live/page/palette.js';
 import {
     byteLength, defaultOf, Draft, errorsByKey, isColor, isSwitch, nameOf, needsRestart, rangeOf,
 } from '../../../sim/live/page/parameters.js';
@@ -75,33 +77,39 @@ test('words are quoted as a POSIX shell needs it', () => {
                  `qm5osd update '--Post0String=ä'`);
 });
 
-test('changes go as options, and those that can not through a file', () => {
-    const pairs = [['OsdDateFgColor', '2'], ['Post0DateOn', '1'], ['Post0String', '']];
-    const plan = planChanges(pairs, (key) => key.startsWith('Post'));
-    assert.deepEqual(plan, {
-        parameters: [['Post0DateOn', '1'], ['Post0String', '']],
-        file: '[osd]\nOsdDateFgColor=2\n',
-    });
-    assert.equal(planCommand('update', plan),
-                 'qm5osd update -f changes.conf --Post0DateOn=1 --Post0String=');
-    const none = planChanges([['Post0DateOn', '1']], () => true);
-    assert.equal(none.file, undefined);
-    assert.equal(planCommand('update', none), 'qm5osd update --Post0DateOn=1');
-});
-
-test('a restart takes all parameters in force along', () => {
-    const rows = [
-        {key: 'OsdFontFile', value: '/a.ttf'}, {key: 'Post0DateOn', value: '1'},
-        {key: 'Post0String', value: 'old'}, {key: 'Post1String', value: ''},
-    ];
-    assert.deepEqual(planRestart(rows, [['Post0DateOn', '0'], ['Post0String', '']]), {
-        parameters: [['Post0String', '']],
-        file: '[osd]\nOsdFontFile=/a.ttf\nPost0DateOn=0\n',
-    });
-});
-
 test('a parameter file has its section', () => {
     assert.equal(parameterFile([['A', ' b ']]), '[osd]\nA= b \n');
+});
+
+// ---- Files -------------------------------------------------------------------------------------
+
+test('a file of more bytes than the server takes is refused with both numbers', () => {
+    assert.equal(sizeRefusal({name: 'a.conf', size: 10}, 10), '');
+    assert.equal(sizeRefusal({name: 'a.conf', size: 11}, 10),
+                 'a.conf: it has 11 bytes, of 10 at most.');
+});
+
+test('every byte of a file goes through base64', () => {
+    const bytes = Uint8Array.from({length: 256}, (_, at) => at);
+    assert.equal(toBase64(bytes), Buffer.from(bytes).toString('base64'));
+    assert.equal(toBase64(new Uint8Array()), '');
+});
+
+// ---- Palettes ----------------------------------------------------------------------------------
+
+test('one colour of a palette is changed in a copy', () => {
+    const palette = Uint8Array.from([1, 2, 3, 4, 5, 6, 7, 8]);
+    const changed = withColor(palette, 1, [9, 10, 11, 12]);
+    assert.equal(paletteFile(changed), '0 1 2 3 4\n1 9 10 11 12\n');
+    assert.equal(paletteFile(palette), '0 1 2 3 4\n1 5 6 7 8\n');
+    assert.deepEqual([isSamePalette(palette, palette.slice()), isSamePalette(palette, changed)],
+                     [true, false]);
+});
+
+test('a colour has an alpha of 0 to 255', () => {
+    assert.deepEqual(parseColor('#0aff10', ' 128 '), [10, 255, 16, 128]);
+    for (const alpha of ['', '256', '-1', '1.5', 'x', '0x1'])
+        assert.equal(parseColor('#0aff10', alpha), null, alpha);
 });
 
 // ---- Parameters --------------------------------------------------------------------------------
@@ -181,13 +189,16 @@ test('the words of a fault make its line', () => {
     assert.equal(faultLine({...words, effect: 'vanish'}), 'open_osd next vanish post 1');
     assert.equal(faultLine({...words, operation: 'open_device', when: 'every'}),
                  'open_device every fail refused');
+    assert.equal(faultLine({...words, effect: 'change-after', changed: '2', value: 'closed'}),
+                 'open_osd next change-after 2 closed post 1');
 });
 
 test('each operation has its effects', () => {
     const names = (operation) => effectsOf(operation).map(({name}) => name);
     assert.equal(OPERATIONS.length, 13);
     assert.deepEqual(names('library_init'), ['fail', 'delay']);
-    assert.deepEqual(names('get_osd_mem'), ['fail', 'delay', 'size', 'vanish', 'vanish-after']);
+    assert.deepEqual(names('get_osd_mem'), ['fail', 'delay', 'size', 'vanish', 'vanish-after',
+        'change', 'change-after']);
     assert.deepEqual(names('notify'), ['double', 'late']);
     assert.deepEqual(['notify', 'set_osd', 'set_notify'].map(hasPost), [true, true, false]);
 });
