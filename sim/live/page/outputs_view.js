@@ -155,10 +155,8 @@ class PostView {
     }
 
     #whyEmpty() {
-        const {folder, state_error: error} = this.#live.state;
-        if (error)
-            return 'What is shown cannot be told.';
-        return folder ? `Post ${this.#number} has no thread.` : 'Nothing has been shown yet.';
+        return this.#live.state.state_error ? 'What is shown cannot be told.'
+                                            : `Post ${this.#number} has no thread.`;
     }
 
     showState() {

@@ -16,8 +16,8 @@ const LOST = 'The connection to qm5sim serve is lost. What stands below is what 
     'this page tries again by itself.';
 const ELSEWHERE = 'A server runs, but not on this simulated codec: nobody has it open.';
 const NO_SENSE = 'The state of the codec cannot be shown:';
-const NO_STATE = 'There is no state folder yet: no application has used the simulated codec. ' +
-    'Start the application.';
+const NO_STATE = 'No application has used this simulated codec yet. The outputs are as the first ' +
+    'will find them.';
 const NOT_RUNNING = 'No server runs. The pictures change only while the application runs.';
 
 function setLamp(name, text, kind) {

@@ -44,7 +44,7 @@ async function forEachTab(stage, run) {
 for (const colorScheme of ['light', 'dark']) {
     test(`the empty page breaks no rule of accessibility, ${colorScheme}`, async (t) => {
         const stage = await Stage.open(t, {colorScheme});
-        await stage.text('#notices', /There is no state folder yet/);
+        await stage.text('#notices', /No application has used this simulated codec yet/);
         await forEachTab(stage, (tab) => stage.checkAccessibility(`empty, ${tab}`));
     });
 

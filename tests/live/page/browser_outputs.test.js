@@ -11,13 +11,13 @@ const {QM5OSD_PROGRAM} = process.env;
 
 after(closeBrowser);
 
-test('without a state the page says so and shows no picture', async (t) => {
+test('before any application the page says so and shows the posts without OSDs', async (t) => {
     const stage = await Stage.open(t);
     await stage.text('#text-application', 'No server runs');
-    await stage.text('#notices', /There is no state folder yet/);
-    await stage.text('#post-2 .empty', 'Nothing has been shown yet.');
+    await stage.text('#notices', /No application has used this simulated codec yet/);
     await stage.text('#slots-empty', 'No OSD is open.');
-    assert.equal(await stage.page.locator('.screen canvas:visible').count(), 0);
+    for (const post of [0, 1, 2, 3])
+        await stage.showsSnapshot(post);
     await stage.shot('empty');
 });
 
@@ -73,21 +73,29 @@ test('safe spaces and cells are marked as the tool does', async (t) => {
     writeFileSync(file, '[osd]\nOsdTVOutSafeSpaceUp=8\nOsdTVOutSafeSpaceDown=10\n' +
         'OsdTVOutSafeSpaceLeft=12\nOsdTVOutSafeSpaceRight=14\n');
     assert.equal(stage.osd('start', '-f', file, '-l', path.join(stage.folder, 'server.log'),
-                           '--Post0DateOn=1', '--Post0TypeOn=1').status, 0);
+                           '--Post0Rectangle1On=1', '--Post0Osd1X=40', '--Post0Osd1Y=40',
+                           '--Post0Osd1W=64', '--Post0Osd1H=48').status, 0);
     await stage.text('#post-0 .post-size', '352 × 288');
     await stage.page.check('#guide-frames');
     await stage.page.check('#guide-safe');
-    await stage.showsSnapshot(0, '--guides', '--safe', '8,10,12,14');
+    await stage.showsSnapshot(0, '--guides');
+    assert.equal(stage.osd('update', '--Post0DateOn=1', '--Post0TypeOn=1').status, 0);
     await stage.page.check('#guide-cells');
     const cell = await until(async () => {
         const proposal = await stage.page.getAttribute('#guide-cell', 'placeholder');
         return proposal !== 'none' && proposal;
     }, 'a proposal for the cell');
     await stage.page.check('#guide-overlaps');
+    await stage.showsSnapshot(0, '--guides');
     await stage.showsSnapshot(0, '--guides', '--safe', '8,10,12,14', '--cell', cell);
+    const look = () => stage.page.evaluate(() => document.querySelector('#canvas-0').toDataURL());
+    const withCells = await look();
     await stage.page.fill('#guide-cell', '1x1x1');
     assert.equal(await stage.page.locator('#guide-cell').getAttribute('aria-invalid'), 'true');
-    await stage.showsSnapshot(0, '--guides', '--safe', '8,10,12,14');
+    const withInvalid = await look();
+    assert.notEqual(withInvalid, withCells);
+    await stage.page.uncheck('#guide-cells');
+    assert.equal(await look(), withInvalid);
 });
 
 test('a post thread is resized, closed and opened from the page', async (t) => {
