@@ -30,11 +30,20 @@ class Numbers
 public:
     std::size_t operator[](const std::string &name)
     {
-        return numbers_.try_emplace(name, numbers_.size() + 1).first->second;
+        const auto [place, is_new] = numbers_.try_emplace(name, last_ + 1);
+        last_ += is_new ? 1 : 0;
+        return place->second;
+    }
+
+    // From now on the name stands for something else.
+    void forget(const std::string &name)
+    {
+        numbers_.erase(name);
     }
 
 private:
     std::map<std::string, std::size_t> numbers_;
+    std::size_t last_ = 0;
 };
 
 // ---- Reading ------------------------------------------------------------------------------------
@@ -162,8 +171,13 @@ private:
                [this](const Json &id) { return "thread " + std::to_string(threads_[id.dump()]); });
         rename(call, "res_id", [this](const Json &id) { return post_threads_.name(id); });
         Numbers &handles = handles_[call.value("res_id", Json()).dump()];
-        rename(call, "handle",
-               [&](const Json &id) { return "OSD " + std::to_string(handles[id.dump()]); });
+        const bool opens =
+            call["call"] == "open_osd"; // under a handle that may have been another's
+        rename(call, "handle", [&](const Json &id) {
+            if (opens)
+                handles.forget(id.dump());
+            return "OSD " + std::to_string(handles[id.dump()]);
+        });
 
         nlohmann::json compare = call; // in which keys are sorted
         compare.erase("n");            // one run may be printed from a later call on

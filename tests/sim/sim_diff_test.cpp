@@ -64,6 +64,26 @@ TEST_F(SimDiff, leaves_out_ids_times_durations_and_threads)
     EXPECT_TRUE(equal());
 }
 
+TEST_F(SimDiff, takes_each_open_for_another_osd_whatever_its_handle)
+{
+    constexpr std::uint32_t res_id = 0x50000001;
+    const auto run_of = [](std::uint32_t first, std::uint32_t second) {
+        return CallList{notify(res_id, 0, 1),
+                        call_of(SIM_OPEN_OSD, {res_id, 0, 16, 4, 2}, {first, 0, 16}),
+                        call_of(SIM_CLOSE_OSD, {res_id, first}),
+                        call_of(SIM_OPEN_OSD, {res_id, 1, 16, 4, 2}, {second, 0, 16}),
+                        call_of(SIM_SET_OSD, {res_id, second})};
+    };
+    save(A, run_of(0x60000001, 0x60000002));
+    save(B, run_of(0x60000001, 0x60000001));
+    EXPECT_TRUE(equal());
+
+    CallList other = run_of(0x60000001, 0x60000002);
+    other.back().argument[1] = 0x60000001; // the closed one
+    save(B, other);
+    EXPECT_EQ(diff().status, 1);
+}
+
 TEST_F(SimDiff, leaves_out_where_the_printing_began)
 {
     CallList longer = some_calls(0x50000001, 0x60000001);
