@@ -90,7 +90,7 @@ public:
 private:
     [[noreturn]] void fail(std::size_t number, const std::string &why) const
     {
-        throw CLI::ValidationError(file_, "line " + std::to_string(number) + ": " + why);
+        throw std::runtime_error(file_ + ": line " + std::to_string(number) + ": " + why);
     }
 
     std::string file_;

@@ -272,13 +272,13 @@ TEST_F(SimDiff, tells_file_and_line_of_what_is_no_call)
     write_file(A, good);
     for (const auto &[line, why] : lines) {
         write_file(B, good + line + "\n");
-        EXPECT_TRUE(failed_with(diff(), 2, "/tmp/codec/b.jsonl: line 2: " + why))
+        EXPECT_TRUE(failed_with(diff(), 1, "/tmp/codec/b.jsonl: line 2: " + why))
             << line.substr(0, 40);
     }
     // Behind a difference, and in the first file as well.
     write_file(A, "{\"call\":\"notify\"}\n{\"call\":\"notify\"}\n{\n");
     write_file(B, good);
-    EXPECT_TRUE(failed_with(diff(), 2, "/tmp/codec/a.jsonl: line 3: no JSON"));
+    EXPECT_TRUE(failed_with(diff(), 1, "/tmp/codec/a.jsonl: line 3: no JSON"));
 }
 
 TEST_F(SimDiff, fails_for_a_file_that_cannot_be_read)
