@@ -283,7 +283,7 @@ void add_diff(CLI::App &app, Context &context)
     command->footer("Each thread's calls on each post are compared in their order, the runs' "
                     "threads in that of\n"
                     "their first calls.\n"
-                    "Exit status: 0 if they are equal, 1 if not.\n"
+                    "Exit status: 0 if they are equal, 1 if not, or if one can't be read.\n"
                     "Example: qm5sim diff before.jsonl after.jsonl");
     command->add_option("a", arguments->a, "calls of one run, as `qm5sim calls` prints them")
         ->required();
