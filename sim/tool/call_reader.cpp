@@ -188,6 +188,12 @@ void Calls::fail(std::uint64_t number, const std::string &why) const
     file_.fail("call " + std::to_string(number) + ": " + why);
 }
 
+void Calls::fail_beyond(std::uint64_t number, std::uint64_t last) const
+{
+    file_.fail("there is no call " + std::to_string(number) + ", the last is " +
+               std::to_string(last));
+}
+
 // ---- Posts --------------------------------------------------------------------------------------
 
 namespace
@@ -361,8 +367,7 @@ Rebuilt rebuild(Calls &calls, std::uint64_t last)
     while (number <= last) {
         const auto part = calls.read(number, std::min(at_once, last - number + 1));
         if (part.empty())
-            calls.fail("there is no call " + std::to_string(last) + ", the last is " +
-                       std::to_string(number - 1));
+            calls.fail_beyond(last, number - 1);
         for (const sim_call_record &call : part)
             rebuilt.apply(number++, call);
     }

@@ -66,6 +66,9 @@ public:
     [[noreturn]] void fail(const std::string &why) const;
     [[noreturn]] void fail(std::uint64_t number, const std::string &why) const;
 
+    // Fails for a call that is behind the last one.
+    [[noreturn]] void fail_beyond(std::uint64_t number, std::uint64_t last) const;
+
 private:
     sim_calls_head head() const;
 

@@ -53,6 +53,8 @@ void print_calls(const std::filesystem::path &file, std::uint64_t next)
 {
     Calls calls(file);
     const std::uint64_t last = calls.count();
+    if (next > last && next > 1) // an empty record is none less
+        calls.fail_beyond(next, last);
     while (next <= last) {
         for (const sim_call_record &call : calls.read(next, std::min(AT_ONCE, last - next + 1)))
             std::cout << line_of(calls, next++, call);

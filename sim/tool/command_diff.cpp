@@ -30,11 +30,20 @@ class Numbers
 public:
     std::size_t operator[](const std::string &name)
     {
-        return numbers_.try_emplace(name, numbers_.size() + 1).first->second;
+        const auto [place, is_new] = numbers_.try_emplace(name, last_ + 1);
+        last_ += is_new ? 1 : 0;
+        return place->second;
+    }
+
+    // From now on the name stands for something else.
+    void forget(const std::string &name)
+    {
+        numbers_.erase(name);
     }
 
 private:
     std::map<std::string, std::size_t> numbers_;
+    std::size_t last_ = 0;
 };
 
 // ---- Reading ------------------------------------------------------------------------------------
@@ -81,7 +90,7 @@ public:
 private:
     [[noreturn]] void fail(std::size_t number, const std::string &why) const
     {
-        throw CLI::ValidationError(file_, "line " + std::to_string(number) + ": " + why);
+        throw std::runtime_error(file_ + ": line " + std::to_string(number) + ": " + why);
     }
 
     std::string file_;
@@ -162,8 +171,13 @@ private:
                [this](const Json &id) { return "thread " + std::to_string(threads_[id.dump()]); });
         rename(call, "res_id", [this](const Json &id) { return post_threads_.name(id); });
         Numbers &handles = handles_[call.value("res_id", Json()).dump()];
-        rename(call, "handle",
-               [&](const Json &id) { return "OSD " + std::to_string(handles[id.dump()]); });
+        const bool opens =
+            call["call"] == "open_osd"; // under a handle that may have been another's
+        rename(call, "handle", [&](const Json &id) {
+            if (opens)
+                handles.forget(id.dump());
+            return "OSD " + std::to_string(handles[id.dump()]);
+        });
 
         nlohmann::json compare = call; // in which keys are sorted
         compare.erase("n");            // one run may be printed from a later call on
@@ -269,7 +283,7 @@ void add_diff(CLI::App &app, Context &context)
     command->footer("Each thread's calls on each post are compared in their order, the runs' "
                     "threads in that of\n"
                     "their first calls.\n"
-                    "Exit status: 0 if they are equal, 1 if not.\n"
+                    "Exit status: 0 if they are equal, 1 if not, or if one can't be read.\n"
                     "Example: qm5sim diff before.jsonl after.jsonl");
     command->add_option("a", arguments->a, "calls of one run, as `qm5sim calls` prints them")
         ->required();

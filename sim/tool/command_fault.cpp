@@ -23,7 +23,8 @@ constexpr const char *WORDS =
     "OPERATION  library_init, open_device, notify_callback, set_notify, thread_get_status,\n"
     "           open_osd, close_osd, clear_osd, get_osd_mem, set_osd, close_device,\n"
     "           library_exit; or notify, a call of the application's callback\n"
-    "WHEN       next; 3, the third call from now on; every; 25%, so many of them\n"
+    "WHEN       next; 3, the third call from now on; every; 25%, so many of them,\n"
+    "           in whole per cent\n"
     "EFFECT     fail CODE     with gone1, gone2, gone3, refused, or a number as 0x81E00042\n"
     "           delay MS      before the call does anything\n"
     "           size BYTES    get_osd_mem: a size that is so many bytes off\n"
@@ -33,7 +34,9 @@ constexpr const char *WORDS =
     "                         change-after P SIZE: after its work\n"
     "           double        notify: the callback is called twice\n"
     "           late MS       notify: the callback is called so much later\n"
-    "post N     for this post's calls alone\n";
+    "post N     for this post's calls alone\n"
+    "There are 32 faults at most.\n";
+static_assert(SIM_FAULTS == 32);
 
 // ---- List ---------------------------------------------------------------------------------------
 
@@ -93,6 +96,7 @@ void load_faults(const Context &context, const fs::path &file)
         throw std::runtime_error(file.string() + ": there is no such file");
     const std::string text = control_files::read(file);
     control_files::parse_faults(file, text);
+    clear_faults(context); // or those whose ID is there already would go on counting their calls
     control_files::change_faults(context.folder, [&text](const std::string &) { return text; });
     fault_list::wait_until_in_force(context.folder);
 }
@@ -157,8 +161,8 @@ void add_loading(CLI::App *fault, Context &context)
     const auto file = std::make_shared<fs::path>();
     CLI::App *command = fault->add_subcommand("load", "Put the faults of a file in their place.");
     command->footer("Each line of the file is ID OPERATION WHEN EFFECT [VALUE] [post N], or a\n"
-                    "comment behind a semicolon. A fault whose ID is there already goes on\n"
-                    "counting its calls.\n"
+                    "comment behind a semicolon. Each begins to count its calls, also if it was\n"
+                    "there already.\n"
                     "Example: qm5sim fault load wear.faults");
     command->add_option("FILE", *file, "the faults")->required();
     command->callback(

@@ -103,13 +103,14 @@ sim_reader::Post read_running_post(const Context &context, const SnapshotArgumen
     return post;
 }
 
-// Fails unless the PNG file has the size of what `name` names.
-void require_size(const sim_reader::PngFile &png, const std::string &file, unsigned width,
-                  unsigned height, const std::string &name)
+// Why a PNG file has not the size of what `name` names; empty if it has.
+std::string other_size(const sim_reader::PngFile &png, unsigned width, unsigned height,
+                       const std::string &name)
 {
-    if (png.width() != width || png.height() != height)
-        fail(file, size_text(png.width(), png.height()) + ", but " + name + " is " +
-                       size_text(width, height));
+    if (png.width() == width && png.height() == height)
+        return {};
+    return size_text(png.width(), png.height()) + ", but " + name + " is " +
+           size_text(width, height);
 }
 
 sim_reader::Picture background(const SnapshotArguments &arguments, const sim_reader::Post &post)
@@ -117,7 +118,9 @@ sim_reader::Picture background(const SnapshotArguments &arguments, const sim_rea
     if (!arguments.back)
         return sim_reader::test_pattern(post.width, post.height);
     sim_reader::PngFile png(*arguments.back);
-    require_size(png, *arguments.back, post.width, post.height, post_name(arguments));
+    if (const std::string why = other_size(png, post.width, post.height, post_name(arguments));
+        !why.empty())
+        fail(*arguments.back, why);
     return png.read_picture();
 }
 
@@ -150,38 +153,59 @@ sim_reader::IndexedPicture take_osd(const Context &context, const SnapshotArgume
 
 // ---- Checks -------------------------------------------------------------------------------------
 
-// Tells of pixels that differ, if there are any, after showing them in the file.
-void expect_none(const SnapshotArguments &arguments, const sim_reader::Picture &picture,
-                 const std::vector<bool> &differing)
+std::string describe(const sim_reader::Differences &differences)
 {
+    const std::vector<bool> &differing = differences.differing;
     const auto first = std::find(differing.begin(), differing.end(), true);
-    if (first == differing.end())
-        return;
-    if (!arguments.file.empty())
-        sim_reader::write_png(sim_reader::mark_differences(picture, differing), arguments.file);
     const auto count = std::count(first, differing.end(), true);
     const auto at = static_cast<std::size_t>(first - differing.begin());
-    fail(*arguments.reference, std::to_string(count) +
-                                   (count == 1 ? " pixel differs" : " pixels differ") +
-                                   ", first at " + std::to_string(at % picture.width) + ',' +
-                                   std::to_string(at / picture.width));
+    return std::to_string(count) + (count == 1 ? " pixel differs" : " pixels differ") +
+           ", first at " + std::to_string(at % differences.width) + ',' +
+           std::to_string(at / differences.width);
+}
+
+// Tells of a difference, if there is one, after showing it in the file: another size, or pixels.
+void expect_none(const SnapshotArguments &arguments, const std::string &other_size,
+                 const sim_reader::Picture &picture, const sim_reader::Differences &differences)
+{
+    const std::vector<bool> &differing = differences.differing;
+    if (std::find(differing.begin(), differing.end(), true) == differing.end())
+        return;
+    if (!arguments.file.empty())
+        sim_reader::write_png(sim_reader::mark_differences(picture, differences), arguments.file);
+    fail(*arguments.reference, other_size.empty() ? describe(differences) : other_size);
+}
+
+// Can all that either of them has be shown?
+bool can_show(const SnapshotArguments &arguments, const sim_reader::PngFile &png, unsigned width,
+              unsigned height)
+{
+    return !arguments.file.empty() &&
+           std::uint64_t{std::max(png.width(), width)} * std::max(png.height(), height) <=
+               sim_reader::LARGEST_PICTURE;
 }
 
 void check_post(const SnapshotArguments &arguments, const sim_reader::Picture &picture)
 {
     sim_reader::PngFile png(*arguments.reference);
-    require_size(png, *arguments.reference, picture.width, picture.height, post_name(arguments));
-    expect_none(arguments, picture, sim_reader::find_differences(picture, png.read_picture()));
+    const std::string size = other_size(png, picture.width, picture.height, post_name(arguments));
+    if (!size.empty() && !can_show(arguments, png, picture.width, picture.height))
+        fail(*arguments.reference, size);
+    expect_none(arguments, size, picture,
+                sim_reader::find_differences(picture, png.read_picture()));
 }
 
 void check_osd(const SnapshotArguments &arguments, const sim_reader::IndexedPicture &picture)
 {
     sim_reader::PngFile png(*arguments.reference);
-    require_size(png, *arguments.reference, picture.width, picture.height, osd_name(arguments));
-    if (png.index_bits() != picture.bits)
+    const std::string size = other_size(png, picture.width, picture.height, osd_name(arguments));
+    const bool has_depth = png.index_bits() == picture.bits;
+    if (!size.empty() && !(has_depth && can_show(arguments, png, picture.width, picture.height)))
+        fail(*arguments.reference, size);
+    if (!has_depth)
         fail(*arguments.reference, "no palette PNG of " + std::to_string(picture.bits) +
                                        " bits, as " + osd_name(arguments) + " is");
-    expect_none(arguments, sim_reader::flatten(picture),
+    expect_none(arguments, size, sim_reader::flatten(picture),
                 sim_reader::find_differences(picture, png.read_indexed()));
 }
 

@@ -19,8 +19,9 @@ struct Context {
 
 // A command's callback refuses words that make no sense by CLI::ParseError (exit status 2), does
 // nothing else, and leaves in the context what is to be done. That action may run long after the
-// command line has gone; it fails by any other std::exception (1). The text of either is
-// "what: why". One that has said all there is to say throws CLI::RuntimeError with its exit status.
+// command line has gone; it fails by any other std::exception (1), also for what a file says. The
+// text of either is "what: why". One that has said all there is to say throws CLI::RuntimeError
+// with its exit status.
 void add_calls(CLI::App &app, Context &context);
 void add_clock(CLI::App &app, Context &context);
 void add_diff(CLI::App &app, Context &context);

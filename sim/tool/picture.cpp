@@ -131,35 +131,60 @@ void blend_pixel(Picture &picture, std::int64_t x, std::int64_t y, const Color &
 
 // ---- Differences --------------------------------------------------------------------------------
 
-std::vector<bool> find_differences(const Picture &one, const Picture &other)
+namespace
 {
-    std::vector<bool> differing(one.rgb.size() / 3);
-    for (std::size_t i = 0; i < differing.size(); i++)
-        differing[i] = !std::equal(&one.rgb[i * 3], &one.rgb[i * 3] + 3, &other.rgb[i * 3]);
-    return differing;
-}
 
-std::vector<bool> find_differences(const IndexedPicture &one, const IndexedPicture &other)
+// `differs` is asked about each pixel that both have, by its place in the one and in the other.
+template <typename AnyPicture, typename Differs>
+Differences find(const AnyPicture &one, const AnyPicture &other, Differs differs)
 {
-    std::vector<bool> differing(one.indices.size());
-    for (std::size_t i = 0; i < differing.size(); i++) {
-        const std::uint8_t index = one.indices[i];
-        differing[i] = index != other.indices[i] || one.colors[index] != other.colors[index];
+    Differences found{std::max(one.width, other.width), std::max(one.height, other.height), {}};
+    found.differing.reserve(std::size_t{found.width} * found.height);
+    for (std::size_t y = 0; y < found.height; y++) {
+        for (std::size_t x = 0; x < found.width; x++) {
+            const bool is_in_both =
+                x < one.width && x < other.width && y < one.height && y < other.height;
+            found.differing.push_back(!is_in_both ||
+                                      differs(y * one.width + x, y * other.width + x));
+        }
     }
-    return differing;
+    return found;
 }
 
-Picture mark_differences(Picture picture, const std::vector<bool> &differing)
+} // namespace
+
+Differences find_differences(const Picture &one, const Picture &other)
 {
-    for (std::size_t i = 0; i < differing.size(); i++) {
-        std::uint8_t *pixel = &picture.rgb[i * 3];
+    return find(one, other, [&](std::size_t i, std::size_t j) {
+        return !std::equal(&one.rgb[i * 3], &one.rgb[i * 3] + 3, &other.rgb[j * 3]);
+    });
+}
+
+Differences find_differences(const IndexedPicture &one, const IndexedPicture &other)
+{
+    return find(one, other, [&](std::size_t i, std::size_t j) {
+        const std::uint8_t index = one.indices[i];
+        return index != other.indices[j] || one.colors[index] != other.colors[index];
+    });
+}
+
+Picture mark_differences(const Picture &picture, const Differences &differences)
+{
+    Picture marked{differences.width, differences.height, {}};
+    marked.rgb.reserve(differences.differing.size() * 3);
+    for (std::size_t i = 0; i < differences.differing.size(); i++) {
+        if (differences.differing[i]) {
+            marked.rgb.insert(marked.rgb.end(), {255, 0, 0});
+            continue;
+        }
+        const std::size_t x = i % marked.width;
+        const std::size_t y = i / marked.width;
+        const std::uint8_t *pixel = &picture.rgb[(y * picture.width + x) * 3];
         // A third of the brightness, as the eye weighs the colours.
         const int grey = (pixel[0] * 77 + pixel[1] * 150 + pixel[2] * 29) / (256 * 3);
-        std::fill(pixel, pixel + 3, static_cast<std::uint8_t>(grey));
-        if (differing[i])
-            blend(pixel, {255, 0, 0, 255});
+        marked.rgb.insert(marked.rgb.end(), 3, static_cast<std::uint8_t>(grey));
     }
-    return picture;
+    return marked;
 }
 
 } // namespace sim_reader

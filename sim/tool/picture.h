@@ -52,12 +52,19 @@ void blend_pixel(Picture &picture, std::int64_t x, std::int64_t y, const Color &
 
 // ---- Differences --------------------------------------------------------------------------------
 
-// Which pixels differ between two pictures of one size, and for indexed ones also of one depth: in
-// colour, or in index.
-std::vector<bool> find_differences(const Picture &one, const Picture &other);
-std::vector<bool> find_differences(const IndexedPicture &one, const IndexedPicture &other);
+// Pixels as far as either of two pictures reaches, line by line.
+struct Differences {
+    unsigned width = 0;
+    unsigned height = 0;
+    std::vector<bool> differing;
+};
+
+// Which pixels differ between two pictures, for indexed ones of one depth: in colour, or in index.
+// What not both of them have differs.
+Differences find_differences(const Picture &one, const Picture &other);
+Differences find_differences(const IndexedPicture &one, const IndexedPicture &other);
 
 // The differing pixels in red over the picture in a dimmed grey.
-Picture mark_differences(Picture picture, const std::vector<bool> &differing);
+Picture mark_differences(const Picture &picture, const Differences &differences);
 
 } // namespace sim_reader

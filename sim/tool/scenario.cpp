@@ -123,7 +123,7 @@ void read(const std::string &file, const std::function<void(const Line &)> &take
             before = take_seconds(words, before);
             take({place, before, words});
         } catch (const CLI::ParseError &error) {
-            throw CLI::ValidationError(place, commands::describe(error));
+            throw std::runtime_error(place + ": " + commands::describe(error));
         }
     }
     if (in.bad())

@@ -22,8 +22,8 @@ struct Line {
 };
 
 // Hands over each line that has words. Throws std::runtime_error for a file that can't be read, and
-// CLI::ValidationError with the line's place for the first line that makes no sense, be it here or
-// to `take`, which throws CLI::ParseError.
+// with the line's place for the first line that makes no sense, be it here or to `take`, which
+// throws CLI::ParseError.
 void read(const std::string &file, const std::function<void(const Line &)> &take);
 
 // "12" or "0.25", and nothing else around it.

@@ -169,9 +169,21 @@ TEST_F(SimCalls, prints_from_a_number_on)
     write_file(CALLS, record_of(calls));
     EXPECT_EQ(sim({"calls"}).out, all);
     EXPECT_EQ(sim({"calls", "--from", "999"}).out, init_line(999, 999) + init_line(1000, 1000));
-    const Ended beyond = sim({"calls", "--from", "1001"});
-    EXPECT_EQ(beyond.status, 0);
-    EXPECT_EQ(beyond.out + beyond.err, "");
+    EXPECT_EQ(sim({"calls", "--from", "1000"}).out, init_line(1000, 1000));
+    EXPECT_TRUE(failed_with(sim({"calls", "--from", "1001"}), 1,
+                            "/tmp/codec/calls: there is no call 1001, the last is 1000"));
+}
+
+TEST_F(SimCalls, has_nothing_to_print_of_an_empty_record)
+{
+    write_file(CALLS, record_of({}));
+    for (const Words &words : {Words{"calls"}, Words{"calls", "--from", "1"}}) {
+        const Ended ended = sim(words);
+        EXPECT_EQ(ended.status, 0);
+        EXPECT_EQ(ended.out + ended.err, "");
+    }
+    EXPECT_TRUE(failed_with(sim({"calls", "--from", "2"}), 1,
+                            "/tmp/codec/calls: there is no call 2, the last is 0"));
 }
 
 TEST_F(SimCalls, prints_no_call_that_is_not_counted_yet)

@@ -64,6 +64,26 @@ TEST_F(SimDiff, leaves_out_ids_times_durations_and_threads)
     EXPECT_TRUE(equal());
 }
 
+TEST_F(SimDiff, takes_each_open_for_another_osd_whatever_its_handle)
+{
+    constexpr std::uint32_t res_id = 0x50000001;
+    const auto run_of = [](std::uint32_t first, std::uint32_t second) {
+        return CallList{notify(res_id, 0, 1),
+                        call_of(SIM_OPEN_OSD, {res_id, 0, 16, 4, 2}, {first, 0, 16}),
+                        call_of(SIM_CLOSE_OSD, {res_id, first}),
+                        call_of(SIM_OPEN_OSD, {res_id, 1, 16, 4, 2}, {second, 0, 16}),
+                        call_of(SIM_SET_OSD, {res_id, second})};
+    };
+    save(A, run_of(0x60000001, 0x60000002));
+    save(B, run_of(0x60000001, 0x60000001));
+    EXPECT_TRUE(equal());
+
+    CallList other = run_of(0x60000001, 0x60000002);
+    other.back().argument[1] = 0x60000001; // the closed one
+    save(B, other);
+    EXPECT_EQ(diff().status, 1);
+}
+
 TEST_F(SimDiff, leaves_out_where_the_printing_began)
 {
     CallList longer = some_calls(0x50000001, 0x60000001);
@@ -252,13 +272,13 @@ TEST_F(SimDiff, tells_file_and_line_of_what_is_no_call)
     write_file(A, good);
     for (const auto &[line, why] : lines) {
         write_file(B, good + line + "\n");
-        EXPECT_TRUE(failed_with(diff(), 2, "/tmp/codec/b.jsonl: line 2: " + why))
+        EXPECT_TRUE(failed_with(diff(), 1, "/tmp/codec/b.jsonl: line 2: " + why))
             << line.substr(0, 40);
     }
     // Behind a difference, and in the first file as well.
     write_file(A, "{\"call\":\"notify\"}\n{\"call\":\"notify\"}\n{\n");
     write_file(B, good);
-    EXPECT_TRUE(failed_with(diff(), 2, "/tmp/codec/a.jsonl: line 3: no JSON"));
+    EXPECT_TRUE(failed_with(diff(), 1, "/tmp/codec/a.jsonl: line 3: no JSON"));
 }
 
 TEST_F(SimDiff, fails_for_a_file_that_cannot_be_read)

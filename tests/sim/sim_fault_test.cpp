@@ -7,6 +7,9 @@
 #include <algorithm>
 #include <fcntl.h>
 #include <fstream>
+#include <iterator>
+#include <regex>
+#include <sstream>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -245,6 +248,38 @@ TEST_F(FaultCommand, helps_on_every_level)
     EXPECT_FALSE(fs::exists(STATE));
 }
 
+// In the order of sim_effect.
+constexpr const char *OF_EACH_EFFECT[] = {
+    "set_osd next fail gone1",   "set_osd next delay 1",
+    "get_osd_mem next size -1",  "open_osd next line 1",
+    "set_osd next vanish",       "set_osd next vanish-after",
+    "set_osd next change 0 8x8", "set_osd next change-after 0 8x8",
+    "notify next double",        "notify next late 1",
+};
+static_assert(std::size(OF_EACH_EFFECT) == SIM_EFFECTS);
+
+TEST_F(FaultCommand, help_tells_of_each_operation_and_effect_and_of_the_limit)
+{
+    for (const Words &words : {Words{"fault", "--help"}, Words{"fault", "add", "--help"}}) {
+        const std::string help = good(words);
+        const auto tells_of = [&help](const std::string &word) {
+            return std::regex_search(help, std::regex("\\s" + word + "[\\s,;:]"));
+        };
+        for (const char *operation : sim_operation_names)
+            EXPECT_TRUE(tells_of(operation)) << operation << " in " << help;
+        for (std::uint32_t i = 0; i < SIM_EFFECTS; i++) {
+            sim_fault fault{};
+            std::string operation, when, effect;
+            std::istringstream(OF_EACH_EFFECT[i]) >> operation >> when >> effect;
+            ASSERT_STREQ(sim_parse_fault(("1 " + std::string(OF_EACH_EFFECT[i])).c_str(), &fault),
+                         nullptr);
+            ASSERT_EQ(fault.effect, i);
+            EXPECT_TRUE(tells_of(effect)) << effect << " in " << help;
+        }
+        EXPECT_TRUE(tells_of(std::to_string(SIM_FAULTS) + " faults at most\\.")) << help;
+    }
+}
+
 // ---- A library that is up -----------------------------------------------------------------------
 
 TEST_F(FaultCommand, change_is_in_force_when_the_command_returns)
@@ -291,6 +326,21 @@ TEST_F(FaultCommand, id_that_has_been_counted_does_not_come_again)
     notices.clear();
     ids = bring_up_with_posts();
     EXPECT_TRUE(status_fails(ids[0]));
+}
+
+// Else a scenario that is played again would do something else.
+TEST_F(FaultCommand, load_begins_to_count_anew)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    write_file("/tmp/wear", "3 thread_get_status 2 fail gone1\n");
+    for (unsigned round = 0; round < 2; round++) {
+        good({"fault", "load", "/tmp/wear"});
+        EXPECT_EQ(good({"fault"}), "3 thread_get_status 2 fail gone1: met 0, happened 0\n");
+        for (const bool fails : {false, true, false})
+            EXPECT_EQ(status_fails(ids[0]), fails) << round;
+        EXPECT_EQ(good({"fault"}), "3 thread_get_status 2 fail gone1: met 3, happened 1\n");
+    }
+    fs::remove("/tmp/wear");
 }
 
 TEST_F(FaultCommand, server_that_does_not_take_a_change_up_is_told)

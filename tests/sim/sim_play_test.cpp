@@ -225,7 +225,7 @@ TEST_F(SimPlay, whole_file_is_checked_before_anything_is_done)
     const std::string worse = "0 bogus\n"; // the first line at fault is told
     const auto expect_refused = [&](const std::string &line, const std::string &why) {
         for (const Words &options : {Words{}, Words{"--dry-run"}}) {
-            expect_bad(play(touch + line + '\n' + worse, options), 2, ":3: " + why);
+            expect_bad(play(touch + line + '\n' + worse, options), 1, ":3: " + why);
             EXPECT_FALSE(exists("done")) << line;
         }
     };

@@ -550,11 +550,53 @@ TEST_F(SimSnapshot, check_tells_of_another_size)
 {
     show_four_pixels();
     write_street(out("reference.png"), 15, 8);
-    expect_failure({"snapshot", "0", "--check", out("reference.png"), out("difference.png")}, 1,
+    expect_failure({"snapshot", "0", "--check", out("reference.png")}, 1,
                    "qm5sim: /tmp/out/reference.png: 15x8, but post 0 is 16x8\n");
-    expect_failure({"snapshot", "0", "--osd", "1", "--check", out("reference.png")}, 1,
-                   "qm5sim: /tmp/out/reference.png: 15x8, but OSD 1 of post 0 is 2x2\n");
+    for (const std::string &file : {std::string(), out("difference.png")})
+        expect_failure({"snapshot", "0", "--osd", "1", "--check", out("reference.png"), file}, 1,
+                       "qm5sim: /tmp/out/reference.png: 15x8, but OSD 1 of post 0 is 2x2\n");
     EXPECT_EQ(out_files(), std::vector<std::string>{"reference.png"});
+}
+
+TEST_F(SimSnapshot, check_shows_what_only_one_of_two_sizes_has)
+{
+    show_four_pixels();
+    write_street(out("street.png"), 16, 8);
+    write_street(out("reference.png"), 15, 9);
+    expect_failure({"snapshot", "0", "--over", out("street.png"), "--check", out("reference.png"),
+                    out("difference.png")},
+                   1, "qm5sim: /tmp/out/reference.png: 15x9, but post 0 is 16x8\n");
+    const Png shown = read_png(out("difference.png"));
+    EXPECT_EQ(shown.width, 16u);
+    EXPECT_EQ(shown.height, 9u);
+    expect_pixels(shown, [](unsigned x, unsigned y) -> Color {
+        const bool is_in_osd = (x == 4 || x == 5) && (y == 2 || y == 3);
+        if (x == 15 || y == 8 || is_in_osd)
+            return {255, 0, 0, 255};
+        const Color color = street_color(x, y);
+        const auto grey =
+            static_cast<std::uint8_t>((color.red * 77 + color.green * 150 + color.blue * 29) / 768);
+        return {grey, grey, grey, 255};
+    });
+}
+
+TEST_F(SimSnapshot, check_of_an_osd_shows_what_only_one_of_two_sizes_has)
+{
+    show_four_pixels();
+    expect_silent_success({"snapshot", "0", "--osd", "1", out("osd.png")});
+    codec_.show_osd(0, 1, {.color_type = 1, .width = 2, .height = 1, .x = 4, .y = 2});
+    codec_.state.post[0].osd[1].line_bytes = 1;
+    codec_.save();
+    codec_.draw(0, 1, {0x32});
+    expect_failure(
+        {"snapshot", "0", "--osd", "1", "--check", out("osd.png"), out("difference.png")}, 1,
+        "qm5sim: /tmp/out/osd.png: 2x2, but OSD 1 of post 0 is 2x1\n");
+    expect_pixels(read_png(out("difference.png")), [](unsigned x, unsigned y) -> Color {
+        if (y == 1)
+            return {255, 0, 0, 255};
+        const std::uint8_t grey = x == 0 ? 128 / 3 : 255 / 3;
+        return {grey, grey, grey, 255};
+    });
 }
 
 TEST_F(SimSnapshot, check_of_an_osd_compares_indices)
