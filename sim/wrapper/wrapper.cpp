@@ -24,16 +24,21 @@ static std::size_t wrapper_copy_size;
 
 static qm5_cl_post_notify_function *wrapper_callback;
 
-// The post threads, of which the notification thread tells before the application can know of them,
-// and what their OSDs have got.
+// The post threads, of which the notification thread tells before the application can know of them.
+// The other library may give a resource ID or a handle again, so that it counts whose they are.
+static std::atomic<std::uint32_t> wrapper_res_ids[SIM_POSTS];
+static std::atomic<std::uint32_t> wrapper_lives[SIM_POSTS];
+
+// What their OSDs have got. Of one post thread no two have the same handle.
 struct wrapper_osd {
+    std::uint32_t res_id;
+    std::uint32_t life; // of the post as it was opened on
     std::uint32_t handle;
     std::uint32_t line_bytes;
     std::uint64_t size;   // of the memory, as the opening tells it
     const void *memory;   // NULL outside a drawing
     std::size_t readable; // bytes of it
 };
-static std::atomic<std::uint32_t> wrapper_res_ids[SIM_POSTS];
 static wrapper_osd wrapper_osds[SIM_POSTS][SIM_OSDS];
 
 // False, with errno.
@@ -134,8 +139,11 @@ static int wrapper_exit()
 
 static void wrapper_notify(qm5_cl_post_notify_info info)
 {
-    if (info.opened != 0 && info.post < SIM_POSTS)
-        wrapper_res_ids[info.post] = info.res_id;
+    const std::uint32_t res_id = info.opened != 0 ? info.res_id : 0;
+    if (info.post < SIM_POSTS && wrapper_res_ids[info.post] != res_id) { // else it is told again
+        wrapper_lives[info.post]++;
+        wrapper_res_ids[info.post] = res_id;
+    }
     wrapper_callback(info);
 }
 
@@ -146,35 +154,62 @@ static int wrapper_notify_callback(qm5_cl_post_notify_function *callback)
     return wrapper_pass<&sim_codec_table::notify_callback>(callback ? wrapper_notify : nullptr);
 }
 
-static int wrapper_open_osd(std::uint32_t res_id, const qm5_cl_osd_param *param,
-                            std::uint32_t *handle, std::uint32_t *aux, std::uint32_t *line_bytes)
-{
-    const int result =
-        wrapper_pass<&sim_codec_table::open_osd>(res_id, param, handle, aux, line_bytes);
-    for (std::uint32_t post = 0; post < SIM_POSTS && result == 0; post++) {
-        if (wrapper_res_ids[post] == res_id && param->number < SIM_OSDS)
-            wrapper_osds[post][param->number] = {
-                *handle, *line_bytes, std::uint64_t{*line_bytes} * param->height, nullptr, 0};
-    }
-    return result;
-}
-
 // NULL for an OSD that isn't known.
-static wrapper_osd *wrapper_find_osd(std::uint32_t handle)
+static wrapper_osd *wrapper_find_osd(std::uint32_t res_id, std::uint32_t handle)
 {
-    for (auto &post : wrapper_osds) {
-        for (wrapper_osd &osd : post) {
-            if (osd.handle == handle && handle != 0)
+    for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
+        for (wrapper_osd &osd : wrapper_osds[post]) {
+            if (osd.handle == handle && handle != 0 && osd.res_id == res_id &&
+                osd.life == wrapper_lives[post])
                 return &osd;
         }
     }
     return nullptr;
 }
 
+static void wrapper_forget_osd(std::uint32_t res_id, std::uint32_t handle)
+{
+    if (wrapper_osd *osd = wrapper_find_osd(res_id, handle))
+        *osd = {};
+}
+
+// The number of the post thread, or SIM_ANY_POST.
+static std::uint32_t wrapper_find_post(std::uint32_t res_id)
+{
+    for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
+        if (wrapper_res_ids[post] == res_id && res_id != 0)
+            return post;
+    }
+    return SIM_ANY_POST;
+}
+
+static int wrapper_open_osd(std::uint32_t res_id, const qm5_cl_osd_param *param,
+                            std::uint32_t *handle, std::uint32_t *aux, std::uint32_t *line_bytes)
+{
+    const std::uint32_t post = wrapper_find_post(res_id);
+    const std::uint32_t life = post != SIM_ANY_POST ? wrapper_lives[post].load() : 0;
+    const int result =
+        wrapper_pass<&sim_codec_table::open_osd>(res_id, param, handle, aux, line_bytes);
+    if (result != 0 || post == SIM_ANY_POST || param->number >= SIM_OSDS)
+        return result;
+    wrapper_forget_osd(res_id, *handle);
+    wrapper_osds[post][param->number] = {
+        res_id, life, *handle, *line_bytes, std::uint64_t{*line_bytes} * param->height, nullptr, 0};
+    return result;
+}
+
+static int wrapper_close_osd(std::uint32_t res_id, std::uint32_t handle)
+{
+    const int result = wrapper_pass<&sim_codec_table::close_osd>(res_id, handle);
+    if (result == 0)
+        wrapper_forget_osd(res_id, handle);
+    return result;
+}
+
 static int wrapper_get_osd_mem(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_mem *mem)
 {
     const int result = wrapper_pass<&sim_codec_table::get_osd_mem>(res_id, handle, mem);
-    wrapper_osd *osd = result == 0 ? wrapper_find_osd(handle) : nullptr;
+    wrapper_osd *osd = result == 0 ? wrapper_find_osd(res_id, handle) : nullptr;
     if (osd) {
         osd->memory = mem->memory;
         osd->readable = mem->size < osd->size ? mem->size : static_cast<std::size_t>(osd->size);
@@ -183,9 +218,9 @@ static int wrapper_get_osd_mem(std::uint32_t res_id, std::uint32_t handle, qm5_c
 }
 
 // The memory is the application's only until set_osd, so what is shown is copied before it.
-static void wrapper_keep_shown(std::uint32_t handle)
+static void wrapper_keep_shown(std::uint32_t res_id, std::uint32_t handle)
 {
-    wrapper_osd *osd = sim_is_recording() ? wrapper_find_osd(handle) : nullptr;
+    wrapper_osd *osd = sim_is_recording() ? wrapper_find_osd(res_id, handle) : nullptr;
     wrapper_shown = {};
     if (!osd || !osd->memory)
         return;
@@ -203,7 +238,7 @@ static void wrapper_keep_shown(std::uint32_t handle)
 
 static int wrapper_set_osd(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_pos pos)
 {
-    wrapper_keep_shown(handle);
+    wrapper_keep_shown(res_id, handle);
     return wrapper_pass<&sim_codec_table::set_osd>(res_id, handle, pos);
 }
 
@@ -226,7 +261,7 @@ sim_codec_table sim_codec = {
     wrapper_pass<&sim_codec_table::set_notify>,
     wrapper_pass<&sim_codec_table::thread_get_status>,
     wrapper_open_osd,
-    wrapper_pass<&sim_codec_table::close_osd>,
+    wrapper_close_osd,
     wrapper_pass<&sim_codec_table::clear_osd>,
     wrapper_get_osd_mem,
     wrapper_set_osd,

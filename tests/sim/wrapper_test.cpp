@@ -129,6 +129,80 @@ TEST_F(WrappedRecord, holds_no_more_than_the_lines_of_the_osd)
     EXPECT_EQ(read_file(DATA), std::string(32, '\7'));
 }
 
+// ---- Behind a library that gives IDs and handles again ------------------------------------------
+
+class ThriftyRecord : public Recording
+{
+protected:
+    void SetUp() override
+    {
+        Recording::SetUp();
+        setenv("QM5SIM_WRAPPED", THRIFTY_CODEC, 1);
+        dlclose(lib_.handle);
+        load(lib_, QM5SIM_WRAPPER "/libqm5codec.so.1.2");
+        bring_up();
+        first_ = wait_for_notice(1).res_id;
+        second_ = wait_for_notice(2).res_id;
+    }
+
+    void TearDown() override
+    {
+        Recording::TearDown();
+        unsetenv("QM5SIM_WRAPPED");
+    }
+
+    // What each drawing has shown, as the record holds it.
+    static std::vector<std::string> shown()
+    {
+        const std::string data = read_file(DATA);
+        std::vector<std::string> pictures;
+        for (const sim_call_record &set : recorded_sets())
+            pictures.push_back(data.substr(set.data_at, set.data_size));
+        return pictures;
+    }
+
+    std::uint32_t first_ = 0;
+    std::uint32_t second_ = 0;
+};
+
+TEST_F(ThriftyRecord, holds_what_is_shown_on_the_post_whose_handle_another_has_too)
+{
+    const Opened left = open_osd(first_, {0, 4, 1, 2});
+    const Opened right = open_osd(second_, {0, 6, 1, 2});
+    ASSERT_EQ(left.handle, right.handle);
+    show(first_, left, 'a');
+    show(second_, right, 'b');
+    EXPECT_EQ(shown(), (std::vector<std::string>{"aaaa", "bbbbbb"}));
+    EXPECT_EQ(recorded_sets()[1].line_bytes, 6u);
+}
+
+TEST_F(ThriftyRecord, holds_what_is_shown_by_an_osd_with_the_handle_of_a_closed_one)
+{
+    const Opened closed = open_osd(first_, {0, 4, 1, 2});
+    show(first_, closed, 'a');
+    EXPECT_EQ(lib_.close_osd(first_, closed.handle), 0);
+    const Opened next = open_osd(first_, {1, 8, 1, 2});
+    ASSERT_EQ(next.handle, closed.handle);
+    show(first_, next, 'b');
+    EXPECT_EQ(shown(), (std::vector<std::string>{"aaaa", "bbbbbbbb"}));
+}
+
+TEST_F(ThriftyRecord, holds_what_is_shown_by_an_osd_with_the_handle_of_one_gone_with_its_post)
+{
+    const Opened gone = open_osd(second_, {0, 4, 1, 2});
+    qm5_cl_osd_mem mem{};
+    EXPECT_EQ(lib_.get_osd_mem(second_, gone.handle, &mem), 0);
+    qm5_cl_post_status status{};
+    EXPECT_EQ(lib_.get_status(second_, &status), 0);
+    ASSERT_EQ(wait_for_notice(4).res_id, second_);
+    EXPECT_NE(lib_.set_osd(second_, gone.handle, {0, 0}), 0);
+    const Opened next = open_osd(second_, {3, 8, 1, 2});
+    ASSERT_EQ(next.handle, gone.handle);
+    EXPECT_EQ(lib_.set_osd(second_, next.handle, {0, 0}), 0) << "of memory that nobody has asked";
+    show(second_, next, 'b');
+    EXPECT_EQ(shown(), (std::vector<std::string>{"", "", "bbbbbbbb"}));
+}
+
 // ---- In the server ------------------------------------------------------------------------------
 
 class Wrapper : public ApplicationTest
