@@ -44,29 +44,33 @@ struct Library {
     decltype(&qm5_cl_library_exit) library_exit = nullptr;
 };
 
-template <typename Function>
-void find(void *handle, const char *name, Function &function)
+// Loads a library: nothing, or why it can't be used.
+inline std::string load(Library &library, const std::string &path)
 {
-    function = reinterpret_cast<Function>(dlsym(handle, name));
-    ASSERT_NE(function, nullptr) << name;
-}
-
-inline void load(Library &library, const char *path)
-{
-    library.handle = dlopen(path, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(library.handle, nullptr) << dlerror();
-    find(library.handle, "qm5_cl_library_init", library.library_init);
-    find(library.handle, "qm5_cl_sys_open_device", library.open_device);
-    find(library.handle, "qm5_cl_post_notify_callback", library.notify_callback);
-    find(library.handle, "qm5_cl_post_set_notify", library.set_notify);
-    find(library.handle, "qm5_cl_post_thread_get_status", library.get_status);
-    find(library.handle, "qm5_cl_post_open_osd", library.open_osd);
-    find(library.handle, "qm5_cl_post_close_osd", library.close_osd);
-    find(library.handle, "qm5_cl_post_clear_osd", library.clear_osd);
-    find(library.handle, "qm5_cl_post_get_osd_mem", library.get_osd_mem);
-    find(library.handle, "qm5_cl_post_set_osd", library.set_osd);
-    find(library.handle, "qm5_cl_sys_close_device", library.close_device);
-    find(library.handle, "qm5_cl_library_exit", library.library_exit);
+    library.handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!library.handle) {
+        const std::string why = dlerror();
+        return why.rfind(path + ": ", 0) == 0 ? why.substr(path.size() + 2) : why;
+    }
+    std::string missing;
+    const auto find = [&](const char *name, auto &function) {
+        function = reinterpret_cast<std::decay_t<decltype(function)>>(dlsym(library.handle, name));
+        if (!function && missing.empty())
+            missing = std::string("it has no ") + name;
+    };
+    find("qm5_cl_library_init", library.library_init);
+    find("qm5_cl_sys_open_device", library.open_device);
+    find("qm5_cl_post_notify_callback", library.notify_callback);
+    find("qm5_cl_post_set_notify", library.set_notify);
+    find("qm5_cl_post_thread_get_status", library.get_status);
+    find("qm5_cl_post_open_osd", library.open_osd);
+    find("qm5_cl_post_close_osd", library.close_osd);
+    find("qm5_cl_post_clear_osd", library.clear_osd);
+    find("qm5_cl_post_get_osd_mem", library.get_osd_mem);
+    find("qm5_cl_post_set_osd", library.set_osd);
+    find("qm5_cl_sys_close_device", library.close_device);
+    find("qm5_cl_library_exit", library.library_exit);
+    return missing;
 }
 
 // What the callback was told, in its order.
@@ -114,7 +118,7 @@ protected:
     {
         setenv("QM5SIM_STATE", STATE, 1);
         notices.clear();
-        load(lib_, QM5OSD_STAGE "/osd/lib/libqm5codec.so.1.2");
+        ASSERT_EQ(load(lib_, QM5OSD_STAGE "/osd/lib/libqm5codec.so.1.2"), "");
     }
 
     void TearDown() override

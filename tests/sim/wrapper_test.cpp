@@ -31,7 +31,7 @@ protected:
     void take(const char *path)
     {
         dlclose(lib_.handle);
-        load(lib_, path);
+        ASSERT_EQ(load(lib_, path), "");
     }
 
     // A life with everything in it that a record can hold, and what is out of order too.
@@ -139,7 +139,7 @@ protected:
         Recording::SetUp();
         setenv("QM5SIM_WRAPPED", THRIFTY_CODEC, 1);
         dlclose(lib_.handle);
-        load(lib_, QM5SIM_WRAPPER "/libqm5codec.so.1.2");
+        ASSERT_EQ(load(lib_, QM5SIM_WRAPPER "/libqm5codec.so.1.2"), "");
         bring_up();
         first_ = wait_for_notice(1).res_id;
         second_ = wait_for_notice(2).res_id;

@@ -1,0 +1,55 @@
+// The program that holds a codec library against what the application counts on: what it says of
+// one that it can't use, or that fails.
+#include "support/files.h"
+#include "support/process.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+namespace
+{
+
+using support::Ended;
+
+Ended conformance_of(const std::string &library)
+{
+    return support::run({CONFORMANCE, library, "--gtest_filter=Conformance.status_has_the_size*"});
+}
+
+TEST(ConformanceProgram, library_that_cannot_be_used_is_told_in_one_line)
+{
+    support::write_file("/tmp/empty.so", "");
+    support::write_file("/tmp/text.so", std::string(5000, 'x'));
+    const struct {
+        std::string path;
+        std::string why;
+    } rows[] = {
+        {"/tmp/none.so", "cannot open shared object file: No such file or directory"},
+        {"/tmp/empty.so", "file too short"},
+        {"/tmp/text.so", "invalid ELF header"},
+        {"libm.so.6", "it has no qm5_cl_library_init"},
+    };
+    for (const auto &[path, why] : rows) {
+        const Ended ended = conformance_of(path);
+        EXPECT_EQ(ended.status, 1) << path;
+        EXPECT_EQ(ended.err, "conformance: " + path + ": " + why + "\n");
+        EXPECT_EQ(ended.out, "") << path;
+    }
+    std::filesystem::remove("/tmp/empty.so");
+    std::filesystem::remove("/tmp/text.so");
+}
+
+// Its tests run in processes of their own, whose failures are the program's.
+TEST(ConformanceProgram, library_that_fails_a_test_is_told_with_it)
+{
+    const Ended ended = conformance_of(THRIFTY_CODEC); // which tells no size
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_NE(ended.out.find("Expected: (status.width) > (0u), actual: 0 vs 0"), std::string::npos)
+        << ended.out;
+    EXPECT_NE(ended.out.find("[  FAILED  ] Conformance.status_has_the_size_of_the_video"),
+              std::string::npos)
+        << ended.out;
+}
+
+} // namespace
