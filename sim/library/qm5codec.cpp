@@ -24,10 +24,13 @@ static pid_t sim_process;
 
 // ---- Library and device -------------------------------------------------------------------------
 
-static int sim_fail_order(sim_operation operation)
+static const char SIM_TWICE[] = "a second time";
+
+// `what` says what should have come before.
+static int sim_fail_order(sim_operation operation, const char *what)
 {
     sim_lock();
-    sim_breach(operation, "out of its order");
+    sim_breach(operation, "%s", what);
     sim_unlock();
     return sim_fail(SIM_ERROR_ORDER);
 }
@@ -38,7 +41,7 @@ static int sim_require(sim_operation operation, const char *name, const void *po
     if (pointer)
         return 0;
     sim_lock();
-    sim_breach(operation, "%s: none", name);
+    sim_breach(operation, "%s: NULL, not a pointer to anything", name);
     sim_unlock();
     return sim_fail(SIM_ERROR_ARGUMENT);
 }
@@ -58,7 +61,7 @@ static int sim_begin_plain_call(sim_operation operation)
 static int sim_library_init()
 {
     if (sim_stage != SIM_DOWN)
-        return sim_fail_order(SIM_LIBRARY_INIT);
+        return sim_fail_order(SIM_LIBRARY_INIT, SIM_TWICE);
     if (sim_map_state() != 0)
         return -1;
     sim_process = getpid();
@@ -82,7 +85,8 @@ static int sim_library_init()
 static int sim_open_device()
 {
     if (sim_stage != SIM_INITIALISED)
-        return sim_fail_order(SIM_OPEN_DEVICE);
+        return sim_fail_order(SIM_OPEN_DEVICE,
+                              sim_stage == SIM_DOWN ? "before library_init" : SIM_TWICE);
     if (sim_begin_plain_call(SIM_OPEN_DEVICE) != 0)
         return -1;
     sim_stage = SIM_DEVICE_IS_OPEN;
@@ -92,7 +96,7 @@ static int sim_open_device()
 static int sim_notify_callback(qm5_cl_post_notify_function *callback)
 {
     if (sim_stage != SIM_DEVICE_IS_OPEN || sim_notify)
-        return sim_fail_order(SIM_NOTIFY_CALLBACK);
+        return sim_fail_order(SIM_NOTIFY_CALLBACK, sim_notify ? SIM_TWICE : "before open_device");
     if (sim_require(SIM_NOTIFY_CALLBACK, "callback", reinterpret_cast<const void *>(callback)) != 0)
         return -1;
     if (sim_begin_plain_call(SIM_NOTIFY_CALLBACK) != 0)
@@ -101,10 +105,22 @@ static int sim_notify_callback(qm5_cl_post_notify_function *callback)
     return 0;
 }
 
+// Another mask is taken at its word.
+static void sim_check_mask(std::uint32_t mask)
+{
+    constexpr std::uint32_t all = (1u << SIM_POSTS) - 1;
+    if (mask == all)
+        return;
+    sim_lock();
+    sim_breach(SIM_SET_NOTIFY, "mask: %u, not %u", mask, all);
+    sim_unlock();
+}
+
 static int sim_set_notify(std::uint32_t mask)
 {
     if (!sim_notify || sim_notifying)
-        return sim_fail_order(SIM_SET_NOTIFY);
+        return sim_fail_order(SIM_SET_NOTIFY, sim_notifying ? SIM_TWICE : "before notify_callback");
+    sim_check_mask(mask);
     if (sim_begin_plain_call(SIM_SET_NOTIFY) != 0 || sim_start_posts(sim_notify, mask) != 0)
         return -1;
     sim_notifying = true;
@@ -135,12 +151,24 @@ static void sim_end_osds()
     sim_reap_memory(SIM_CLOSE_DEVICE, SIM_CLOSE_DEVICE);
 }
 
+static void sim_check_all_memory()
+{
+    for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
+        for (std::uint32_t number = 0; number < SIM_OSDS; number++) {
+            const sim_memory *memory = sim_get_memory(post, number);
+            if (memory->handle != 0)
+                sim_check_memory(SIM_CLOSE_DEVICE, memory);
+        }
+    }
+}
+
 // A process may end with the device open, but not with OSDs.
 [[gnu::destructor]] static void sim_check_exit()
 {
     if (sim_stage != SIM_DEVICE_IS_OPEN || getpid() != sim_process)
         return;
     sim_lock();
+    sim_check_all_memory();
     sim_check_all_closed();
     sim_unlock();
 }
@@ -149,7 +177,7 @@ static void sim_end_osds()
 static int sim_close_device()
 {
     if (sim_stage != SIM_DEVICE_IS_OPEN)
-        return sim_fail_order(SIM_CLOSE_DEVICE);
+        return sim_fail_order(SIM_CLOSE_DEVICE, "before open_device");
     const int result = sim_begin_plain_call(SIM_CLOSE_DEVICE);
     const int error = errno;
     sim_stop_posts();
@@ -165,7 +193,8 @@ static int sim_close_device()
 static int sim_library_exit()
 {
     if (sim_stage != SIM_INITIALISED)
-        return sim_fail_order(SIM_LIBRARY_EXIT);
+        return sim_fail_order(SIM_LIBRARY_EXIT, sim_stage == SIM_DOWN ? "before library_init"
+                                                                      : "before close_device");
     const int result = sim_begin_plain_call(SIM_LIBRARY_EXIT);
     const int error = errno;
     sim_end_watch();
@@ -275,7 +304,7 @@ static int sim_begin_call(sim_operation operation, std::uint32_t res_id, sim_cal
     call->operation = operation;
     call->post_number = SIM_ANY_POST;
     if (!sim_notifying) // nobody has told it of a post
-        return sim_fail_order(operation);
+        return sim_fail_order(operation, "before set_notify");
     sim_lock();
     sim_check_thread(operation);
     sim_reap_memory(operation, SIM_NOTIFY); // the server has left the memory of the call before
@@ -349,11 +378,13 @@ static int sim_make_osd(const sim_call *call, const qm5_cl_osd_param *param)
 static std::uint32_t sim_check_param(const sim_call *call, const qm5_cl_osd_param *param)
 {
     if (param->number >= SIM_OSDS) {
-        sim_breach(call->operation, "param: OSD number %u", param->number);
+        sim_breach(call->operation, "param: OSD number %u, not 0 to %u", param->number,
+                   SIM_OSDS - 1);
         return SIM_ERROR_ARGUMENT;
     }
     if (param->color_type >= SIM_COLOR_TYPES) {
-        sim_breach(call->operation, "param: colour type %u", param->color_type);
+        sim_breach(call->operation, "param: colour type %u, not 0 to %u", param->color_type,
+                   SIM_COLOR_TYPES - 1);
         return SIM_ERROR_ARGUMENT;
     }
     if (call->post->osd[param->number].handle != 0 &&

@@ -33,7 +33,7 @@ void sim_tell_breach(const char *line, std::size_t length)
 
 bool sim_keep_breach(const char *file, const char *line, std::size_t length)
 {
-    const int fd = open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    const int fd = open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0644);
     const bool written = fd != -1 && sim_write(fd, line, length);
     if (fd != -1)
         close(fd);

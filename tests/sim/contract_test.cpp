@@ -4,6 +4,7 @@
 #include <csignal>
 #include <regex>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -86,11 +87,11 @@ TEST_F(Contract, calls_have_their_order)
                   lib_.set_notify(15);
                   lib_.library_exit();
               }),
-              "qm5sim: breach: library_init: out of its order\n"
-              "qm5sim: breach: open_device: out of its order\n"
-              "qm5sim: breach: notify_callback: out of its order\n"
-              "qm5sim: breach: set_notify: out of its order\n"
-              "qm5sim: breach: library_exit: out of its order\n");
+              "qm5sim: breach: library_init: a second time\n"
+              "qm5sim: breach: open_device: a second time\n"
+              "qm5sim: breach: notify_callback: a second time\n"
+              "qm5sim: breach: set_notify: a second time\n"
+              "qm5sim: breach: library_exit: before close_device\n");
 }
 
 TEST_F(Contract, arguments_point_somewhere)
@@ -108,12 +109,12 @@ TEST_F(Contract, arguments_point_somewhere)
             EXPECT_TRUE(failed(lib_.open_osd(ids_[0], &param, &word, &word, nullptr), argument));
             EXPECT_TRUE(failed(lib_.get_osd_mem(ids_[0], opened.handle, nullptr), argument));
         }),
-        "qm5sim: breach: thread_get_status: status: none\n"
-        "qm5sim: breach: open_osd: param: none\n"
-        "qm5sim: breach: open_osd: handle: none\n"
-        "qm5sim: breach: open_osd: aux: none\n"
-        "qm5sim: breach: open_osd: line_bytes: none\n"
-        "qm5sim: breach: get_osd_mem: mem: none\n");
+        "qm5sim: breach: thread_get_status: status: NULL, not a pointer to anything\n"
+        "qm5sim: breach: open_osd: param: NULL, not a pointer to anything\n"
+        "qm5sim: breach: open_osd: handle: NULL, not a pointer to anything\n"
+        "qm5sim: breach: open_osd: aux: NULL, not a pointer to anything\n"
+        "qm5sim: breach: open_osd: line_bytes: NULL, not a pointer to anything\n"
+        "qm5sim: breach: get_osd_mem: mem: NULL, not a pointer to anything\n");
     EXPECT_EQ(word, 0u) << "stays 0 on failure";
     EXPECT_EQ(lib_.close_osd(ids_[0], opened.handle), 0);
 }
@@ -151,8 +152,8 @@ TEST_F(Contract, osds_have_their_numbers)
                        {qm5_cl_osd_param{4, 16, 1, 0}, {0, 16, 1, 3}, {2, 16, 1, 0}})
                       EXPECT_NE(lib_.open_osd(ids_[0], &param, &handle, &word, &word), 0);
               }),
-              "qm5sim: breach: open_osd: param: OSD number 4\n"
-              "qm5sim: breach: open_osd: param: colour type 3\n"
+              "qm5sim: breach: open_osd: param: OSD number 4, not 0 to 3\n"
+              "qm5sim: breach: open_osd: param: colour type 3, not 0 to 2\n"
               "qm5sim: breach: open_osd: param: OSD 2 of post 0 is open\n");
     EXPECT_EQ(lib_.close_osd(ids_[0], opened.handle), 0);
 }
@@ -283,6 +284,18 @@ TEST_F(Contract, writes_after_set_are_found_by_clear_and_behind_the_end_of_the_p
     static_cast<char *>(mem.memory)[3] ^= 1;
     EXPECT_EQ(breach_of([&] { EXPECT_EQ(lib_.close_osd(ids_[0], cleared.handle), 0); }),
               "qm5sim: breach: close_osd: handle " + hex(gone.handle) +
+                  ": its memory has been written after set_osd\n");
+}
+
+TEST_F(Contract, write_after_set_is_found_by_the_closing_of_the_device_and_told_once)
+{
+    const Opened opened = open_osd(ids_[0], {0, 16, 1, 0});
+    const qm5_cl_osd_mem mem = borrow(opened);
+    EXPECT_EQ(lib_.set_osd(ids_[0], opened.handle, {0, 0}), 0);
+    static_cast<char *>(mem.memory)[3] ^= 1;
+    EXPECT_EQ(breach_of([&] { take_down(); }),
+              "qm5sim: breach: close_device: post 0, OSD 0, handle " + hex(opened.handle) +
+                  ": left open\nqm5sim: breach: close_device: handle " + hex(opened.handle) +
                   ": its memory has been written after set_osd\n");
 }
 
@@ -451,7 +464,7 @@ TEST_F(Contract, strict_library_ends_the_process_at_the_first_breach)
               }),
               SIGABRT);
     const std::string told = captured_stderr();
-    EXPECT_EQ(told, "qm5sim: breach: set_notify: out of its order\n");
+    EXPECT_EQ(told, "qm5sim: breach: set_notify: before notify_callback\n");
     fs::remove(std::string(STATE) + "/breaches");
 }
 
@@ -473,9 +486,9 @@ TEST_F(DownContract, calls_before_library_init_are_told_in_the_file_too)
     EXPECT_TRUE(failed(lib_.library_exit(), 0x81E00001));
     EXPECT_TRUE(failed(lib_.clear_osd(1, 2), 0x81E00001));
     const std::string told = captured_stderr();
-    EXPECT_EQ(told, "qm5sim: breach: open_device: out of its order\n"
-                    "qm5sim: breach: library_exit: out of its order\n"
-                    "qm5sim: breach: clear_osd: out of its order\n");
+    EXPECT_EQ(told, "qm5sim: breach: open_device: before library_init\n"
+                    "qm5sim: breach: library_exit: before library_init\n"
+                    "qm5sim: breach: clear_osd: before set_notify\n");
     EXPECT_EQ(breaches(), told);
 }
 
@@ -486,7 +499,7 @@ TEST_F(DownContract, calls_behind_library_exit_are_told_in_the_file_too)
     testing::internal::CaptureStderr();
     EXPECT_NE(lib_.close_device(), 0);
     const std::string told = captured_stderr();
-    EXPECT_EQ(told, "qm5sim: breach: close_device: out of its order\n");
+    EXPECT_EQ(told, "qm5sim: breach: close_device: before open_device\n");
     EXPECT_EQ(breaches(), told);
 }
 
@@ -508,13 +521,48 @@ TEST_F(DownContract, callback_comes_once_and_posts_only_behind_set_notify)
     EXPECT_TRUE(failed(lib_.clear_osd(1, 2), order));
     EXPECT_TRUE(failed(lib_.get_osd_mem(1, 2, &mem), order));
     EXPECT_TRUE(failed(lib_.set_osd(1, 2, {0, 0}), order));
-    std::string expected;
-    for (const char *call : {"notify_callback", "thread_get_status", "open_osd", "close_osd",
-                             "clear_osd", "get_osd_mem", "set_osd"})
-        expected += std::string("qm5sim: breach: ") + call + ": out of its order\n";
+    std::string expected = "qm5sim: breach: notify_callback: a second time\n";
+    for (const char *call :
+         {"thread_get_status", "open_osd", "close_osd", "clear_osd", "get_osd_mem", "set_osd"})
+        expected += std::string("qm5sim: breach: ") + call + ": before set_notify\n";
     EXPECT_EQ(captured_stderr(), expected);
     EXPECT_EQ(breaches(), expected);
     EXPECT_EQ(lib_.set_notify(15), 0);
+    take_down();
+}
+
+TEST_F(DownContract, each_call_has_one_that_comes_before_it)
+{
+    constexpr std::uint32_t order = 0x81E00001;
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(failed(lib_.notify_callback(keep_notice), order));
+    EXPECT_TRUE(failed(lib_.close_device(), order));
+    ASSERT_EQ(lib_.library_init(), 0);
+    EXPECT_TRUE(failed(lib_.notify_callback(keep_notice), order));
+    EXPECT_TRUE(failed(lib_.close_device(), order));
+    ASSERT_EQ(lib_.open_device(), 0);
+    EXPECT_TRUE(failed(lib_.set_notify(15), order));
+    const std::string told = captured_stderr();
+    EXPECT_EQ(told, "qm5sim: breach: notify_callback: before open_device\n"
+                    "qm5sim: breach: close_device: before open_device\n"
+                    "qm5sim: breach: notify_callback: before open_device\n"
+                    "qm5sim: breach: close_device: before open_device\n"
+                    "qm5sim: breach: set_notify: before notify_callback\n");
+    EXPECT_EQ(breaches(), told);
+    take_down();
+}
+
+TEST_F(DownContract, callback_is_one_and_the_mask_is_that_of_all_posts)
+{
+    ASSERT_EQ(lib_.library_init(), 0);
+    ASSERT_EQ(lib_.open_device(), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(failed(lib_.notify_callback(nullptr), 0x81E00002));
+    ASSERT_EQ(lib_.notify_callback(keep_notice), 0);
+    EXPECT_EQ(lib_.set_notify(7), 0);
+    EXPECT_EQ(captured_stderr(),
+              "qm5sim: breach: notify_callback: callback: NULL, not a pointer to anything\n"
+              "qm5sim: breach: set_notify: mask: 7, not 15\n");
     take_down();
 }
 
@@ -532,6 +580,28 @@ TEST_F(DownContract, osds_are_closed_before_the_end_of_the_process)
     waitpid(child, &status, 0);
     const std::string told = captured_stderr();
     EXPECT_EQ(told, "qm5sim: breach: close_device: post 1, OSD 3, handle 0x60000006: left open\n");
+    EXPECT_EQ(breaches(), told);
+}
+
+TEST_F(DownContract, write_after_set_is_told_by_the_end_of_the_process_at_the_latest)
+{
+    testing::internal::CaptureStderr();
+    const pid_t child = fork();
+    if (child == 0) {
+        const std::vector<std::uint32_t> ids = bring_up_with_posts();
+        const Opened opened = open_osd(ids[1], {3, 16, 1, 0});
+        qm5_cl_osd_mem mem{};
+        EXPECT_EQ(lib_.get_osd_mem(ids[1], opened.handle, &mem), 0);
+        EXPECT_EQ(lib_.set_osd(ids[1], opened.handle, {0, 0}), 0);
+        static_cast<char *>(mem.memory)[3] ^= 1;
+        std::exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    const std::string told = captured_stderr();
+    EXPECT_EQ(told, "qm5sim: breach: close_device: handle 0x60000005: its memory has been written "
+                    "after set_osd\n"
+                    "qm5sim: breach: close_device: post 1, OSD 3, handle 0x60000005: left open\n");
     EXPECT_EQ(breaches(), told);
 }
 
@@ -553,8 +623,18 @@ TEST_F(DownContract, file_is_not_made_where_there_can_be_no_folder)
     setenv("QM5SIM_STATE", "/tmp/none/codec", 1);
     testing::internal::CaptureStderr();
     EXPECT_TRUE(failed(lib_.open_device(), 0x81E00001));
-    EXPECT_EQ(captured_stderr(), "qm5sim: breach: open_device: out of its order\n"
+    EXPECT_EQ(captured_stderr(), "qm5sim: breach: open_device: before library_init\n"
                                  "qm5sim: /tmp/none/codec: No such file or directory\n");
+}
+
+TEST_F(DownContract, file_that_would_wait_for_a_reader_holds_nothing_up)
+{
+    fs::create_directory(STATE);
+    ASSERT_EQ(mkfifo("/tmp/codec/breaches", 0600), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(failed(lib_.open_device(), 0x81E00001));
+    EXPECT_EQ(captured_stderr(), "qm5sim: breach: open_device: before library_init\n"
+                                 "qm5sim: /tmp/codec/breaches: No such device or address\n");
 }
 
 TEST_F(DownContract, strict_library_ends_the_process_before_library_init_too)
@@ -563,7 +643,7 @@ TEST_F(DownContract, strict_library_ends_the_process_before_library_init_too)
     write_file(std::string(STATE) + "/settings", "strict 1\n");
     testing::internal::CaptureStderr();
     EXPECT_EQ(signal_of([this] { lib_.open_device(); }), SIGABRT);
-    EXPECT_EQ(captured_stderr(), "qm5sim: breach: open_device: out of its order\n");
+    EXPECT_EQ(captured_stderr(), "qm5sim: breach: open_device: before library_init\n");
 }
 
 } // namespace
