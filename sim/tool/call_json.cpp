@@ -106,7 +106,7 @@ Json describe(const call_reader::Calls &calls, std::uint64_t number, const sim_c
         line["errno"] = sim_reader::word_text(call.error);
     else
         add_fields(line, fields.given, call.given);
-    if (call.operation == SIM_SET_OSD)
+    if (call.operation == SIM_SET_OSD && call.hash != 0) // 0: not known, as of a failed call
         line["hash"] = hash_text(call.hash);
     line["us"] = microseconds(call.duration);
     return line;

@@ -139,8 +139,7 @@ TEST_F(SimCalls, prints_the_error_of_a_failed_call_instead_of_what_it_would_have
               "\"height\":4,\"color_type\":2,\"result\":-1,\"errno\":\"0x81E03246\",\"us\":60.0}\n"
               "{\"n\":2,\"time\":\"2026-03-04T05:06:07.000008Z\",\"thread\":700,"
               "\"call\":\"set_osd\",\"res_id\":\"0x00000000\",\"handle\":\"0x00000000\","
-              "\"x\":65535,\"y\":0,\"result\":-14,\"errno\":\"0x81E04507\","
-              "\"hash\":\"0000000000000000\",\"us\":60.1}\n");
+              "\"x\":65535,\"y\":0,\"result\":-14,\"errno\":\"0x81E04507\",\"us\":60.1}\n");
 }
 
 TEST_F(SimCalls, prints_the_largest_words_as_they_are)
