@@ -84,6 +84,9 @@ struct sim_fault {
 constexpr std::size_t SIM_FAULTS = 32; // at a time
 constexpr std::size_t SIM_FAULT_LINE = 128;
 
+// The most bytes that a file of faults, or one of settings, may have.
+constexpr std::size_t SIM_LONGEST_TEXT = SIM_FAULTS * SIM_FAULT_LINE - 1;
+
 // Reads a line, with or without its line feed. NULL, or why it can't be understood.
 const char *sim_parse_fault(const char *line, sim_fault *fault);
 

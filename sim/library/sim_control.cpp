@@ -28,16 +28,44 @@ static void sim_take_faults(const sim_fault *faults, std::size_t count)
     memcpy(sim->fault, counts, sizeof counts);
 }
 
+// One of the two files: what it says, or why it can't be read.
+struct sim_control_file {
+    char path[SIM_PATH_SIZE];
+    char text[SIM_TEXT];
+    std::size_t length;
+    bool is_read;
+};
+
+// A reason stands in the place of the text. It is none that could be understood, so that it can be
+// compared with texts.
+static void sim_read_control_file(const char *name, sim_control_file *file)
+{
+    sim_get_path(file->path, "%s", name);
+    const char *why = sim_read_text(file->path, file->text, sizeof file->text, &file->length);
+    file->is_read = !why;
+    if (why)
+        file->length = static_cast<std::size_t>(snprintf(file->text, sizeof file->text, "%s", why));
+}
+
+// Is there a text? If not, that is told.
+static bool sim_require_text(const sim_control_file *file)
+{
+    if (!file->is_read)
+        sim_say(file->path, file->text);
+    return file->is_read;
+}
+
 // Takes both texts, or neither; false if one can't be understood.
-static bool sim_take_texts(const char *settings_path, const char *settings, const char *faults_path,
-                           const char *faults)
+static bool sim_take_texts(const sim_control_file *settings, const sim_control_file *faults)
 {
     sim_settings setting = sim_setting;
     sim_fault list[SIM_FAULTS] = {};
     std::size_t count = 0;
-    const bool settings_are_good = sim_take_settings(settings_path, settings, &setting);
+    const bool settings_are_good =
+        sim_require_text(settings) && sim_take_settings(settings->path, settings->text, &setting);
     const bool faults_are_good =
-        sim_parse_lines(faults_path, faults, [&list, &count](const char *line) {
+        sim_require_text(faults) &&
+        sim_parse_lines(faults->path, faults->text, [&list, &count](const char *line) {
             return sim_add_fault(line, list, &count);
         });
     if (!settings_are_good || !faults_are_good)
@@ -71,19 +99,14 @@ void sim_forget_control()
 
 void sim_read_control()
 {
-    char settings_path[SIM_PATH_SIZE];
+    static sim_control_file settings;
+    static sim_control_file faults;
     char faults_path[SIM_PATH_SIZE];
-    static char settings[SIM_TEXT];
-    static char faults[SIM_TEXT];
-    sim_get_path(settings_path, "settings");
     sim_get_path(faults_path, "faults");
     const std::uint64_t faults_time = sim_change_time(faults_path);
-    const long settings_size = sim_read_text(settings_path, settings, sizeof settings);
-    const long faults_size = sim_read_text(faults_path, faults, sizeof faults);
-    if (settings_size < 0 || faults_size < 0)
-        return;
-    const std::uint32_t hash = sim_hash(settings, static_cast<std::size_t>(settings_size), faults,
-                                        static_cast<std::size_t>(faults_size));
+    sim_read_control_file("settings", &settings);
+    sim_read_control_file("faults", &faults);
+    const std::uint32_t hash = sim_hash(settings.text, settings.length, faults.text, faults.length);
     const bool is_first = !sim_has_looked;
     const bool is_new = is_first || hash != sim_looked_at;
     if (!is_new && sim->faults_time == faults_time)
@@ -94,7 +117,7 @@ void sim_read_control()
     if (is_first && sim->faults_time != faults_time)
         memset(sim->fault, 0, sizeof sim->fault);
     sim->faults_time = faults_time;
-    if (is_new && sim_take_texts(settings_path, settings, faults_path, faults))
+    if (is_new && sim_take_texts(&settings, &faults))
         sim->control = hash;
     sim_end();
 }

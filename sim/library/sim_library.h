@@ -48,8 +48,8 @@ std::uint32_t sim_new_id();
 
 extern sim_settings sim_setting;
 
-// Takes up what the files `settings` and `faults` say. If one can't be understood, which is told on
-// stderr once, what was in force stays. With the lock, if the notification thread runs.
+// Takes up what the files `settings` and `faults` say. If one can't be read or understood, which is
+// told on stderr once, what was in force stays. With the lock, if the notification thread runs.
 void sim_read_control();
 
 // Nothing is known of them yet.

@@ -145,7 +145,7 @@ int sim_take_folder()
     const char *why = sim_make_folder(sim_folder_path);
     if (!why)
         return 0;
-    fprintf(stderr, "qm5sim: %s: %s\n", sim_folder_path, why);
+    sim_say(sim_folder_path, why);
     return sim_fail(SIM_ERROR_SYSTEM);
 }
 

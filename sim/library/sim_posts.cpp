@@ -45,7 +45,7 @@ static int sim_write_size(std::uint32_t post, const char *size,
     char draft[SIM_PATH_SIZE];
     sim_get_path(path, "post%u", post);
     sim_get_path(draft, "post%u.new", post);
-    const int fd = open(draft, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const int fd = open(draft, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0644);
     if (fd != -1)
         errno = ENOSPC; // what a short write means
     const auto length = static_cast<ssize_t>(strlen(size));
@@ -81,12 +81,17 @@ static bool sim_read_size(std::uint32_t post, std::uint32_t *width, std::uint32_
 {
     char path[SIM_PATH_SIZE];
     char text[32];
+    std::size_t length;
     *width = 0;
     *height = 0;
     sim_get_path(path, "post%u", post);
     if (access(path, F_OK) != 0 && errno == ENOENT)
         return true;
-    if (sim_read_text(path, text, sizeof text) <= 0)
+    if (const char *why = sim_read_text(path, text, sizeof text, &length)) {
+        sim_say(path, why);
+        return false;
+    }
+    if (length == 0)
         return false;
     if (sim_parse_size(text, width, height))
         return true;

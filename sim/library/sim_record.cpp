@@ -186,7 +186,7 @@ static int sim_make_file(const char *path)
 
 static bool sim_make_files()
 {
-    const int old = open(sim_calls_path, O_RDONLY | O_CLOEXEC);
+    const int old = open(sim_calls_path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     const bool is_free = old == -1 || sim_lock_calls(old);
     if (is_free) {
         sim_data_fd = sim_make_file(sim_data_path);

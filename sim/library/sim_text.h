@@ -15,15 +15,18 @@ constexpr std::uint32_t SIM_ERROR_SYSTEM = 0x81E00003;   // the state folder; sa
 // Sets errno to a code and returns -1.
 int sim_fail(std::uint32_t code);
 
-// Says "qm5sim: what: why" on stderr, with the system's reason, and fails with SIM_ERROR_SYSTEM.
+// Says "qm5sim: what: why" on stderr.
+void sim_say(const char *what, const char *why);
+
+// The same with the system's reason, and fails with SIM_ERROR_SYSTEM.
 int sim_fail_system(const char *what);
 
-// The text of a small file of the folder, fewer than `size` - 1 bytes and a terminator; 0 bytes for
-// no file. The number of bytes, or -1 after saying why.
-long sim_read_text(const char *path, char *text, std::size_t size);
+// Reads a small file of the folder, fewer than `size` - 1 bytes and a terminator; 0 bytes for no
+// file. NULL, or why it can't be read, until the next call of anything; then the text is empty.
+const char *sim_read_text(const char *path, char *text, std::size_t size, std::size_t *length);
 
-// Room for a text of so many lines.
-constexpr std::size_t SIM_TEXT = SIM_FAULTS * SIM_FAULT_LINE;
+// Room for the longest text, and for noticing a longer one.
+constexpr std::size_t SIM_TEXT = SIM_LONGEST_TEXT + 2;
 
 // Calls `parse` for each line that is no comment and not empty; false, said on stderr, at the first
 // one that it refuses.

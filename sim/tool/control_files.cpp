@@ -25,9 +25,6 @@ namespace
 constexpr std::chrono::milliseconds PACE{5};
 constexpr std::chrono::seconds PATIENCE{2};
 
-// The library reads no more of a file.
-constexpr std::size_t LONGEST_TEXT = SIM_FAULTS * SIM_FAULT_LINE - 1;
-
 } // namespace
 
 // ---- Texts --------------------------------------------------------------------------------------
@@ -53,8 +50,8 @@ std::vector<std::string> split_lines(const std::string &text)
 template <typename Take>
 void take_lines(const fs::path &file, const std::string &text, Take take)
 {
-    if (text.size() > LONGEST_TEXT)
-        fail(file, "longer than " + std::to_string(LONGEST_TEXT) + " bytes");
+    if (text.size() > SIM_LONGEST_TEXT)
+        fail(file, "longer than " + std::to_string(SIM_LONGEST_TEXT) + " bytes");
     if (text.find('\0') != std::string::npos)
         fail(file, "no text");
     std::size_t number = 0;

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <stdexcept>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace sim_reader
@@ -88,6 +89,10 @@ int replace(const fs::path &file, std::string_view bytes)
 
 std::optional<std::string> read_open_file(const fs::path &file, int fd)
 {
+    struct stat own {
+    };
+    if (fstat(fd, &own) == 0 && !S_ISREG(own.st_mode) && !S_ISDIR(own.st_mode))
+        fail(file, "no regular file");
     std::string bytes;
     char part[1 << 16];
     for (;;) {
@@ -122,7 +127,7 @@ bool is_there(const fs::path &file)
 
 std::optional<std::string> read_file_if_there(const fs::path &file)
 {
-    const Descriptor in(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    const Descriptor in(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)); // as of a FIFO
     if (in.get() != -1)
         return read_open_file(file, in.get());
     if (errno != ENOENT)

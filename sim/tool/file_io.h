@@ -34,6 +34,7 @@ private:
 // Is there such a file? Also if something keeps from looking, which the opening tells then.
 bool is_there(const std::filesystem::path &file);
 
+// Reads a regular file.
 std::string read_file(const std::filesystem::path &file);
 
 // The same; nothing if there is no such file.

@@ -187,8 +187,10 @@ std::vector<std::uint8_t> read_pixels(const fs::path &path, std::uint64_t size)
 {
     std::error_code error;
     const std::uintmax_t there = fs::file_size(path, error);
+    if (error) // no regular file, perhaps a FIFO, whose opening would wait
+        return {};
     std::vector<std::uint8_t> pixels(
-        error ? 0 : static_cast<std::size_t>(std::min<std::uintmax_t>(size, there)));
+        static_cast<std::size_t>(std::min<std::uintmax_t>(size, there)));
     std::ifstream file(path, std::ios::binary);
     file.read(reinterpret_cast<char *>(pixels.data()), static_cast<std::streamsize>(pixels.size()));
     pixels.resize(static_cast<std::size_t>(file.gcount()));

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <random>
 #include <string>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -70,6 +71,7 @@ std::vector<Damage> damages(const std::string &good)
                  return lines;
              }()),
         {"a folder", [](const fs::path &file) { fs::create_directory(file); }},
+        {"a FIFO", [](const fs::path &file) { ASSERT_EQ(mkfifo(file.c_str(), 0600), 0); }},
         link_to("a link to nothing", "/tmp/none/at/all"),
         link_to("a link to itself", "."),
     };
@@ -285,12 +287,28 @@ TEST_F(DamagedFiles, that_are_handed_over_are_told_in_one_line)
         for (const Damage &damage : damages(row.good)) {
             fs::remove(file);
             damage.make(file);
-            for (const Words &command : row.commands)
+            for (const Words &command : row.commands) {
+                if (command[0] == "play" && damage.name == "a FIFO")
+                    continue; // which waits for somebody who writes into it
                 expect_manners(run_command(command), damage.name + ", " + command.at(0));
+            }
         }
     }
     fs::remove(file);
     fs::remove("/tmp/out.png");
+}
+
+TEST_F(DamagedFiles, that_would_wait_for_a_writer_are_no_regular_files)
+{
+    fs::copy(GOOD, STATE);
+    const std::string post = std::string(STATE) + "/post1";
+    fs::remove(post);
+    ASSERT_EQ(mkfifo(post.c_str(), 0600), 0);
+    const Ended ended = run_command({"state"});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.err, "qm5sim: /tmp/codec/post1: no regular file\n");
+    EXPECT_EQ(in_child([this] { return bring_up_and_take_down(); }), 0);
+    EXPECT_EQ(read_file("/tmp/err"), "qm5sim: /tmp/codec/post1: no regular file\n");
 }
 
 // A look at everything that a record says, as all commands together take it.

@@ -1,7 +1,9 @@
 // Faults of the simulated codec library: their words, when they happen and what they do.
 #include "codec_library.h"
+#include "control_files.h"
 
 #include <chrono>
+#include <fcntl.h>
 
 namespace
 {
@@ -300,6 +302,48 @@ TEST_F(Faults, text_that_is_wrong_is_told_once_and_leaves_both_as_they_are)
     fs::remove(std::string(STATE) + "/settings");
     change_faults("2 set_osd next vanish\n");
     EXPECT_EQ(failures(ids[0], 1), ".");
+}
+
+TEST_F(Faults, file_that_cannot_be_read_is_told_once_and_leaves_both_as_they_are)
+{
+    const std::string good = "1 thread_get_status every fail gone1\n";
+    const std::vector<std::uint32_t> ids = bring_up_with(good);
+    const std::uint32_t in_force = control();
+    testing::internal::CaptureStderr();
+    std::size_t notices_due = SIM_POSTS;
+    const auto look_twice = [&notices_due] {
+        for (const unsigned width : {0u, 640u}) { // each notice comes behind a look at the files
+            sim_reader::write_size(STATE, 3, width, width);
+            wait_for_notice(++notices_due);
+        }
+    };
+    fs::create_directory(std::string(STATE) + "/made");
+    ASSERT_EQ(
+        renameat2(AT_FDCWD, "/tmp/codec/made", AT_FDCWD, "/tmp/codec/faults", RENAME_EXCHANGE), 0);
+    look_twice();
+    write_file(std::string(STATE) + "/new", std::string(SIM_LONGEST_TEXT + 1, '\n'));
+    fs::rename(std::string(STATE) + "/new", std::string(STATE) + "/settings");
+    look_twice();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "qm5sim: /tmp/codec/faults: Is a directory\n"
+              "qm5sim: /tmp/codec/settings: File too large\n"
+              "qm5sim: /tmp/codec/faults: Is a directory\n");
+    EXPECT_EQ(control(), in_force);
+    EXPECT_EQ(failures(ids[0], 1), "x");
+    fs::remove(std::string(STATE) + "/settings");
+    fs::remove(std::string(STATE) + "/faults");
+    change_faults("2 set_osd next vanish\n");
+    EXPECT_EQ(failures(ids[0], 1), ".");
+}
+
+TEST_F(Faults, text_may_be_as_long_for_the_library_as_for_the_tool)
+{
+    std::string longest = "1 thread_get_status every fail gone1\n";
+    longest.resize(SIM_LONGEST_TEXT, '\n');
+    EXPECT_EQ(control_files::parse_faults("it", longest).size(), 1u);
+    EXPECT_THROW(control_files::parse_faults("it", longest + '\n'), std::runtime_error);
+    const std::vector<std::uint32_t> ids = bring_up_with(longest);
+    EXPECT_EQ(failures(ids[0], 1), "x");
 }
 
 TEST_F(Faults, text_that_was_refused_before_a_restart_does_not_count_as_taken)
