@@ -137,6 +137,15 @@ TEST(Completion, offers_the_values_of_switches_and_colour_types)
     EXPECT_EQ(osd_offers({"start", "--Post0DateOn", "=", "2"}), Set{});
 }
 
+TEST(Completion, offers_the_values_behind_a_blank_too)
+{
+    EXPECT_EQ(osd_offers({"update", "--Post0DateOn", ""}), (Set{"0", "1"}));
+    EXPECT_EQ(osd_offers({"update", "--Post1Osd2ColorType", "2"}), Set{"2"});
+    EXPECT_EQ(osd_offers({"update", "--Post0String", ""}), Set{});
+    EXPECT_EQ(osd_offers({"update", "--Post0DateOn", "1", "--Post2Da"}), Set{"--Post2DateOn="});
+    EXPECT_EQ(osd_offers({"update", "--Post0DateOn=1", "--Post2Da"}), Set{"--Post2DateOn="});
+}
+
 TEST(Completion, keeps_the_option_before_a_value_in_one_word)
 {
     EXPECT_EQ(osd_offers({"update", "--Post0DateOn="}),
@@ -297,9 +306,16 @@ TEST(SimCompletion, offers_the_faults_that_can_be_removed)
                             "next", "vanish"})
                   .status,
               0);
+    EXPECT_EQ(sim_offers({"fault", "remove", ""}), Set{"1"});
+    EXPECT_EQ(
+        offers("qm5sim", {QM5SIM_PROGRAM, "--state", "=", "/tmp/codec", "fault", "remove", ""}),
+        Set{"1"});
     setenv("QM5SIM_STATE", "/tmp/codec", 1);
     EXPECT_EQ(offers("qm5sim", {QM5SIM_PROGRAM, "fault", "remove", ""}), Set{"1"});
+    EXPECT_EQ(offers("qm5sim", {QM5SIM_PROGRAM, "--state", "/tmp/another", "fault", "remove", ""}),
+              Set{});
     unsetenv("QM5SIM_STATE");
+    std::filesystem::remove_all("/tmp/another");
     std::filesystem::remove_all("/tmp/codec");
 }
 

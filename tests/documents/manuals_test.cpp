@@ -52,14 +52,35 @@ std::string rendered(const std::string &name)
 
 // ---- All manuals --------------------------------------------------------------------------------
 
+// Without what depends on the manuals that this machine has and has listed.
+std::string faults_of_form(const std::string &path)
+{
+    const Ended ended = run({MANDOC_PROGRAM, "-T", "lint", path});
+    std::string faults;
+    for (const std::string &line : split(ended.out + ended.err)) {
+        if (line.find(": referenced manual not found: Xr ") == std::string::npos &&
+            !line.starts_with("mandoc: outdated mandoc.db lacks "))
+            faults += line + '\n';
+    }
+    return faults;
+}
+
+TEST(Manuals, faults_of_form_are_found)
+{
+    const std::string path = "/tmp/long.1";
+    support::write_file(path, ".Dd November 21, 2026\n.Dt LONG 1\n.Os\n.Sh NAME\n.Nm long\n"
+                              ".Nd one\n.Sh DESCRIPTION\n" +
+                                  std::string(40, 'x') + ' ' + std::string(40, 'x') + '\n');
+    EXPECT_NE(faults_of_form(path).find("longer than 80 bytes"), std::string::npos);
+    fs::remove(path);
+}
+
 TEST(Manuals, have_no_fault_of_form)
 {
     Set names;
     for (const auto &entry : fs::directory_iterator(MANUALS)) {
         names.insert(entry.path().filename());
-        const Ended ended = run({MANDOC_PROGRAM, "-T", "lint", "-W", "warning", entry.path()});
-        EXPECT_EQ(ended.status, 0);
-        EXPECT_EQ(ended.out + ended.err, "");
+        EXPECT_EQ(faults_of_form(entry.path()), "");
     }
     EXPECT_EQ(names, (Set{"qm5osd.1", "qm5_app_comm.conf.5", "qm5sim.1"}));
 }

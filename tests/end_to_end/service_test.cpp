@@ -177,6 +177,31 @@ TEST_F(Service, start_tells_what_is_missing)
     EXPECT_EQ(absent.err, "qm5osd: /opt/qm5/osd/bin/qm5osd: it isn't there\n");
 }
 
+TEST_F(Service, script_of_a_removed_package_does_nothing_at_boot)
+{
+    fs::remove(APPLIANCE_PROGRAM);
+    const std::string source = std::string(". ") + APPLIANCE_SERVICE;
+    for (const char *name : {"/etc/init.d/qm5osd", "/etc/rc2.d/S01qm5osd"}) {
+        for (const char *word : {"start", "stop"})
+            expect_good(run({"/bin/sh", "-c", source, name, word}));
+        EXPECT_EQ(run({"/bin/sh", "-c", source, name, "status"}).status, 4);
+    }
+}
+
+TEST_F(Service, limit_that_is_no_number_is_refused)
+{
+    for (const std::string limit : {"0", "abc", "", "08", "-1"}) {
+        write_file(support::APPLIANCE_SETTINGS, "limit=" + limit + '\n');
+        const Ended started = service("start");
+        EXPECT_EQ(started.status, 6);
+        EXPECT_EQ(started.err, "qm5osd: /etc/default/qm5osd: limit=" + limit +
+                                   ": it is no number of seconds above 0\n");
+        EXPECT_EQ(service("status").status, 4);
+    }
+    set_limit(10);
+    EXPECT_EQ(service("status").status, 3);
+}
+
 TEST_F(Service, restart_keeps_what_was_saved)
 {
     expect_good(service("start"));
@@ -204,6 +229,30 @@ TEST_F(Service, save_that_fails_leaves_what_was_saved_before)
     EXPECT_EQ(full.status, 1);
     EXPECT_EQ(full.err, "qm5osd: /opt/qm5/conf/saved.conf.new: it wasn't written whole\n");
     EXPECT_EQ(read_file(APPLIANCE_SAVED), "[osd]\nPost0TypeOn=1\n");
+    expect_good(service("stop"));
+}
+
+TEST_F(Service, save_keeps_bytes_that_are_no_characters)
+{
+    expect_good(service("start"));
+    EXPECT_EQ(tool({"update", "--Post1String=caf\351"}).status, 0);
+    setenv("LC_ALL", "C.UTF-8", 1);
+    const Ended saved = service("save");
+    unsetenv("LC_ALL");
+    expect_good(saved);
+    EXPECT_NE(read_file(APPLIANCE_SAVED).find("\nPost1String=caf\351\n"), std::string::npos);
+    expect_good(service("stop"));
+}
+
+TEST_F(Service, save_fails_if_a_folder_is_in_its_way)
+{
+    expect_good(service("start"));
+    fs::create_directory(APPLIANCE_SAVED);
+    const Ended saved = service("save");
+    EXPECT_EQ(saved.status, 1);
+    EXPECT_NE(saved.err.find("/opt/qm5/conf/saved.conf"), std::string::npos) << saved.err;
+    EXPECT_TRUE(fs::is_empty(APPLIANCE_SAVED));
+    EXPECT_FALSE(fs::exists(std::string(APPLIANCE_SAVED) + ".new"));
     expect_good(service("stop"));
 }
 
@@ -241,7 +290,7 @@ TEST_F(Service, saved_parameters_that_end_the_server_are_left_out)
     const Ended started = service("start");
     EXPECT_EQ(started.status, 0);
     EXPECT_EQ(started.err, "qm5osd: /opt/qm5/conf/saved.conf: no server came up with it, so one is "
-                           "started without it\n");
+                           "started without it; see /var/log/qm5osd.log.old\n");
     EXPECT_EQ(in_force("Post0Rectangle0On"), "0");
     expect_good(service("stop"));
     while (waitpid(-1, nullptr, WNOHANG) > 0)
@@ -273,6 +322,35 @@ TEST_F(Service, server_that_takes_long_to_come_up_is_waited_for)
     expect_good(service("stop"));
 }
 
+TEST_F(Service, server_outlives_a_start_that_waits_too_long_for_its_reply)
+{
+    set_limit(6);
+    write_file(APPLIANCE_SAVED, "[osd]\nPost0TypeOn=1\n");
+    sim({"post", "0", "open", "720x576"});
+    sim({"fault", "add", "open_osd", "next", "delay", "7000"});
+    expect_good(service("start"));
+    EXPECT_EQ(in_force("Post0TypeOn"), "1");
+    EXPECT_TRUE(shows(0, [](const auto &post) { return support::count_shown(post) == 1; }));
+    EXPECT_FALSE(fs::exists(std::string(APPLIANCE_LOG) + ".old")); // it is the first server
+    server();
+    expect_good(service("stop"));
+}
+
+TEST_F(Service, start_tells_of_a_server_that_takes_too_long_for_what_was_saved)
+{
+    set_limit(2);
+    write_file(APPLIANCE_SAVED, "[osd]\nPost0TypeOn=1\n");
+    sim({"post", "0", "open", "720x576"});
+    sim({"fault", "add", "open_osd", "next", "delay", "8000"});
+    const Ended started = service("start");
+    EXPECT_EQ(started.status, 0);
+    EXPECT_EQ(started.err, "qm5osd: /opt/qm5/conf/saved.conf: the server doesn't take it within 2 "
+                           "seconds; see /var/log/qm5osd.log\n");
+    EXPECT_EQ(service("status").status, 0);
+    set_limit(20);
+    expect_good(service("stop"));
+}
+
 TEST_F(Service, server_that_does_not_stop_is_killed)
 {
     if (is_emulated())
@@ -284,6 +362,43 @@ TEST_F(Service, server_that_does_not_stop_is_killed)
     EXPECT_EQ(stopped.status, 0);
     EXPECT_EQ(stopped.err, "qm5osd: the server didn't stop within 2 seconds and is killed\n");
     EXPECT_EQ(service("status").status, 3);
+    remove_traces();
+}
+
+TEST_F(Service, server_of_a_replaced_file_is_killed_too)
+{
+    if (is_emulated())
+        GTEST_SKIP() << "an emulator hides the server from the script";
+    expect_good(service("start"));
+    kill(server(), SIGSTOP);
+    const std::string upgraded = std::string(APPLIANCE_PROGRAM) + ".new";
+    fs::copy(APPLIANCE_PROGRAM, upgraded);
+    fs::rename(upgraded, APPLIANCE_PROGRAM);
+    set_limit(2);
+    const Ended stopped = service("stop");
+    EXPECT_EQ(stopped.status, 0);
+    EXPECT_EQ(stopped.err, "qm5osd: the server didn't stop within 2 seconds and is killed\n");
+    EXPECT_EQ(service("status").status, 3);
+    remove_traces();
+}
+
+TEST_F(Service, stop_and_restart_fail_if_a_server_cant_be_ended)
+{
+    expect_good(service("start"));
+    const pid_t pid = server();
+    kill(pid, SIGSTOP);
+    const std::string away = std::string(APPLIANCE_PROGRAM) + ".away";
+    fs::rename(APPLIANCE_PROGRAM, away);
+    fs::copy(away, APPLIANCE_PROGRAM);
+    set_limit(2);
+    for (const char *word : {"stop", "restart"}) {
+        const Ended stopped = service(word);
+        EXPECT_EQ(stopped.status, 1);
+        EXPECT_EQ(stopped.out, "");
+        EXPECT_TRUE(stopped.err.ends_with("qm5osd: a server runs still\n")) << stopped.err;
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
     remove_traces();
 }
 
