@@ -96,8 +96,12 @@ void load_faults(const Context &context, const fs::path &file)
         throw std::runtime_error(file.string() + ": there is no such file");
     const std::string text = control_files::read(file);
     control_files::parse_faults(file, text);
+    const auto put = [&] {
+        control_files::change_faults(context.folder, [&text](const std::string &) { return text; });
+    };
+    put(); // on a disk without room for them nothing else is tried, and nothing lost
     clear_faults(context); // or those whose ID is there already would go on counting their calls
-    control_files::change_faults(context.folder, [&text](const std::string &) { return text; });
+    put();
     fault_list::wait_until_in_force(context.folder);
 }
 
