@@ -106,6 +106,16 @@ protected:
             fs::remove(std::string("/tmp/") + name);
     }
 
+    static void expect_killed_by_stop()
+    {
+        set_limit(2);
+        const Ended stopped = service("stop");
+        EXPECT_EQ(stopped.status, 0);
+        EXPECT_EQ(stopped.err, "qm5osd: the server didn't stop within 2 seconds and is killed\n");
+        EXPECT_EQ(service("status").status, 3);
+        remove_traces();
+    }
+
     std::optional<support::Appliance> appliance_;
 };
 
@@ -357,12 +367,7 @@ TEST_F(Service, server_that_does_not_stop_is_killed)
         GTEST_SKIP() << "an emulator hides the server from the script";
     expect_good(service("start"));
     kill(server(), SIGSTOP);
-    set_limit(2);
-    const Ended stopped = service("stop");
-    EXPECT_EQ(stopped.status, 0);
-    EXPECT_EQ(stopped.err, "qm5osd: the server didn't stop within 2 seconds and is killed\n");
-    EXPECT_EQ(service("status").status, 3);
-    remove_traces();
+    expect_killed_by_stop();
 }
 
 TEST_F(Service, server_of_a_replaced_file_is_killed_too)
@@ -374,12 +379,7 @@ TEST_F(Service, server_of_a_replaced_file_is_killed_too)
     const std::string upgraded = std::string(APPLIANCE_PROGRAM) + ".new";
     fs::copy(APPLIANCE_PROGRAM, upgraded);
     fs::rename(upgraded, APPLIANCE_PROGRAM);
-    set_limit(2);
-    const Ended stopped = service("stop");
-    EXPECT_EQ(stopped.status, 0);
-    EXPECT_EQ(stopped.err, "qm5osd: the server didn't stop within 2 seconds and is killed\n");
-    EXPECT_EQ(service("status").status, 3);
-    remove_traces();
+    expect_killed_by_stop();
 }
 
 TEST_F(Service, stop_and_restart_fail_if_a_server_cant_be_ended)
