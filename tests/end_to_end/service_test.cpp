@@ -348,13 +348,13 @@ TEST_F(Service, server_outlives_a_start_that_waits_too_long_for_its_reply)
 
 TEST_F(Service, start_tells_of_a_server_that_takes_too_long_for_what_was_saved)
 {
-    set_limit(2);
+    set_limit(4);
     write_file(APPLIANCE_SAVED, "[osd]\nPost0TypeOn=1\n");
     sim({"post", "0", "open", "720x576"});
-    sim({"fault", "add", "open_osd", "next", "delay", "8000"});
+    sim({"fault", "add", "open_osd", "next", "delay", "10000"});
     const Ended started = service("start");
     EXPECT_EQ(started.status, 0);
-    EXPECT_EQ(started.err, "qm5osd: /opt/qm5/conf/saved.conf: the server doesn't take it within 2 "
+    EXPECT_EQ(started.err, "qm5osd: /opt/qm5/conf/saved.conf: the server doesn't take it within 4 "
                            "seconds; see /var/log/qm5osd.log\n");
     EXPECT_EQ(service("status").status, 0);
     set_limit(20);
