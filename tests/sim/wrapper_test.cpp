@@ -157,7 +157,7 @@ protected:
         const std::string data = read_file(DATA);
         std::vector<std::string> pictures;
         for (const sim_call_record &set : recorded_sets())
-            pictures.push_back(data.substr(set.data_at, set.data_size));
+            pictures.push_back(data.substr(static_cast<std::size_t>(set.data_at), set.data_size));
         return pictures;
     }
 
