@@ -15,9 +15,9 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 #include <sys/file.h>
 #include <unistd.h>
+#include <vector>
 
 namespace
 {
@@ -245,20 +245,20 @@ TEST_F(LiveEvents, tell_of_each_set_by_the_next_event)
     serve();
     EventReader reader = events();
     pass_beginning(reader);
-    std::chrono::steady_clock::duration slowest{};
-    for (osd.sets = 2; osd.sets <= 20; osd.sets++) {
+    std::vector<std::chrono::steady_clock::duration> times;
+    for (osd.sets = 2; osd.sets <= 21; osd.sets++) {
         codec.state.sequence += 2;
         const auto begin = std::chrono::steady_clock::now();
         file.write(codec.state);
         const Json state = Json::parse(reader.next("state").data);
-        slowest = std::max(slowest, std::chrono::steady_clock::now() - begin);
+        times.push_back(std::chrono::steady_clock::now() - begin);
         EXPECT_EQ(state["sequence"], codec.state.sequence);
         EXPECT_EQ(state["posts"][0]["osds"][0]["sets"], osd.sets);
     }
-    // A figure and no check, as a busy machine can keep anything waiting.
-    const auto slowest_ms = std::chrono::duration_cast<std::chrono::milliseconds>(slowest).count();
-    RecordProperty("slowest_event_ms", static_cast<int>(slowest_ms));
-    std::cout << "from a set to its event: at most " << slowest_ms << " ms\n";
+    // The median, as a busy machine can keep anything waiting for once.
+    const auto median = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
+    std::nth_element(times.begin(), median, times.end());
+    EXPECT_LT(*median, std::chrono::milliseconds(250));
 }
 
 TEST_F(LiveEvents, follow_what_people_change)
