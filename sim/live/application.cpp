@@ -90,22 +90,13 @@ bool Application::takes_parameters(const std::string &function)
     return found && found->takes_parameters;
 }
 
-// Named after its text, so that a command that was shown goes on meaning what it did.
-fs::path Application::file_of(const std::string &text) const
-{
-    std::ostringstream name;
-    name << "page-" << std::hex << std::setw(8) << std::setfill('0')
-         << sim_hash(text.data(), text.size(), "", 0) << ".conf";
-    return folder_ / name.str();
-}
-
 std::vector<std::string> Application::words_of(const Task &task) const
 {
     std::vector<std::string> words = {program_, task.function};
     if (find_function(task.function)->takes_log)
         words.insert(words.end(), {"-l", log_.string()});
     if (task.file)
-        words.insert(words.end(), {"-f", file_of(*task.file).string()});
+        words.insert(words.end(), {"-f", page_file(folder_, *task.file, ".conf").string()});
     for (const auto &[key, value] : task.parameters)
         words.push_back("--" + key + '=' + value);
     return words;
@@ -131,7 +122,7 @@ std::optional<Done> Application::run(const Task &task)
         return std::nullopt;
     sim_reader::make_folder(folder_); // of the log and the file, before any codec has made it
     if (task.file)
-        sim_reader::write_file(file_of(*task.file), *task.file);
+        sim_reader::write_file(page_file(folder_, *task.file, ".conf"), *task.file);
     std::optional<Done> done = run(words_of(task));
     // With -l the client's own words stand in the log.
     if (done && find_function(task.function)->takes_log && done->finished.status != 0 &&
@@ -157,6 +148,14 @@ std::optional<Application::Saved> Application::save()
     std::error_code none;
     fs::remove(file, none);
     return saved;
+}
+
+fs::path page_file(const fs::path &folder, const std::string &text, const char *suffix)
+{
+    std::ostringstream name;
+    name << "page-" << std::hex << std::setw(8) << std::setfill('0')
+         << sim_hash(text.data(), text.size(), "", 0) << suffix;
+    return folder / name.str();
 }
 
 bool is_server_running()

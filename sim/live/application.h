@@ -54,7 +54,6 @@ public:
 
 private:
     std::vector<std::string> words_of(const Task &task) const;
-    std::filesystem::path file_of(const std::string &text) const;
     std::optional<Done> run(const std::vector<std::string> &words);
 
     std::string program_;
@@ -63,6 +62,11 @@ private:
     int stop_;
     std::timed_mutex one_at_a_time_;
 };
+
+// A file of this page, named after its text, so that a command that was shown goes on meaning what
+// it did.
+std::filesystem::path page_file(const std::filesystem::path &folder, const std::string &text,
+                                const char *suffix);
 
 // Does a server run, as `status` finds it? Nothing is written to it.
 bool is_server_running();

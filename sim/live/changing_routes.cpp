@@ -3,6 +3,7 @@
 
 #include "control_files.h"
 #include "fault_list.h"
+#include "file_io.h"
 #include "quoting.h"
 #include "sim_reader.h"
 #include "time_zone_block.h"
@@ -205,7 +206,9 @@ void change_palette(Call &call)
         throw ApiError(400, error.what());
     }
     sim_reader::store_palette(call.site.folder, call.body);
-    send_command(call, {"palette", "--load", (call.site.folder / "palette").string()});
+    const std::filesystem::path file = page_file(call.site.folder, call.body, ".palette");
+    sim_reader::write_file(file, call.body);
+    send_command(call, {"palette", "--load", file.string()});
 }
 
 void remove_palette(Call &call)

@@ -19,6 +19,7 @@ void Frames::put(unsigned post, std::string png, unsigned width, unsigned height
                                       sim_reader::size_text(width, height));
     file.read_picture(); // all of it has to be good
     kept_.at(post).frame = {std::make_shared<const std::string>(std::move(png)), width, height};
+    kept_.at(post).size = Size{width, height};
     kept_.at(post).version++;
 }
 
@@ -26,6 +27,7 @@ void Frames::remove(unsigned post)
 {
     const std::lock_guard lock(mutex_);
     kept_.at(post).frame = {};
+    kept_.at(post).size = Size{};
     kept_.at(post).version++;
 }
 

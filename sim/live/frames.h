@@ -27,6 +27,17 @@ public:
     // What stands below the post's OSDs at this size.
     Png background(unsigned post, unsigned width, unsigned height);
 
+    struct Size {
+        unsigned width = 0;
+        unsigned height = 0;
+    };
+
+    // The size of the post's frame; 0x0 if it has none.
+    Size frame_size(unsigned post) const
+    {
+        return kept_.at(post).size;
+    }
+
     // Another number for every change of the frame.
     std::uint64_t version(unsigned post) const
     {
@@ -43,6 +54,7 @@ private:
         Sized frame;
         Sized pattern;
         std::atomic<std::uint64_t> version = 1;
+        std::atomic<Size> size = Size{}; // of the frame; known while another is being decoded
     };
 
     std::mutex mutex_;

@@ -26,6 +26,8 @@ Json describe_post(const Facts &facts, const sim_post &record, unsigned number)
     }
     post["wanted"] = value_or_null(facts.wanted[number]);
     post["background"] = facts.background[number];
+    const auto [width, height] = facts.frame[number];
+    post["frame"] = width ? Json{{"width", width}, {"height", height}} : Json();
     return post;
 }
 

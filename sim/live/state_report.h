@@ -2,6 +2,7 @@
 #pragma once
 
 #include "fault_list.h"
+#include "frames.h"
 #include "sim_state.h"
 
 #include <array>
@@ -21,6 +22,7 @@ struct Facts {
     bool running = false; // an OSD server
     std::array<std::optional<std::string>, SIM_POSTS> wanted;
     std::array<std::uint64_t, SIM_POSTS> background{};
+    std::array<Frames::Size, SIM_POSTS> frame{};
     std::array<std::array<std::optional<double>, SIM_OSDS>, SIM_POSTS> last_set; // Unix seconds
     std::uint64_t palette = 0;    // versions of the palette,
     std::uint64_t parameters = 0; // and of the parameters in force

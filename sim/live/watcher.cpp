@@ -177,6 +177,7 @@ void Watcher::look_around()
         const std::optional<sim_reader::Size> wanted = sim_reader::read_size(folder_, i);
         facts_.wanted[i] = wanted ? std::optional(sim_reader::format_size(*wanted)) : std::nullopt;
         facts_.background[i] = frames_.version(i);
+        facts_.frame[i] = frames_.frame_size(i);
     }
     read_control();
     read_zone();

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <fcntl.h>
 #include <filesystem>
+#include <regex>
 #include <sys/file.h>
 #include <thread>
 #include <unistd.h>
@@ -61,7 +62,8 @@ TEST_F(LiveState, tells_of_a_folder_that_is_not_there)
                          {"height", 0},
                          {"osds", none},
                          {"wanted", nullptr},
-                         {"background", 1}});
+                         {"background", 1},
+                         {"frame", nullptr}});
     EXPECT_EQ(get_json("/api/state"),
               (Json{{"sequence", 0},
                     {"folder", false},
@@ -295,7 +297,9 @@ TEST_F(LiveState, sends_the_frame_that_it_was_given)
     const std::string png = sim_reader::encode_png(picture, "frame");
     EXPECT_EQ(change("PUT", "/api/posts/2/frame", png).body, "{}");
     EXPECT_EQ(get("/api/posts/2/background").body, png);
-    EXPECT_EQ(get_json("/api/state")["posts"][2]["background"], 2);
+    const Json with_frame = get_json("/api/state")["posts"][2];
+    EXPECT_EQ(with_frame["background"], 2);
+    EXPECT_EQ(with_frame["frame"], (Json{{"width", 640}, {"height", 360}}));
 
     const auto refused = [&](const std::string &bytes, int status, const std::string &why) {
         EXPECT_TRUE(is_error(change("PUT", "/api/posts/2/frame", bytes), status, why));
@@ -310,7 +314,9 @@ TEST_F(LiveState, sends_the_frame_that_it_was_given)
 
     EXPECT_EQ(change("DELETE", "/api/posts/2/frame").body, "{}");
     EXPECT_EQ(get("/api/posts/2/background").body, pattern);
-    EXPECT_EQ(get_json("/api/state")["posts"][2]["background"], 3);
+    const Json without = get_json("/api/state")["posts"][2];
+    EXPECT_EQ(without["background"], 3);
+    EXPECT_EQ(without["frame"], nullptr);
     stop();
     fs::remove_all(state_);
     refused(png, 409, "post 2: it has no post thread");
@@ -327,14 +333,24 @@ TEST_F(LiveState, sends_the_palette_in_force)
     EXPECT_EQ(get_json("/api/palette"), (Json{{"default", true}, {"colors", colors}}));
     const Json before = get_json("/api/state")["palette"];
 
-    EXPECT_EQ(change_json("PUT", "/api/palette", nullptr)["command"],
-              "qm5sim palette --load /tmp/codec/palette");
-    const Answer answer = change("PUT", "/api/palette", "; two\n3 1 2 3 4\n250 5 6 7 8\n");
-    EXPECT_EQ(answer.body, R"({"command":"qm5sim palette --load /tmp/codec/palette"})");
+    EXPECT_EQ(change("PUT", "/api/palette", "").status, 200);
+    const std::string text = "; two\n3 1 2 3 4\n250 5 6 7 8\n";
+    const Json answer = Json::parse(change("PUT", "/api/palette", text).body);
     colors[3] = {1, 2, 3, 4};
     colors[250] = {5, 6, 7, 8};
     EXPECT_EQ(get_json("/api/palette"), (Json{{"default", false}, {"colors", colors}}));
     EXPECT_GT(get_json("/api/state")["palette"], before);
+
+    // The command means the same later on.
+    const std::string command = answer["command"];
+    std::smatch file;
+    ASSERT_TRUE(std::regex_match(
+        command, file, std::regex("qm5sim palette --load (/tmp/codec/page-[0-9a-f]{8}\\.palette)")))
+        << command;
+    EXPECT_EQ(sim_reader::read_file(file.str(1)), text);
+    EXPECT_EQ(change("PUT", "/api/palette", "3 9 9 9 9\n").status, 200);
+    EXPECT_EQ(sim({"palette", "--load", file.str(1)}).err, "");
+    EXPECT_EQ(get_json("/api/palette")["colors"], colors);
     EXPECT_TRUE(is_error(change("PUT", "/api/palette", "3 1 2 3\n"), 400,
                          "palette: line 1: not INDEX RED GREEN BLUE ALPHA, of 0 to 255 each"));
     EXPECT_EQ(get_json("/api/palette")["colors"], colors);
