@@ -1,5 +1,7 @@
 // Long logs that stay cheap: bounded lists, the text of a recorded call, and its filter.
 
+import {timeOfDay} from './format.js';
+
 export const LIMIT = 2000;
 
 // The last lines of a log.
@@ -52,6 +54,11 @@ export class PostFinder {
     }
 }
 
+// A recorded time, in UTC to the microsecond, as a time of the day here.
+function localTime(time) {
+    return timeOfDay(Date.parse(time) / 1000).slice(0, 8) + time.slice(19, 26);
+}
+
 function fieldText([name, value]) {
     return `${name}=${value}`;
 }
@@ -70,7 +77,7 @@ function callDetails(call) {
 export function callLine(call, post) {
     const columns = [
         String(call.n).padStart(6),
-        call.time.slice(11, 26).padEnd(15),
+        localTime(call.time),
         (post === null ? '' : `post ${post}`).padEnd(6),
         call.call.padEnd(17),
     ];

@@ -215,8 +215,12 @@ const REFUSED = {
 };
 
 test('a call is one line with its arguments, its result and what it gave', () => {
+    process.env.TZ = 'UTC';
     assert.equal(callLine(OPENED, 0), '    40  14:03:07.123456  post 0  open_osd           ' +
         'res_id=0x50000001 number=2 → 0 handle=0x60000005  3.4 µs');
+    process.env.TZ = 'Asia/Kolkata';
+    assert.match(callLine(OPENED, 0), /^ {4}40 {2}19:33:07\.123456 {2}post 0 /, 'the time here');
+    process.env.TZ = 'UTC';
     assert.match(callLine(REFUSED, null), / {10}open_osd .*→ -1 errno=0x81E03246/);
 });
 
