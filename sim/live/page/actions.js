@@ -25,6 +25,7 @@ function isGood(answer) {
 export class Actions extends EventTarget {
     records = [];
     running = 0;
+    command = ''; // what the application is doing for this page, which may take seconds
 
     // Sends a request. The answer, with `good` and `words` added; a request that was refused or got
     // lost gives {good: false, words}. `outcome`, if there is one, shows the words of a failure.
@@ -48,8 +49,12 @@ export class Actions extends EventTarget {
 
     // Has the application do something: {function, parameters} with changes of them and, for a
     // restart, keep; or {function, file_base64}.
-    application(outcome, request) {
-        return this.run(outcome, 'POST', '/api/application', request);
+    async application(outcome, request) {
+        announce(`Running ${request.function}.`);
+        this.#setCommand(request.function);
+        const answer = await this.run(outcome, 'POST', '/api/application', request);
+        this.#setCommand('');
+        return answer;
     }
 
     #wordsOf(answer) {
@@ -63,6 +68,11 @@ export class Actions extends EventTarget {
         this.records = [...this.records, record].slice(-KEPT);
         announce(words.split('\n')[0]);
         this.dispatchEvent(new CustomEvent('command', {detail: record}));
+    }
+
+    #setCommand(name) {
+        this.command = name;
+        this.dispatchEvent(new CustomEvent('busy'));
     }
 
     #count(change) {

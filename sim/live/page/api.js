@@ -8,6 +8,11 @@ export class RequestError extends Error {
     }
 }
 
+// A command of the application has 30 seconds, and may have to wait for another.
+const PATIENCE_S = 65;
+const LATE = `The server has not answered within ${PATIENCE_S} seconds. A browser opens six ` +
+    'connections to it: close other windows of this page.';
+
 let token = document.querySelector('meta[name="qm5sim-token"]').content;
 
 async function send(method, path, body, type) {
@@ -17,9 +22,11 @@ async function send(method, path, body, type) {
     if (type)
         headers['Content-Type'] = type;
     try {
-        return await fetch(path, {method, headers, body});
-    } catch {
-        throw new RequestError('The server does not answer.', 0);
+        const signal = AbortSignal.timeout(PATIENCE_S * 1000);
+        return await fetch(path, {method, headers, body, signal});
+    } catch (error) {
+        const isLate = error.name === 'TimeoutError';
+        throw new RequestError(isLate ? LATE : 'The server does not answer.', 0);
     }
 }
 

@@ -2,7 +2,7 @@
 // OSDs.
 
 import {showOutcome} from './actions.js';
-import {find, setText} from './dom.js';
+import {find, setOff, setText} from './dom.js';
 import {LONGEST_FRAME, onFile} from './files.js';
 
 function onSubmit(form, run) {
@@ -65,12 +65,35 @@ export class CodecView {
 
     #listenToFrames() {
         const outcome = find('#frame-outcome');
-        const path = () => `/api/posts/${find('#frame-post').value}/frame`;
         onFile(find('#frame-load'), LONGEST_FRAME,
-               (_, bytes) => this.#actions.run(outcome, 'PUT', path(), bytes, 'image/png'),
+               (_, bytes) => this.#changeFrame('PUT', bytes, 'image/png'),
                (why) => showOutcome(outcome, why));
-        find('#frame-default').addEventListener('click', () =>
-            this.#actions.run(outcome, 'DELETE', path()));
+        find('#frame-default').addEventListener('click', () => this.#changeFrame('DELETE'));
+        find('#frame-post').addEventListener('input', () => {
+            showOutcome(outcome, '');
+            if (this.#live.state)
+                this.#showFrame();
+        });
+    }
+
+    async #changeFrame(method, bytes, type) {
+        const outcome = find('#frame-outcome');
+        const path = `/api/posts/${find('#frame-post').value}/frame`;
+        const answer = await this.#actions.run(outcome, method, path, bytes, type);
+        if (answer.good)
+            showOutcome(outcome, answer.words, true);
+    }
+
+    #showFrame() {
+        const {frame, open, width, height} = this.#live.state.posts[find('#frame-post').value];
+        const size = frame && `${frame.width} × ${frame.height}`;
+        if (!frame)
+            setText(find('#frame-state'), 'The test pattern stands below.');
+        else if (open && frame.width === width && frame.height === height)
+            setText(find('#frame-state'), `A loaded picture of ${size} stands below.`);
+        else
+            setText(find('#frame-state'), `A loaded picture of ${size} is kept, but doesn’t fit: ` +
+                'the test pattern stands below until the post has that size again.');
     }
 
     #show() {
@@ -78,9 +101,10 @@ export class CodecView {
         setText(find('#clock-state'), clock
             ? `Zone ${clock.zone === '' ? 'empty' : clock.zone}, change byte ${clock.change}.`
             : 'There is no block: the zone of the environment holds.');
-        find('#clock-remove').disabled = !clock;
-        find('#change-submit').disabled = !clock;
+        setOff(find('#clock-remove'), !clock);
+        setOff(find('#change-submit'), !clock);
         find('#clock-change').placeholder = clock ? String(clock.change) : 'none';
+        this.#showFrame();
         find('#setting-record').checked = settings.record !== 0;
         find('#setting-strict').checked = settings.strict !== 0;
         find('#setting-alignment').placeholder = settings.alignment.join(' ');

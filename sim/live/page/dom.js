@@ -24,6 +24,22 @@ export function setText(target, text) {
         target.textContent = text;
 }
 
+// Switches a button off or on. One that is off can have the focus: it may go off by the very key
+// that was pressed on it, and the next key would begin at the top of the page.
+export function setOff(button, isOff) {
+    button.setAttribute('aria-disabled', Boolean(isOff));
+}
+
+// Keeps clicks from buttons that are off; Return in a form's field is a click on its button, too.
+export function guardButtons() {
+    document.addEventListener('click', (event) => {
+        if (!event.target.closest('[aria-disabled="true"]'))
+            return;
+        event.preventDefault();
+        event.stopImmediatePropagation();
+    }, true);
+}
+
 // The rows of a list or table by key: keeps those that stay, so that focus and selection do, too.
 export function syncRows(parent, items, keyOf, make, update) {
     const old = new Map([...parent.children].map((child) => [child.dataset.key, child]));

@@ -2,7 +2,7 @@
 
 import {copyOnClick, showOutcome} from './actions.js';
 import {commandLine} from './command.js';
-import {element, find, setText, syncRows} from './dom.js';
+import {element, find, setOff, setText, syncRows} from './dom.js';
 import {
     CHANGED_SIZES, CODES, EFFECTS, effectsOf, faultLine, hasPost, OPERATIONS,
 } from './faults.js';
@@ -116,7 +116,7 @@ export class FaultsView {
         const hadFocus = scroll.contains(document.activeElement);
         find('#faults-on').checked = on;
         find('#fault-empty').hidden = list.length > 0;
-        find('#fault-clear').disabled = list.length === 0;
+        setOff(find('#fault-clear'), list.length === 0);
         syncRows(find('#fault-rows'), list, ({id}) => id, (fault) => this.#makeRow(fault),
                  (row, {met, happened}) => {
                      setText(row.children[2], String(met));

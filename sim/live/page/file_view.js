@@ -3,7 +3,7 @@
 
 import {showOutcome} from './actions.js';
 import {change, post} from './api.js';
-import {element, find, setText} from './dom.js';
+import {element, find, setOff, setText} from './dom.js';
 import {download, LONGEST_PARAMETERS, onFile, toBase64} from './files.js';
 import {counted} from './format.js';
 import {Preview} from './preview.js';
@@ -47,9 +47,9 @@ export class FileView {
 
     #showButtons() {
         const isBusy = this.#actions.running > 0 || !this.#live.state;
-        find('#file-save').disabled = !this.#running;
-        find('#file-apply').disabled = isBusy;
-        find('#file-restart').disabled = isBusy || !this.#running;
+        setOff(find('#file-save'), !this.#running);
+        setOff(find('#file-apply'), isBusy);
+        setOff(find('#file-restart'), isBusy || !this.#running);
         setText(find('#file-apply'), this.#running ? 'Update' : 'Start with it');
         this.#showCommands();
     }

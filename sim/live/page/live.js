@@ -23,6 +23,7 @@ export class Live extends EventTarget {
 
     #values = new Map();
     #source = null;
+    #retry = 0;
     #failures = 0;
     #isFresh = true; // nothing of this stream was seen before
     #parametersVersion = null;
@@ -43,7 +44,21 @@ export class Live extends EventTarget {
         return this.parameters.find((row) => row.key === key);
     }
 
-    connect() {
+    // Follows the server as long as the page is seen: a browser opens six connections to a host,
+    // and windows that nobody sees would leave none to the others.
+    follow() {
+        const turn = () => (document.hidden ? this.#disconnect() : this.#connect());
+        document.addEventListener('visibilitychange', turn);
+        turn();
+    }
+
+    #disconnect() {
+        clearTimeout(this.#retry);
+        this.#source?.close();
+    }
+
+    #connect() {
+        this.#disconnect();
         this.#isFresh = true;
         this.#source = new EventSource('/api/events');
         this.#source.onopen = () => this.#opened();
@@ -115,7 +130,7 @@ export class Live extends EventTarget {
         this.#source.close();
         this.#readRefusal();
         const wait = RETRY_MS[Math.min(this.#failures++, RETRY_MS.length - 1)];
-        setTimeout(() => this.connect(), wait);
+        this.#retry = setTimeout(() => this.#connect(), wait);
     }
 
     // A stream doesn't tell why it was refused; any other request does.

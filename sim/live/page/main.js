@@ -2,7 +2,7 @@
 
 import {Actions} from './actions.js';
 import {CodecView} from './codec_view.js';
-import {find} from './dom.js';
+import {find, guardButtons} from './dom.js';
 import {FaultsView} from './faults_view.js';
 import {FileView} from './file_view.js';
 import {Live} from './live.js';
@@ -32,4 +32,5 @@ new CallsView(live);
 followCommands(actions);
 followReports(live);
 makeTabs(find('#control .tabs'));
-live.connect();
+guardButtons();
+live.follow();

@@ -2,7 +2,7 @@
 // guides that all pictures can show.
 
 import {showOutcome} from './actions.js';
-import {element, find, setText} from './dom.js';
+import {element, find, setOff, setText} from './dom.js';
 import {drawGuides, isEmpty, safeArea} from './picture.js';
 import {cellOf, modeName, modeOf, parseSize, POST_SIZES, POSTS, safeSpaceOf} from './slots.js';
 
@@ -166,7 +166,7 @@ class PostView {
         p.canvas.hidden = !post.open;
         p.empty.hidden = post.open;
         setText(p.empty, this.#whyEmpty());
-        p.pixels.disabled = !post.open;
+        setOff(p.pixels, !post.open);
         const now = post.open ? `${post.width}x${post.height}` : 'closed';
         const wanted = post.wanted ?? POST_SIZES[this.#number];
         p.wanted.placeholder = wanted === 'closed' ? POST_SIZES[this.#number] : wanted;
@@ -184,8 +184,8 @@ class PostView {
         const typed = p.wanted.value.trim();
         p.wanted.setAttribute('aria-invalid', typed !== '' && !parseSize(typed));
         setText(p.set, this.#wasOpen === false ? 'Open' : 'Resize');
-        p.set.disabled = this.#wasOpen !== false && typed === '';
-        p.close.disabled = this.#wasOpen === false;
+        setOff(p.set, this.#wasOpen !== false && typed === '');
+        setOff(p.close, this.#wasOpen === false);
     }
 
     // What the picture shows, in words.

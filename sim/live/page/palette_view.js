@@ -2,7 +2,7 @@
 // the chosen one.
 
 import {showOutcome} from './actions.js';
-import {element, find, setText} from './dom.js';
+import {element, find, setOff, setText} from './dom.js';
 import {download, LONGEST_PALETTE, onFile} from './files.js';
 import {colorCode, colorStyle} from './format.js';
 import {isSamePalette, paletteFile, parseColor, withColor} from './palette.js';
@@ -35,10 +35,8 @@ export class PaletteView {
             event.preventDefault();
             this.#set();
         });
-        find('#palette-back').addEventListener('click', () => {
-            this.#change(this.#color(this.#at, this.#loaded));
-            this.#cells[this.#at].focus(); // as the button goes off
-        });
+        find('#palette-back').addEventListener(
+            'click', () => this.#change(this.#color(this.#at, this.#loaded)));
         live.addEventListener('palette', () => this.#take());
         this.#take();
         this.#choose(0);
@@ -128,7 +126,7 @@ export class PaletteView {
         const {hasDefaultPalette, paletteError} = this.#live;
         setText(find('#palette-state'), paletteError ||
             (hasDefaultPalette ? 'The built-in palette.' : 'A palette of its own.'));
-        find('#palette-default').disabled = hasDefaultPalette && paletteError === '';
+        setOff(find('#palette-default'), hasDefaultPalette && paletteError === '');
         this.#cells.forEach((cell, index) => {
             const color = this.#color(index);
             cell.firstChild.style.backgroundColor = colorStyle(color);
@@ -165,7 +163,7 @@ export class PaletteView {
         find('#palette-alpha').value = String(color[3]);
         find('#palette-alpha').removeAttribute('aria-invalid');
         const loaded = this.#color(this.#at, this.#loaded);
-        find('#palette-back').disabled = color.every((part, at) => part === loaded[at]);
+        setOff(find('#palette-back'), color.every((part, at) => part === loaded[at]));
     }
 
     #key(event) {

@@ -4,7 +4,7 @@
 import {announce} from './announce.js';
 import {showOutcome} from './actions.js';
 import {parameterFile} from './command.js';
-import {element, find, setText} from './dom.js';
+import {element, find, setOff, setText} from './dom.js';
 import {download} from './files.js';
 import {colorStyle, counted} from './format.js';
 import {
@@ -159,6 +159,8 @@ const COMMON_GROUPS = [
         'Change them with a restart: they change the size of the font.', ''],
 ];
 
+const START_NOTE = 'No server runs: the fields show the defaults. A start begins with the common ' +
+    'parameter file, and what is typed here, even a default, goes before it.';
 const RESTART_NOTE = 'Safe spaces and font belong to a restart: an update that changes the size ' +
     'of the font can end the server.';
 
@@ -188,6 +190,7 @@ export class ParametersView {
             this.#carryOut(this.live.state.application.running ? 'update' : 'start');
         });
         find('#apply-restart').addEventListener('click', () => this.#carryOut('restart'));
+        find('#apply-restart').addEventListener('blur', () => this.#showApply());
         find('#apply-discard').addEventListener('click', () => this.#discard());
         find('#apply-save').addEventListener('click', () => this.#save());
         this.#showApply();
@@ -196,7 +199,7 @@ export class ParametersView {
     // What a field reports when the user changes it.
     typed(key, value) {
         const row = this.live.rowOf(key);
-        this.draft.type(key, value, row.value ?? row.default);
+        this.draft.type(key, value, row.value);
         showOutcome(find('#apply-outcome'), '');
         this.#showApply();
         this.#showChoices();
@@ -299,17 +302,24 @@ export class ParametersView {
         const has = changes.length > 0;
         setText(find('#apply-count'), has ? counted(changes.length, 'change') : 'No change.');
         const wantsRestart = running && changes.some(([key]) => needsRestart(key));
-        setText(find('#apply-note'), wantsRestart ? RESTART_NOTE : '');
-        find('#apply-note').hidden = !wantsRestart;
-        find('#apply-restart').hidden = !wantsRestart;
+        showOutcome(find('#apply-note'), this.#note(running, wantsRestart));
+        // It isn't taken away while it has the focus.
+        const restart = find('#apply-restart');
+        restart.hidden = !wantsRestart && document.activeElement !== restart;
         setText(find('#apply-submit'), running ? 'Update' : 'Start with them');
         const cannot = !has || this.#actions.running > 0;
-        find('#apply-submit').disabled = cannot || !this.live.state;
-        find('#apply-restart').disabled = cannot;
-        find('#apply-discard').disabled = !has;
-        find('#apply-save').disabled = !has;
+        setOff(find('#apply-submit'), cannot || !this.live.state);
+        setOff(restart, cannot || !wantsRestart);
+        setOff(find('#apply-discard'), !has);
+        setOff(find('#apply-save'), !has);
         const functions = running ? ['update', ...(wantsRestart ? ['restart'] : [])] : ['start'];
         this.#showCommands(has ? functions.map((name) => this.#requestOf(name, changes)) : []);
+    }
+
+    #note(running, wantsRestart) {
+        if (this.live.state && !running)
+            return START_NOTE;
+        return wantsRestart ? RESTART_NOTE : '';
     }
 
     // What a restart keeps depends on what is in force.

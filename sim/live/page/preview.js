@@ -2,7 +2,7 @@
 
 import {copyOnClick, showOutcome} from './actions.js';
 import {change} from './api.js';
-import {element, find, setText, syncRows} from './dom.js';
+import {element, find, setOff, setText, syncRows} from './dom.js';
 
 const PAUSE_MS = 150; // of the user's typing, before the server is asked
 
@@ -37,7 +37,7 @@ export class Preview {
             return;
         }
         // What stands there isn't the command any more.
-        this.#list.querySelectorAll('button').forEach((button) => (button.disabled = true));
+        this.#list.querySelectorAll('button').forEach((button) => setOff(button, true));
         this.#timer = setTimeout(() => this.#askAll(requests, key), PAUSE_MS);
     }
 
@@ -62,7 +62,7 @@ export class Preview {
                  (row, {command, file}) => {
                      setText(find('code', row), command);
                      setText(find('pre', row), file ?? '');
-                     find('button', row).disabled = false;
+                     setOff(find('button', row), false);
                      find('details', row).hidden = file === null || !this.#withFiles;
                  });
     }

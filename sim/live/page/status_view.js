@@ -2,9 +2,9 @@
 // wrong for longer than a moment.
 
 import {announce} from './announce.js';
-import {element, find, setText, syncRows} from './dom.js';
+import {element, find, setOff, setText, syncRows} from './dom.js';
 import {counted} from './format.js';
-import {splitReports, troubleOf} from './log.js';
+import {isError, splitReports, troubleOf} from './log.js';
 
 const CONNECTIONS = {
     connecting: ['Connecting', ''],
@@ -18,6 +18,7 @@ const ELSEWHERE = 'A server runs, but not on this simulated codec: nobody has it
 const NO_SENSE = 'The state of the codec cannot be shown:';
 const NO_STATE = 'No application has used this simulated codec yet. The outputs are as the first ' +
     'will find them.';
+const ACTIONS = {start: 'Start', stop: 'Stop', restart: 'Restart'};
 const NOT_RUNNING = 'No server runs. The pictures change only while the application runs.';
 
 function setLamp(name, text, kind) {
@@ -33,7 +34,8 @@ export class StatusView {
     #live;
     #actions;
     #troubles = new Map(); // text of each trouble that the reports tell of, to the moment's handles
-    #told = {};
+    #told = {report: ''};
+    #failure = ''; // of the last button pressed above
 
     constructor(live, actions) {
         this.#live = live;
@@ -45,12 +47,21 @@ export class StatusView {
         live.addEventListener('failure', () => this.#showNotices());
         live.addEventListener('reports', (event) => this.#takeReports(event.detail));
         actions.addEventListener('busy', () => this.#showButtons());
-        for (const name of ['start', 'stop', 'restart']) {
-            find(`#application-${name}`).addEventListener(
-                'click', () => actions.application(null, {function: name, parameters: []}));
-        }
+        for (const name of Object.keys(ACTIONS))
+            find(`#application-${name}`).addEventListener('click', () => this.#carryOut(name));
         this.#showConnection();
         this.#showButtons();
+    }
+
+    async #carryOut(name) {
+        this.#setFailure('');
+        const answer = await this.#actions.application(null, {function: name, parameters: []});
+        this.#setFailure(answer.good ? '' : `${ACTIONS[name]}: ${answer.words}`);
+    }
+
+    #setFailure(text) {
+        this.#failure = text;
+        this.#showNotices();
     }
 
     #showConnection() {
@@ -69,8 +80,9 @@ export class StatusView {
         setLamp('device', state.device_open ? 'Codec open' : 'Codec closed',
                 state.device_open ? 'good' : '');
         this.#showFaults();
-        setLamp('breaches', state.breaches > 0 ? counted(state.breaches, 'breach', 'breaches') : '',
-                'bad');
+        const breaches = counted(state.breaches, 'breach', 'breaches');
+        setLamp('breaches', state.breaches > 0 ? breaches : '', 'bad');
+        this.#tell('breaches', `${breaches} of the contract.`);
         this.#tell('application', running ? 'The server runs.' : 'No server runs.');
         for (const post of state.posts) {
             const size = post.open ? `has ${post.width} by ${post.height}` : 'has no thread';
@@ -88,6 +100,7 @@ export class StatusView {
             setLamp('faults', on ? '' : 'Faults off', '');
         else
             setLamp('faults', on ? count : `${count}, off`, on ? 'warn' : '');
+        this.#tell('faults', `${find('#text-faults').textContent || 'No fault'}.`);
     }
 
     // Announces a fact when it has changed, but not what is found at the beginning.
@@ -101,11 +114,14 @@ export class StatusView {
     }
 
     #showButtons() {
+        const {command} = this.#actions;
+        setText(find('#text-command'), command ? `Running ${command} …` : '');
+        find('#item-command').hidden = !command;
         const running = this.#live.state?.application.running;
         const cannot = this.#live.state === null || this.#actions.running > 0;
-        find('#application-start').disabled = cannot || running;
-        find('#application-stop').disabled = cannot || !running;
-        find('#application-restart').disabled = cannot || !running;
+        setOff(find('#application-start'), cannot || running);
+        setOff(find('#application-stop'), cannot || !running);
+        setOff(find('#application-restart'), cannot || !running);
     }
 
     // ---- Notices -------------------------------------------------------------------------------
@@ -113,7 +129,11 @@ export class StatusView {
     #takeReports({reset, text}) {
         if (reset)
             this.#troubles.clear();
-        for (const line of splitReports(text)) {
+        const lines = splitReports(text);
+        const error = lines.findLast(isError);
+        if (error)
+            this.#tell('report', `Error report: ${error}`, reset);
+        for (const line of lines) {
             const trouble = troubleOf(line);
             if (trouble)
                 this.#troubles.set(trouble, this.#newestHandle());
@@ -139,7 +159,11 @@ export class StatusView {
         const {connection, refusal, state} = this.#live;
         const notices = [];
         if (connection === 'lost')
-            notices.push({kind: 'bad', text: LOST});
+            notices.push({kind: 'bad', text: LOST, isTold: true});
+        if (this.#failure) {
+            const dismiss = () => (this.#failure = '');
+            notices.push({kind: 'bad', text: this.#failure, isTold: true, dismiss});
+        }
         if (refusal)
             notices.push({kind: 'bad', text: `The server refuses this page: ${refusal}.`});
         if (!state)
@@ -174,9 +198,9 @@ export class StatusView {
                  () => {});
     }
 
-    #makeNotice({kind, text, dismiss}) {
+    #makeNotice({kind, text, isTold, dismiss}) {
         const row = element('li', {className: `notice ${kind}`}, element('span', {}, text));
-        if (kind === 'bad' && text !== LOST) // which is told already
+        if (kind === 'bad' && !isTold)
             announce(text);
         if (dismiss) {
             row.append(element('button', {
@@ -185,6 +209,7 @@ export class StatusView {
                 on: {click: () => {
                     dismiss();
                     this.#showNotices();
+                    (find('#notices button') ?? find('#outputs-heading')).focus();
                 }},
             }));
         }

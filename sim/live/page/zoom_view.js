@@ -1,7 +1,7 @@
 // One post's picture at a whole number of screen pixels for each of its own, and what stands at the
 // pixel under the pointer or the cursor that the keyboard moves.
 
-import {element, find, oncePerFrame, setText} from './dom.js';
+import {element, find, oncePerFrame, setOff, setText} from './dom.js';
 import {colorCode, colorStyle} from './format.js';
 import {announce} from './announce.js';
 import {paint} from './outputs_view.js';
@@ -175,7 +175,7 @@ export class ZoomView {
         this.#canvas.setAttribute('aria-label', `Pixels of post ${this.#post}`);
         [...find('#zoom-posts').children].forEach((button, number) => {
             button.setAttribute('aria-pressed', number === this.#post);
-            button.disabled = !this.#live.state.posts[number].open && number !== this.#post;
+            setOff(button, !this.#live.state.posts[number].open && number !== this.#post);
         });
     }
 
@@ -209,8 +209,8 @@ export class ZoomView {
         context.clearRect(0, 0, width, height);
         this.#showProbe();
         setText(find('#zoom-scale'), `${this.#scale}×`);
-        find('#zoom-out').disabled = this.#scale === SCALES[0];
-        find('#zoom-in').disabled = this.#scale === SCALES.at(-1);
+        setOff(find('#zoom-out'), this.#scale === SCALES[0]);
+        setOff(find('#zoom-in'), this.#scale === SCALES.at(-1));
         if (!this.#shown.picture)
             return;
         context.imageSmoothingEnabled = false;

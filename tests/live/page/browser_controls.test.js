@@ -57,6 +57,21 @@ test('a refused value stands by its field in the words of the application', asyn
     await stage.text('#apply-count', 'No change.');
 });
 
+test('a start takes a default that is chosen over what the common file has', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.text('#apply-note', /A start begins with the common parameter file/);
+    await stage.page.check('#field-Post0DateOn');
+    await stage.page.uncheck('#field-Post0DateOn');
+    await stage.text('#apply-count', '1 change');
+    await stage.text('#apply-commands code', / start -l \S+ --Post0DateOn=0$/);
+    assert.equal(await stage.update(), 'Done.');
+    assert.equal(inForce(stage, 'Post0DateOn'), '0');
+    assert.equal(await stage.page.locator('#apply-note').isHidden(), true);
+    await stage.page.check('#field-Post0DateOn');
+    await stage.page.uncheck('#field-Post0DateOn');
+    await stage.text('#apply-count', 'No change.');
+});
+
 test('what a shell would touch reaches the application untouched', async (t) => {
     const stage = await Stage.open(t);
     await stage.startApplication();

@@ -113,6 +113,13 @@ for (const [name, options] of [
         await stage.shot(`pixels-${options.viewport.width}`);
         await stage.checkAccessibility(name);
     });
+
+    test(`nothing covers what has the focus ${name}`, async (t) => {
+        const stage = await openBusyPage(t, options);
+        await stage.page.focus('#tab-parameters');
+        await tabTo(stage, '#apply-submit');
+        await tabTo(stage, '#calls-pause');
+    });
 }
 
 test('letters of twice the size still fit', async (t) => {
@@ -126,26 +133,49 @@ test('letters of twice the size still fit', async (t) => {
 
 // ---- Keyboard ----------------------------------------------------------------------------------
 
-// Presses Tab until an element has the focus, and sees on the way that each that has it shows it.
+// Presses Tab until an element has the focus, and sees on the way that each that has it shows it
+// and isn't covered. The focus leaves the page's elements at most once, from the last to the first.
 async function tabTo(stage, selector) {
+    let turns = 0;
     for (let pressed = 0; pressed < 200; pressed++) {
         await stage.page.keyboard.press('Tab');
         const found = await stage.page.evaluate((wanted) => {
             const active = document.activeElement;
             const shown = active.matches('.button input') ? active.parentElement : active;
             const {outlineStyle, outlineWidth} = getComputedStyle(shown);
+            const {left, right, top, bottom} = shown.getBoundingClientRect();
+            const hit = document.elementFromPoint(
+                (Math.max(left, 0) + Math.min(right, innerWidth)) / 2,
+                (Math.max(top, 0) + Math.min(bottom, innerHeight)) / 2);
             return {
+                isHit: shown.contains(hit),
+                hit: hit?.outerHTML.slice(0, 200),
                 isThere: active.matches(wanted),
                 isShown: outlineStyle !== 'none' && parseFloat(outlineWidth) >= 2,
                 name: active.outerHTML.slice(0, 200),
                 isNone: active === document.body,
             };
         }, selector);
+        turns += found.isNone;
+        assert.ok(turns <= 1, 'the focus is on nothing');
         assert.ok(found.isShown || found.isNone, `the focus is not seen: ${found.name}`);
+        assert.ok(found.isHit, `${found.name} is covered by ${found.hit}`);
         if (found.isThere)
             return;
     }
     assert.fail(`${selector} is not reached`);
+}
+
+// Presses a key on what has the focus, and sees that this has it still when all is done.
+async function pressHere(stage, key, done) {
+    const here = await stage.page.evaluateHandle(() => document.activeElement);
+    assert.equal(await here.evaluate((active) => active !== document.body), true);
+    await stage.page.keyboard.press(key);
+    await done();
+    await stage.idle();
+    assert.equal(await here.evaluate((active) => active === document.activeElement), true,
+                 `the focus went to ${await stage.page.evaluate(() =>
+                     document.activeElement.outerHTML.slice(0, 200))}`);
 }
 
 test('everything is done by keyboard alone', async (t) => {
@@ -154,23 +184,38 @@ test('everything is done by keyboard alone', async (t) => {
     await tabTo(stage, '.skip');
     await stage.shot('focus', false);
     await tabTo(stage, '#application-start');
-    await keyboard.press('Enter');
-    await stage.text('#text-application', 'Server runs');
-    await stage.idle();
+    await pressHere(stage, 'Enter', () => stage.text('#text-application', 'Server runs'));
+    await tabTo(stage, '#application-restart');
+    await pressHere(stage, 'Enter', () => stage.text('#commands li:last-child', / restart /));
     await tabTo(stage, '#field-Post0DateOn');
     await keyboard.press('Space');
     await tabTo(stage, '#field-Post0String');
     await keyboard.type('typed');
-    await keyboard.press('Enter');
-    await stage.page.locator('#apply-outcome.good').waitFor();
+    const updated = () => stage.page.locator('#apply-outcome.good').waitFor();
+    await pressHere(stage, 'Enter', updated);
     await stage.showsSnapshot(0);
+    await tabTo(stage, '#field-Post0String');
+    await keyboard.type('again');
+    await tabTo(stage, '#apply-submit');
+    await pressHere(stage, 'Enter', updated);
+    await pressHere(stage, 'Enter', updated); // which does nothing
+    assert.equal(await stage.page.locator('#commands li').count(), 4);
+    await tabTo(stage, '#parameter-groups [data-group=""]');
+    await keyboard.press('Enter');
+    await tabTo(stage, '#field-OsdTVOutSafeSpaceLeft');
+    await keyboard.type('4');
+    await tabTo(stage, '#apply-restart');
+    await pressHere(stage, 'Enter', updated);
+    await tabTo(stage, '#field-OsdTVOutSafeSpaceLeft');
+    await keyboard.type('5');
+    await tabTo(stage, '#apply-discard');
+    await pressHere(stage, 'Enter', () => stage.text('#apply-count', 'No change.'));
     await tabTo(stage, '#post-0-size');
     await keyboard.type('640x480');
     await keyboard.press('Enter');
     await stage.text('#post-0 .post-size', '640 × 480');
     await tabTo(stage, '#post-3 .post-form [type="button"]');
-    await keyboard.press('Enter');
-    await stage.text('#post-3 .empty', 'Post 3 has no thread.');
+    await pressHere(stage, 'Enter', () => stage.text('#post-3 .empty', 'Post 3 has no thread.'));
     await tabTo(stage, '#tab-parameters');
     for (let step = 0; step < 3; step++)
         await keyboard.press('ArrowRight');
@@ -198,8 +243,9 @@ test('pixels are looked at by keyboard alone', async (t) => {
     await keyboard.press('ArrowRight');
     await stage.text('#announcements', /961, 540, #[0-9a-f]{6}\.$/);
     await tabTo(stage, '#zoom-in');
-    await keyboard.press('Enter');
-    await stage.text('#zoom-scale', '4×');
+    await pressHere(stage, 'Enter', () => stage.text('#zoom-scale', '4×'));
+    for (const scale of [6, 8, 12, 16, 24, 32])
+        await pressHere(stage, 'Enter', () => stage.text('#zoom-scale', `${scale}×`));
     await tabTo(stage, '#zoom-posts [aria-pressed="false"]');
     await keyboard.press('Space');
     await stage.text('#zoom-heading', /^Post 0, /);
@@ -221,12 +267,11 @@ test('faults are made, switched off and removed by keyboard alone', async (t) =>
     await tabTo(stage, '#fault-post');
     await keyboard.type('post 2');
     await tabTo(stage, '#fault-form [type="submit"]');
-    await keyboard.press('Enter');
-    await stage.text('#fault-rows tr', /^1close_osd next vanish post 200Remove$/);
+    await pressHere(stage, 'Enter', () =>
+        stage.text('#fault-rows tr', /^1close_osd next vanish post 200Remove$/));
     assert.match(stage.sim('fault').stdout, /^1 close_osd next vanish post 2: met 0/);
     await tabTo(stage, '#faults-on');
-    await keyboard.press('Space');
-    await stage.text('#text-faults', '1 fault, off');
+    await pressHere(stage, 'Space', () => stage.text('#text-faults', '1 fault, off'));
     await tabTo(stage, '#fault-rows button');
     await keyboard.press('Enter');
     await stage.text('#fault-empty', 'No fault.');
@@ -252,8 +297,7 @@ test('files are saved, loaded and put away by keyboard alone', async (t) => {
     await until(() => stage.page.evaluate(() => document.activeElement.id === 'file-name'),
                 'the focus is on the file');
     await tabTo(stage, '#file-apply');
-    await keyboard.press('Enter');
-    await stage.page.locator('#file-outcome.good').waitFor();
+    await pressHere(stage, 'Enter', () => stage.page.locator('#file-outcome.good').waitFor());
     await stage.showsSnapshot(0);
     await tabTo(stage, '#file-close');
     await keyboard.press('Enter');
@@ -300,6 +344,38 @@ test('a time that goes on is not announced, and what matters is', async (t) => {
     await stage.text('#announcements', 'No server runs.');
 });
 
+test('faults and errors are announced', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    stage.sim('fault', 'add', 'set_osd', 'every', 'fail', '0x81E00042', 'post', '0');
+    await stage.text('#announcements', /1 fault\.$/);
+    stage.osd('update', '--Post0TypeOn=1');
+    await stage.text('#announcements', /Error report: ERR:.*osd display failed/);
+    stage.sim('setting', 'faults', '0');
+    await stage.text('#announcements', /1 fault, off\.$/);
+    stage.sim('fault', 'clear');
+    await stage.text('#announcements', /Faults off\.$/);
+    stage.sim('setting', 'faults', '1');
+    await stage.text('#announcements', /No fault\.$/);
+});
+
+test('a start that fails is told where it was asked for', async (t) => {
+    const stage = await Stage.open(t);
+    stage.sim('fault', 'add', 'open_device', 'every', 'fail', 'gone1');
+    await stage.text('#text-faults', '1 fault');
+    await tabTo(stage, '#application-start');
+    await pressHere(stage, 'Enter', async () => {
+        await stage.text('#text-command', 'Running start …');
+        await stage.text('#announcements', /Running start\./);
+        await stage.text('#notices', /Start: It failed with exit status 1\./);
+    });
+    await stage.checkAccessibility('a start that failed');
+    await tabTo(stage, '#notices button');
+    await stage.page.keyboard.press('Enter');
+    assert.doesNotMatch(await stage.page.locator('#notices').textContent(), /Start:/);
+    assert.equal(await stage.page.evaluate(() => document.activeElement.id), 'outputs-heading');
+});
+
 // ---- Connection --------------------------------------------------------------------------------
 
 test('a server that comes back is followed, and obeys the page again', async (t) => {
@@ -333,4 +409,36 @@ test('a page that has to show the token of a new server says so', async (t) => {
     await stage.restartServer();
     await stage.text('#notices', /The server refuses this page: .*it needs the token/);
     assert.equal(await stage.page.locator('#text-connection').textContent(), 'Connection lost');
+});
+
+test('a page that nobody sees leaves its connection to others', async (t) => {
+    const stage = await Stage.open(t);
+    const turn = (isHidden) => stage.page.evaluate((hidden) => {
+        Object.defineProperty(document, 'hidden', {configurable: true, value: hidden});
+        document.dispatchEvent(new Event('visibilitychange'));
+    }, isHidden);
+    await stage.page.fill('#field-Post0String', 'still here');
+    await turn(true);
+    stage.setPost(2, '352x288');
+    const other = await stage.page.context().newPage();
+    await other.goto(stage.server.address);
+    await other.getByText('352 × 288').waitFor();
+    assert.equal(await stage.page.locator('#post-2 .post-size').textContent(), '640 × 360');
+    await turn(false);
+    await stage.text('#post-2 .post-size', '352 × 288');
+    await stage.showsSnapshot(2);
+    assert.equal(await stage.page.inputValue('#field-Post0String'), 'still here');
+});
+
+test('a request that nobody answers is given up with a word about windows', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.page.route('**/api/posts/3', () => {}); // which keeps it
+    await stage.page.evaluate(() => {
+        const timeout = AbortSignal.timeout.bind(AbortSignal);
+        AbortSignal.timeout = (ms) => timeout(ms / 100);
+    });
+    await stage.page.fill('#post-3-size', '320x240');
+    await stage.click('#post-3 [type="submit"]');
+    await stage.text('#post-3 .outcome', 'The server has not answered within 65 seconds. A browser ' +
+        'opens six connections to it: close other windows of this page.');
 });

@@ -195,8 +195,15 @@ test('a picture of the user comes below the OSDs', async (t) => {
     assert.equal(stage.sim('snapshot', '2', '--guides', '--safe', '4,4,4,4', frame).status, 0);
     await stage.click('#tab-codec');
     await stage.page.selectOption('#frame-post', '2');
+    await stage.text('#frame-state', 'The test pattern stands below.');
     await stage.page.setInputFiles('#frame-load', frame);
+    await stage.text('#frame-outcome', 'Done.');
+    await stage.text('#frame-state', 'A loaded picture of 64 × 36 stands below.');
     await stage.showsSnapshot(2, '--over', frame);
+    stage.setPost(2, '72x36');
+    await stage.text('#frame-state', /^A loaded picture of 64 × 36 is kept, but doesn’t fit: /);
+    stage.setPost(2, '64x36');
+    await stage.text('#frame-state', 'A loaded picture of 64 × 36 stands below.');
     await stage.page.selectOption('#frame-post', '1');
     await stage.page.setInputFiles('#frame-load', frame);
     await stage.text('#frame-outcome', /64x36/);

@@ -198,8 +198,9 @@ export class Stage {
     // Waits until no command of the page is being carried out.
     async idle() {
         await until(() => this.page.evaluate(() =>
-            !document.querySelector('#application-start').disabled ||
-            !document.querySelector('#application-stop').disabled), 'no command is running');
+            document.querySelector('#item-command').hidden &&
+            ['start', 'stop'].some((name) => document.querySelector(
+                `#application-${name}:not([aria-disabled="true"])`))), 'no command is running');
     }
 
     // Carries the typed changes out and waits for what came of it.
