@@ -42,9 +42,22 @@ class StateFile
 public:
     explicit StateFile(const fs::path &path) : path_(path), file_(open_state(path))
     {
+        if (is_blank())
+            return;
         const sim_state state = read();
         if (state.magic != SIM_MAGIC || state.version != SIM_VERSION)
             fail(path_, "no state of a simulated codec, or of another version");
+    }
+
+    // Has nobody written a state into it yet, but for the sequence?
+    bool is_blank() const
+    {
+        sim_state state{};
+        const sim_state blank{};
+        const ssize_t length = pread(file_.get(), &state, sizeof state, 0);
+        state.sequence = 0;
+        return (length == 0 || length == sizeof state) &&
+               std::memcmp(&state, &blank, sizeof state) == 0;
     }
 
     std::uint32_t sequence() const
@@ -87,6 +100,8 @@ auto take_still(const fs::path &folder, Take take)
     if (is_fresh(folder))
         return take(sim_state{});
     const StateFile file(folder / "state");
+    if (file.is_blank())
+        return take(sim_state{});
     for (int attempt = 0; attempt < ATTEMPTS; attempt++) {
         const std::uint32_t before = file.sequence();
         const auto is_changing = [&] { return before % 2 != 0 && is_device_open(folder); };

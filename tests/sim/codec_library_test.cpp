@@ -406,6 +406,28 @@ TEST_F(CodecLibrary, folder_with_too_long_a_name_is_refused)
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "qm5sim: state folder: File name too long\n");
 }
 
+TEST_F(CodecLibrary, full_disk_fails_the_first_start_and_leaves_a_folder_that_can_be_read)
+{
+    fs::create_directory(STATE);
+    ASSERT_EQ(mount("none", STATE, "tmpfs", 0, "size=64k"), 0);
+    const std::string filler = std::string(STATE) + "/filler";
+    support::write_file(filler, std::string(64 * 1024, 'x'));
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(failed(lib_.library_init(), 0x81E00003));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "qm5sim: /tmp/codec/state: No space left on device\n");
+    EXPECT_EQ(support::read_file(std::string(STATE) + "/state"), "");
+    const sim_state state = sim_reader::read_state(STATE);
+    EXPECT_EQ(state.post[0].res_id, 0u);
+    EXPECT_EQ(state.post[0].width, 720u) << "what it is without a word";
+    EXPECT_EQ(sim_reader::read_post(STATE, 1).width, 1920u);
+
+    fs::remove(filler);
+    bring_up_with_posts();
+    take_down();
+    EXPECT_EQ(umount(STATE), 0);
+}
+
 TEST_F(CodecLibrary, full_disk_fails_an_open_and_leaves_no_half_of_a_file)
 {
     constexpr std::uint32_t system = 0x81E00003;

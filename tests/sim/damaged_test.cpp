@@ -98,7 +98,7 @@ const Words SNAPSHOT = {"snapshot", "0", "/tmp/out.png"};
 const Words SNAPSHOT_OF_OSD = {"snapshot", "0", "--osd", "0", "/tmp/out.png"};
 const Words ADD = {"fault", "add", "set_osd", "next", "vanish"};
 const Words STRICT = {"setting", "strict", "0"};
-const Words REPLAY = {"replay", "9", "/tmp/out.png", "--post", "0"};
+const Words REPLAY = {"replay", "10", "/tmp/out.png", "--post", "0"};
 
 const Victim VICTIMS[] = {
     {"state", {{"state"}, {"state", "--json"}, SNAPSHOT, {"fault"}, ADD}},
@@ -349,9 +349,12 @@ TEST(DamagedState, of_any_byte_and_any_length_is_read_or_refused)
     };
     look(good);
     EXPECT_EQ(refused, 0u);
-    for (std::size_t size = 0; size < good.size(); size++)
+    for (const std::size_t size : {std::size_t{0}, good.size()})
+        look(std::string(size, '\0'));
+    EXPECT_EQ(refused, 0u) << "there is none yet";
+    for (std::size_t size = 1; size < good.size(); size++)
         look(good.substr(0, size));
-    EXPECT_EQ(refused, good.size());
+    EXPECT_EQ(refused, good.size() - 1);
     for (std::size_t i = 0; i < good.size(); i++) {
         for (const int change : {0x01, 0x80, 0xFF}) {
             std::string bytes = good;
