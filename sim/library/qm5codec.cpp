@@ -49,12 +49,13 @@ static int sim_require(sim_operation operation, const char *name, const void *po
 // What a call that belongs to no post begins with. 0, or -1 with errno if it is to fail.
 static int sim_begin_plain_call(sim_operation operation)
 {
+    sim_wait wait;
     sim_lock();
     sim_check_thread(operation);
     sim_read_control();
-    const sim_trouble trouble = sim_meet_faults(operation, SIM_ANY_POST);
+    const sim_trouble trouble = sim_meet_faults(operation, SIM_ANY_POST, &wait);
     sim_unlock();
-    sim_sleep(trouble.delay_ms);
+    sim_wait_out(&wait);
     return trouble.code != 0 ? sim_fail(trouble.code) : 0;
 }
 
@@ -273,11 +274,12 @@ static void sim_end_osd(std::uint32_t post, std::uint32_t number, sim_operation 
 static int sim_suffer_faults(std::uint32_t res_id, sim_call *call)
 {
     const std::uint32_t post = sim_find_post(res_id);
+    sim_wait wait;
     call->post_number = post;
-    call->trouble = sim_meet_faults(call->operation, post);
-    if (call->trouble.delay_ms != 0 || call->trouble.changes) {
+    call->trouble = sim_meet_faults(call->operation, post, &wait);
+    if (wait.count != 0 || call->trouble.changes) {
         sim_unlock();
-        sim_sleep(call->trouble.delay_ms);
+        sim_wait_out(&wait);
         if (call->trouble.changes)
             sim_change_posts(call->trouble.before);
         sim_lock();

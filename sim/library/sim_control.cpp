@@ -150,14 +150,23 @@ static void sim_add_change(bool before, std::uint32_t post, sim_change change, s
     trouble->changes = true;
 }
 
-static void sim_add_trouble(const sim_fault *fault, std::uint32_t post, sim_trouble *trouble)
+// One number for a fault with its ID.
+static std::uint32_t sim_hash_whole_fault(const sim_fault *fault)
+{
+    return sim_hash(reinterpret_cast<const char *>(fault), sizeof *fault, "", 0);
+}
+
+static void sim_add_trouble(const sim_fault *fault, std::uint32_t post, sim_trouble *trouble,
+                            sim_wait *wait)
 {
     switch (fault->effect) {
     case SIM_FAIL:
         trouble->code = static_cast<std::uint32_t>(fault->value);
         break;
     case SIM_DELAY:
-        trouble->delay_ms += static_cast<std::uint32_t>(fault->value);
+    case SIM_LATE:
+        if (fault->value != 0)
+            wait->fault[wait->count++] = sim_hash_whole_fault(fault);
         break;
     case SIM_SIZE:
         trouble->size += fault->value;
@@ -175,17 +184,15 @@ static void sim_add_trouble(const sim_fault *fault, std::uint32_t post, sim_trou
         sim_add_change(fault->effect == SIM_CHANGE, fault->changed,
                        {true, fault->width, fault->height}, trouble);
         break;
-    case SIM_DOUBLE:
-        trouble->twice = true;
-        break;
     default:
-        trouble->late_ms += static_cast<std::uint32_t>(fault->value);
+        trouble->twice = true;
     }
 }
 
-sim_trouble sim_meet_faults(sim_operation operation, std::uint32_t post)
+sim_trouble sim_meet_faults(sim_operation operation, std::uint32_t post, sim_wait *wait)
 {
     sim_trouble trouble = {};
+    wait->count = 0;
     if (sim_setting.faults == 0)
         return trouble;
     for (std::size_t i = 0; i < sim_fault_count_in_force; i++) {
@@ -196,11 +203,56 @@ sim_trouble sim_meet_faults(sim_operation operation, std::uint32_t post)
         sim->fault[i].met++;
         if (sim_happens(fault, sim->fault[i].met)) {
             sim->fault[i].happened++;
-            sim_add_trouble(fault, post, &trouble);
+            sim_add_trouble(fault, post, &trouble, wait);
         }
         sim_end();
     }
     return trouble;
+}
+
+// ---- Waits --------------------------------------------------------------------------------------
+
+std::int64_t sim_now()
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::int64_t{now.tv_sec} * 1000 * SIM_MILLISECOND + now.tv_nsec;
+}
+
+static bool sim_has_fault(const sim_wait *wait, std::uint32_t hash)
+{
+    for (std::uint32_t i = 0; i < wait->count; i++) {
+        if (wait->fault[i] == hash)
+            return true;
+    }
+    return false;
+}
+
+std::int64_t sim_get_end(const sim_wait *wait, std::int64_t begin)
+{
+    for (std::size_t i = 0; i < sim_fault_count_in_force && sim_setting.faults != 0; i++) {
+        if (sim_has_fault(wait, sim_hash_whole_fault(&sim_faults[i])))
+            begin += sim_faults[i].value * SIM_MILLISECOND;
+    }
+    return begin;
+}
+
+// Looks at the files itself and often, for the notification thread doesn't run at each of the calls
+// that may have to wait.
+void sim_wait_out(const sim_wait *wait)
+{
+    constexpr std::int64_t pace = 10 * SIM_MILLISECOND;
+    const std::int64_t begin = sim_now();
+    std::int64_t left = wait->count;
+    while (left > 0) {
+        sim_lock();
+        sim_read_control();
+        left = sim_get_end(wait, begin) - sim_now();
+        sim_unlock();
+        const std::int64_t nap = left < pace ? left : pace;
+        if (nap > 0)
+            sim_sleep(static_cast<std::uint32_t>((nap + SIM_MILLISECOND - 1) / SIM_MILLISECOND));
+    }
 }
 
 void sim_sleep(std::uint32_t ms)

@@ -62,24 +62,40 @@ struct sim_change {
     std::uint32_t height;
 };
 
+// What makes a call, or a notice, wait.
+struct sim_wait {
+    std::uint32_t count;
+    std::uint32_t fault[SIM_FAULTS]; // hashes of so many faults
+};
+
 // What is to go wrong with a call.
 struct sim_trouble {
     std::uint32_t code; // errno; 0: it doesn't fail
-    std::uint32_t delay_ms;
     std::int32_t size;
     std::int32_t line;
     bool changes; // are there any?
     sim_change before[SIM_POSTS];
     sim_change after[SIM_POSTS];
     bool twice;
-    std::uint32_t late_ms;
 };
 
-// Counts a call of an operation, of a post's or SIM_ANY_POST, and tells what is to go wrong. With
-// the lock, if the notification thread runs.
-sim_trouble sim_meet_faults(sim_operation operation, std::uint32_t post);
+// Counts a call of an operation, of a post's or SIM_ANY_POST, and tells what is to go wrong, and
+// what it has to wait for before. With the lock, if the notification thread runs.
+sim_trouble sim_meet_faults(sim_operation operation, std::uint32_t post, sim_wait *wait);
+
+constexpr std::int64_t SIM_MILLISECOND = 1000000;
+
+// Nanoseconds of a clock that nobody sets.
+std::int64_t sim_now();
 
 void sim_sleep(std::uint32_t ms);
+
+// When a wait that began at `begin` ends, both as sim_now: faults that are no longer in force don't
+// make it any longer. With the lock, if the notification thread runs.
+std::int64_t sim_get_end(const sim_wait *wait, std::int64_t begin);
+
+// Waits from now on, and takes up meanwhile what the files say. Without the lock.
+void sim_wait_out(const sim_wait *wait);
 
 // ---- Contract -----------------------------------------------------------------------------------
 

@@ -6,7 +6,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -23,7 +22,8 @@ static bool sim_announced[SIM_POSTS];
 static struct {
     bool pending;
     bool twice;
-    std::int64_t due; // as sim_now
+    std::int64_t begin; // as sim_now
+    sim_wait wait;
     std::uint32_t res_id;
 } sim_late[SIM_POSTS];
 
@@ -101,16 +101,6 @@ static bool sim_read_size(std::uint32_t post, std::uint32_t *width, std::uint32_
 
 // ---- Changes ------------------------------------------------------------------------------------
 
-constexpr std::int64_t SIM_MILLISECOND = 1000000;
-
-// Nanoseconds of a clock that nobody sets.
-static std::int64_t sim_now()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return std::int64_t{now.tv_sec} * 1000 * SIM_MILLISECOND + now.tv_nsec;
-}
-
 static void sim_tell(std::uint32_t post, std::uint32_t res_id, bool twice)
 {
     // A word that nobody reads is no zero.
@@ -126,12 +116,12 @@ static void sim_announce(std::uint32_t post, std::uint32_t res_id)
     sim_announced[post] = res_id != 0;
     if ((sim_mask >> post & 1) == 0)
         return;
+    sim_wait wait = {};
     sim_lock();
-    const sim_trouble trouble = sim_meet_faults(SIM_NOTIFY, post);
+    const sim_trouble trouble = sim_meet_faults(SIM_NOTIFY, post, &wait);
     sim_unlock();
-    if (trouble.late_ms != 0)
-        sim_late[post] = {true, trouble.twice, sim_now() + trouble.late_ms * SIM_MILLISECOND,
-                          res_id};
+    if (wait.count != 0)
+        sim_late[post] = {true, trouble.twice, sim_now(), wait, res_id};
     else
         sim_tell(post, res_id, trouble.twice);
 }
@@ -142,9 +132,20 @@ static void sim_tell_late(std::uint32_t post)
     sim_tell(post, sim_late[post].res_id, sim_late[post].twice);
 }
 
+// When a post is to be told what it is told late: as sim_now, INT64_MAX if there is nothing.
+static std::int64_t sim_get_due(std::uint32_t post)
+{
+    if (!sim_late[post].pending)
+        return INT64_MAX;
+    sim_lock();
+    const std::int64_t due = sim_get_end(&sim_late[post].wait, sim_late[post].begin);
+    sim_unlock();
+    return due;
+}
+
 static void sim_tell_what_is_due(std::uint32_t post)
 {
-    if (sim_late[post].pending && sim_late[post].due <= sim_now())
+    if (sim_get_due(post) <= sim_now())
         sim_tell_late(post);
 }
 
@@ -152,9 +153,10 @@ static void sim_tell_what_is_due(std::uint32_t post)
 static int sim_get_patience()
 {
     std::int64_t first = INT64_MAX;
-    for (const auto &late : sim_late) {
-        if (late.pending && late.due < first)
-            first = late.due;
+    for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
+        const std::int64_t due = sim_get_due(post);
+        if (due < first)
+            first = due;
     }
     if (first == INT64_MAX)
         return -1;

@@ -429,6 +429,51 @@ TEST_F(Faults, call_is_delayed)
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(60));
 }
 
+// How long a call takes that is delayed by the only fault, behind whose begin the files change.
+template <typename Call, typename Change>
+std::chrono::steady_clock::duration time_of(Call call, Change change)
+{
+    std::thread changing([&change] {
+        EXPECT_TRUE(
+            wait_until([] { return sim_reader::read_state(STATE).fault[0].happened == 1; }));
+        change();
+    });
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(call(), 0);
+    const auto taken = std::chrono::steady_clock::now() - before;
+    changing.join();
+    return taken;
+}
+
+TEST_F(Faults, delay_ends_with_its_fault_also_before_notification)
+{
+    write_faults("1 open_device next delay 20000\n");
+    ASSERT_EQ(lib_.library_init(), 0);
+    EXPECT_LT(time_of([this] { return lib_.open_device(); }, [this] { change_faults(""); }),
+              std::chrono::seconds(10));
+    ASSERT_EQ(lib_.notify_callback(keep_notice), 0);
+    ASSERT_EQ(lib_.set_notify(15), 0);
+    take_down();
+}
+
+TEST_F(Faults, delay_ends_when_all_faults_are_turned_off_and_not_with_another_one)
+{
+    const std::string delay = "1 thread_get_status next delay ";
+    const std::vector<std::uint32_t> ids = bring_up_with(delay + "20000\n");
+    const auto call = [&] {
+        qm5_cl_post_status status{};
+        return lib_.get_status(ids[0], &status);
+    };
+    EXPECT_LT(time_of(call, [] { write_file(std::string(STATE) + "/settings", "faults 0\n"); }),
+              std::chrono::seconds(10));
+    fs::remove(std::string(STATE) + "/settings");
+    change_faults("");
+    const std::string longer = delay + "300\n";
+    change_faults(longer);
+    EXPECT_GE(time_of(call, [&] { change_faults(longer + "2 set_osd next vanish\n"); }),
+              std::chrono::milliseconds(300));
+}
+
 TEST_F(Faults, post_vanishes_before_a_call)
 {
     const std::vector<std::uint32_t> ids = bring_up_with("1 get_osd_mem next vanish post 1\n");
@@ -554,6 +599,19 @@ TEST_F(Faults, late_notice_holds_up_no_other_post)
     EXPECT_EQ(state().fault[0].happened, 1u);
     take_down();
     EXPECT_EQ(notices_so_far().size(), 5u) << "nothing is told behind the end";
+}
+
+TEST_F(Faults, late_notice_is_told_at_once_when_its_fault_ends)
+{
+    write_faults("1 notify every late 600000 post 2\n2 notify every late 600000 post 3\n");
+    bring_up();
+    wait_for_notice(2);
+    change_faults("2 notify every late 600000 post 3\n");
+    wait_for_notice(3);
+    EXPECT_EQ(notices_told(), " +0 +1 +2") << "and none of another fault";
+    write_file(std::string(STATE) + "/settings", "faults 0\n");
+    wait_for_notice(4);
+    EXPECT_EQ(notices_told(), " +0 +1 +2 +3");
 }
 
 TEST_F(Faults, late_notices_of_a_post_keep_their_order)
