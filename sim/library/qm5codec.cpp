@@ -156,7 +156,7 @@ static void sim_check_all_memory()
 {
     for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
         for (std::uint32_t number = 0; number < SIM_OSDS; number++) {
-            const sim_memory *memory = sim_get_memory(post, number);
+            sim_memory *memory = sim_get_memory(post, number);
             if (memory->handle != 0)
                 sim_check_memory(SIM_CLOSE_DEVICE, memory);
         }
@@ -318,6 +318,7 @@ static int sim_begin_call(sim_operation operation, std::uint32_t res_id, sim_cal
         return sim_end_call(call, sim_fail(QM5_CL_ERROR_GONE_1));
     }
     call->post = &sim->post[call->post_number];
+    sim_check_turn(operation, call->post_number, res_id);
     return 0;
 }
 
@@ -476,6 +477,20 @@ static int sim_get_osd_mem(std::uint32_t res_id, std::uint32_t handle, qm5_cl_os
     return sim_end_call(&call, 0);
 }
 
+// A drawing ends with its set_osd, also if that fails. Keeps errno.
+static void sim_give_up_drawing(std::uint32_t post, std::uint32_t handle)
+{
+    if (post == SIM_ANY_POST)
+        return;
+    sim_lock();
+    for (std::uint32_t number = 0; number < SIM_OSDS; number++) {
+        sim_memory *memory = sim_get_memory(post, number);
+        if (memory->lent && memory->handle == handle)
+            sim_end_drawing(memory);
+    }
+    sim_unlock();
+}
+
 // What the last set_osd has shown; it stays mapped until the next call.
 static sim_shown sim_last_shown;
 
@@ -496,8 +511,10 @@ static void sim_show(const sim_call *call, sim_memory *memory, qm5_cl_osd_pos po
 static int sim_set_osd(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_pos pos)
 {
     sim_call call;
-    if (sim_begin_osd_call(SIM_SET_OSD, res_id, handle, &call) != 0)
+    if (sim_begin_osd_call(SIM_SET_OSD, res_id, handle, &call) != 0) {
+        sim_give_up_drawing(call.post_number, handle);
         return -1;
+    }
     sim_memory *memory = sim_get_memory(call.post_number, call.osd_number);
     if (!memory->lent)
         sim_breach(call.operation, "handle 0x%08X: without get_osd_mem before it", handle);

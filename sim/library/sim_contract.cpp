@@ -124,6 +124,16 @@ void sim_check_handle(sim_operation operation, std::uint32_t handle)
         sim_breach(operation, "handle 0x%08X: it has been closed", handle);
 }
 
+void sim_check_turn(sim_operation operation, std::uint32_t post, std::uint32_t res_id)
+{
+    // The post threads whose size was read, with nothing behind that but opens.
+    static std::uint32_t read[SIM_POSTS];
+    if (operation != SIM_OPEN_OSD)
+        read[post] = operation == SIM_THREAD_GET_STATUS ? res_id : 0;
+    else if (read[post] != res_id)
+        sim_breach(operation, "resource ID 0x%08X: without thread_get_status before it", res_id);
+}
+
 void sim_check_old_handle(sim_operation operation, std::uint32_t word)
 {
     if (word != 0 && !sim_has_gone(word))

@@ -94,15 +94,19 @@ void sim_end_guarded(std::uint32_t post, std::uint32_t number, const sim_memory 
 void sim_check_margins(sim_operation operation, const sim_memory *memory)
 {
     const sim_guarded *guarded = &memory->guarded;
-    const std::uint8_t *first = sim_first_byte(guarded);
+    std::uint8_t *first = sim_first_byte(guarded);
     const auto before = static_cast<std::size_t>(guarded->draw - first);
-    if (!sim_is_all(first, SIM_MARGIN_BYTE, before))
+    if (!sim_is_all(first, SIM_MARGIN_BYTE, before)) {
+        memset(first, SIM_MARGIN_BYTE, before);
         sim_breach(operation, "handle 0x%08X: bytes before its memory have been written",
                    memory->handle);
+    }
     for (std::size_t i = guarded->size; i < sim_round_up(guarded->size, 4); i++) {
-        if (guarded->draw[i] != SIM_MARGIN_BYTE)
-            sim_breach(operation, "handle 0x%08X: byte %zu behind its memory has been written",
-                       memory->handle, i - guarded->size);
+        if (guarded->draw[i] == SIM_MARGIN_BYTE)
+            continue;
+        guarded->draw[i] = SIM_MARGIN_BYTE;
+        sim_breach(operation, "handle 0x%08X: byte %zu behind its memory has been written",
+                   memory->handle, i - guarded->size);
     }
 }
 

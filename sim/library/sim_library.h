@@ -122,6 +122,9 @@ void sim_check_zero(sim_operation operation, const char *name, const void *recor
 void sim_check_res_id(sim_operation operation, std::uint32_t res_id);
 void sim_check_handle(sim_operation operation, std::uint32_t handle);
 
+// Follows the calls on a post: an open_osd comes behind a thread_get_status, or another open_osd.
+void sim_check_turn(sim_operation operation, std::uint32_t post, std::uint32_t res_id);
+
 // Checks the word that is to hold the handle of an open. It is 0, but for one case that is no
 // breach: a post thread closed and came anew before the application looked, and the word still
 // holds what has gone with it.
@@ -150,7 +153,8 @@ struct sim_memory {
     sim_guarded guarded;  // what the server draws into
     std::uint8_t *shown;  // mapped file of the same size: what the picture shows
     bool lent;            // the server may write into it: from get_osd_mem to set_osd
-    bool equal;   // what is drawn is what is shown, unless somebody has written without asking
+    bool equal; // what is drawn is what is shown, unless somebody has written without asking
+    std::uint64_t left; // if not: hash of what a set_osd that failed has left there; 0: none
     bool excused; // a failure that the library told has left it open: the application may forget it
 };
 
@@ -160,8 +164,11 @@ int sim_open_memory(std::uint32_t post, std::uint32_t number);
 void sim_close_memory(std::uint32_t post, std::uint32_t number, sim_operation by);
 sim_memory *sim_get_memory(std::uint32_t post, std::uint32_t number);
 
-// Looks for writes where and when nobody may write; each is a breach.
-void sim_check_memory(sim_operation operation, const sim_memory *memory);
+// Looks for writes where and when nobody may write; each is a breach, and told once.
+void sim_check_memory(sim_operation operation, sim_memory *memory);
+
+// Ends the drawing into a memory that is lent by a set_osd that has failed.
+void sim_end_drawing(sim_memory *memory);
 
 // Is all of a memory this byte?
 bool sim_is_all(const void *memory, std::uint8_t byte, std::size_t size);
@@ -181,7 +188,7 @@ void sim_unmap_guarded(const sim_guarded *memory);
 void sim_end_guarded(std::uint32_t post, std::uint32_t number, const sim_memory *memory,
                      sim_operation by);
 
-// Looks for writes into what lies between the memory and its guards.
+// Looks for writes into what lies between the memory and its guards, and undoes them.
 void sim_check_margins(sim_operation operation, const sim_memory *memory);
 
 // From the one to the other, a touch of a guard or of a memory that has ended is told as a breach

@@ -1,4 +1,5 @@
 // The mapped state and the memory of OSDs.
+#include "sim_calls.h"
 #include "sim_library.h"
 
 #include <cerrno>
@@ -266,13 +267,35 @@ void sim_close_memory(std::uint32_t post, std::uint32_t number, sim_operation by
     *memory = {};
 }
 
-void sim_check_memory(sim_operation operation, const sim_memory *memory)
+static std::uint64_t sim_hash_drawn(const sim_memory *memory)
+{
+    return sim_hash_shown(memory->guarded.draw, memory->guarded.size);
+}
+
+void sim_end_drawing(sim_memory *memory)
+{
+    memory->lent = false;
+    memory->equal = false;
+    memory->left = sim_hash_drawn(memory);
+}
+
+// Is there what set_osd has left, as far as that is known?
+static bool sim_is_as_left(const sim_memory *memory)
+{
+    if (memory->equal)
+        return memcmp(memory->guarded.draw, memory->shown, memory->guarded.size) == 0;
+    return memory->left == 0 || memory->left == sim_hash_drawn(memory);
+}
+
+void sim_check_memory(sim_operation operation, sim_memory *memory)
 {
     sim_check_margins(operation, memory);
-    if (!memory->lent && memory->equal &&
-        memcmp(memory->guarded.draw, memory->shown, memory->guarded.size) != 0)
-        sim_breach(operation, "handle 0x%08X: its memory has been written after set_osd",
-                   memory->handle);
+    if (memory->lent || sim_is_as_left(memory))
+        return;
+    memory->equal = false;
+    memory->left = 0;
+    sim_breach(operation, "handle 0x%08X: its memory has been written after set_osd",
+               memory->handle);
 }
 
 void sim_reap_memory(sim_operation operation, sim_operation by)
@@ -282,7 +305,7 @@ void sim_reap_memory(sim_operation operation, sim_operation by)
     sim_is_reaping_due = false;
     for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
         for (std::uint32_t number = 0; number < SIM_OSDS; number++) {
-            const sim_memory *memory = sim_get_memory(post, number);
+            sim_memory *memory = sim_get_memory(post, number);
             if (memory->handle == 0 || memory->handle == sim->post[post].osd[number].handle)
                 continue;
             sim_check_memory(operation, memory);

@@ -166,6 +166,13 @@ protected:
         return ids;
     }
 
+    // What comes before an open.
+    void read_size(std::uint32_t res_id)
+    {
+        qm5_cl_post_status status{};
+        EXPECT_EQ(lib_.get_status(res_id, &status), 0);
+    }
+
     struct Opened {
         std::uint32_t handle = 0;
         std::uint32_t line_bytes = 0;
@@ -174,6 +181,7 @@ protected:
     {
         Opened opened;
         std::uint32_t aux = 0;
+        read_size(res_id);
         EXPECT_EQ(lib_.open_osd(res_id, &param, &opened.handle, &aux, &opened.line_bytes), 0);
         EXPECT_NE(opened.handle, 0u);
         return opened;

@@ -451,6 +451,7 @@ TEST_F(CodecLibrary, full_disk_fails_an_open_and_leaves_no_half_of_a_file)
     const qm5_cl_osd_param param = {0, 300, 300, 2};
     std::uint32_t handle = 0;
     std::uint32_t word = 0;
+    read_size(id);
     testing::internal::CaptureStderr();
     EXPECT_TRUE(failed(lib_.open_osd(id, &param, &handle, &word, &word), system));
     EXPECT_EQ(testing::internal::GetCapturedStderr(),

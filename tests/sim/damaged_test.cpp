@@ -98,7 +98,7 @@ const Words SNAPSHOT = {"snapshot", "0", "/tmp/out.png"};
 const Words SNAPSHOT_OF_OSD = {"snapshot", "0", "--osd", "0", "/tmp/out.png"};
 const Words ADD = {"fault", "add", "set_osd", "next", "vanish"};
 const Words STRICT = {"setting", "strict", "0"};
-const Words REPLAY = {"replay", "10", "/tmp/out.png", "--post", "0"};
+const Words REPLAY = {"replay", "12", "/tmp/out.png", "--post", "0"};
 
 const Victim VICTIMS[] = {
     {"state", {{"state"}, {"state", "--json"}, SNAPSHOT, {"fault"}, ADD}},
@@ -234,6 +234,10 @@ TEST_P(Damaged, file_is_told_in_one_line_by_each_command)
 {
     const std::string good = read_file(std::string(GOOD) + '/' + GetParam().name);
     unsigned failures = 0;
+    for (const Words &command : GetParam().commands) {
+        make_folder(text("good", good));
+        EXPECT_EQ(run_command(command).status, 0) << command.at(0);
+    }
     for (const Damage &damage : damages(good)) {
         for (const Words &command : GetParam().commands) {
             make_folder(damage);

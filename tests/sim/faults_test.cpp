@@ -186,6 +186,8 @@ TEST_F(Faults, each_of_the_twelve_calls_fails_with_the_errno_asked_for)
     EXPECT_EQ(mem.memory, nullptr);
     EXPECT_EQ(lib_.get_osd_mem(id, opened.handle, &mem), 0);
     EXPECT_TRUE(failed(lib_.set_osd(id, opened.handle, {0, 0}), 0x81E00044));
+    mem = {};
+    EXPECT_EQ(lib_.get_osd_mem(id, opened.handle, &mem), 0);
     EXPECT_EQ(lib_.set_osd(id, opened.handle, {0, 0}), 0);
     EXPECT_TRUE(failed(lib_.clear_osd(id, opened.handle), 0x81E00045));
     EXPECT_EQ(lib_.clear_osd(id, opened.handle), 0);

@@ -143,10 +143,10 @@ TEST_F(RecordLife, goes_on_behind_calls_out_of_their_order)
     EXPECT_EQ(lib_.close_osd(ids[0], opened.handle), 0);
     take_down();
     const Calls calls = recorded_calls();
-    ASSERT_EQ(calls.size(), 12u);
+    ASSERT_EQ(calls.size(), 13u);
     EXPECT_EQ(calls[4], "library_exit = -1 0x81E00001");
     EXPECT_EQ(calls[5], "library_init = -1 0x81E00001");
-    EXPECT_EQ(calls[11], "library_exit = 0");
+    EXPECT_EQ(calls[12], "library_exit = 0");
     EXPECT_EQ(recorded_sets().size(), 1u);
 }
 

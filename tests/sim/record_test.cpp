@@ -15,8 +15,6 @@ class Record : public Recording
 TEST_F(Record, holds_every_call_with_its_words)
 {
     const std::vector<std::uint32_t> ids = bring_up_with_posts();
-    qm5_cl_post_status status{};
-    ASSERT_EQ(lib_.get_status(ids[0], &status), 0);
     const Opened opened = open_osd(ids[0], {1, 33, 2, 0});
     show(ids[0], opened, 7);
     EXPECT_EQ(lib_.clear_osd(ids[0], opened.handle), 0);
