@@ -12,6 +12,7 @@
 #include "codec_library.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -32,6 +33,45 @@ std::string failure_command;
 constexpr std::chrono::milliseconds WHILE{200};
 
 constexpr std::uint32_t POSTS = 4;
+
+// A record or a word that the library fills, among bytes that are nobody's.
+template <typename T>
+class Fenced
+{
+public:
+    Fenced()
+    {
+        bytes_.fill(FENCE);
+        std::memset(get(), 0, sizeof(T));
+    }
+    Fenced(const Fenced &) = delete;
+    Fenced &operator=(const Fenced &) = delete;
+    ~Fenced()
+    {
+        const auto is_fence = [](std::uint8_t byte) { return byte == FENCE; };
+        EXPECT_TRUE(std::all_of(bytes_.begin(), bytes_.begin() + WIDTH, is_fence) &&
+                    std::all_of(bytes_.end() - WIDTH, bytes_.end(), is_fence))
+            << "bytes around what the library may write have changed";
+    }
+
+    T *get()
+    {
+        return reinterpret_cast<T *>(bytes_.data() + WIDTH);
+    }
+    T *operator->()
+    {
+        return get();
+    }
+    T &operator*()
+    {
+        return *get();
+    }
+
+private:
+    static constexpr std::uint8_t FENCE = 0xC9;
+    static constexpr std::size_t WIDTH = 64;
+    alignas(T) std::array<std::uint8_t, WIDTH + sizeof(T) + WIDTH> bytes_;
+};
 
 // A test that runs in a child of the process that the framework knows.
 class InChild : public testing::Test
@@ -139,32 +179,47 @@ protected:
         is_up_ = false;
     }
 
+    struct Size {
+        unsigned width;
+        unsigned height;
+    };
+
     struct Osd {
         std::uint32_t handle = 0;
-        std::uint32_t aux = 0;
         std::uint32_t line_bytes = 0;
         std::uint32_t size = 0; // of its memory, line for line
     };
 
+    Size read_size(std::uint32_t res_id)
+    {
+        Fenced<qm5_cl_post_status> status;
+        EXPECT_EQ(lib.get_status(res_id, status.get()), 0);
+        return {status->width, status->height};
+    }
+
     Osd open(const qm5_cl_osd_param &param)
     {
-        Osd osd;
-        const qm5_cl_osd_param before = param;
-        EXPECT_EQ(lib.open_osd(first_.res_id, &param, &osd.handle, &osd.aux, &osd.line_bytes), 0);
-        EXPECT_NE(osd.handle, 0u);
-        osd.size = osd.line_bytes * param.height;
-        EXPECT_EQ(std::memcmp(&param, &before, sizeof param), 0) << "it is only read";
-        return osd;
+        read_size(first_.res_id);
+        Fenced<qm5_cl_osd_param> given;
+        Fenced<std::uint32_t> handle;
+        Fenced<std::uint32_t> aux;
+        Fenced<std::uint32_t> line_bytes;
+        *given = param;
+        EXPECT_EQ(
+            lib.open_osd(first_.res_id, given.get(), handle.get(), aux.get(), line_bytes.get()), 0);
+        EXPECT_NE(*handle, 0u);
+        EXPECT_EQ(std::memcmp(&param, given.get(), sizeof param), 0) << "it is only read";
+        return {*handle, *line_bytes, *line_bytes * param.height};
     }
 
     qm5_cl_osd_mem borrow(const Osd &osd)
     {
-        qm5_cl_osd_mem mem{};
-        EXPECT_EQ(lib.get_osd_mem(first_.res_id, osd.handle, &mem), 0);
-        EXPECT_NE(mem.memory, nullptr);
-        EXPECT_EQ(mem.size, osd.size);
-        mem.size = std::min(mem.size, osd.size); // nobody writes behind it
-        return mem;
+        Fenced<qm5_cl_osd_mem> mem;
+        EXPECT_EQ(lib.get_osd_mem(first_.res_id, osd.handle, mem.get()), 0);
+        EXPECT_NE(mem->memory, nullptr);
+        EXPECT_EQ(mem->size, osd.size);
+        mem->size = std::min(mem->size, osd.size); // nobody writes behind it
+        return *mem;
     }
 
     void close(const Osd &osd)
@@ -184,19 +239,20 @@ protected:
     void expect_gone(std::uint32_t res_id, std::uint32_t osd_handle)
     {
         const qm5_cl_osd_param param = {0, 64, 16, 0};
-        qm5_cl_post_status status{};
-        std::uint32_t handle = 0;
-        std::uint32_t word = 0;
-        EXPECT_TRUE(gone(lib.get_status(res_id, &status)));
-        EXPECT_TRUE(gone(lib.open_osd(res_id, &param, &handle, &word, &word)));
-        EXPECT_EQ(handle, 0u) << "it stays 0 if the call fails";
+        Fenced<qm5_cl_post_status> status;
+        Fenced<std::uint32_t> handle;
+        Fenced<std::uint32_t> aux;
+        Fenced<std::uint32_t> line_bytes;
+        EXPECT_TRUE(gone(lib.get_status(res_id, status.get())));
+        EXPECT_TRUE(gone(lib.open_osd(res_id, &param, handle.get(), aux.get(), line_bytes.get())));
+        EXPECT_EQ(*handle, 0u) << "it stays 0 if the call fails";
         expect_osd_gone(res_id, osd_handle);
     }
 
     void expect_osd_gone(std::uint32_t res_id, std::uint32_t handle)
     {
-        qm5_cl_osd_mem mem{};
-        EXPECT_TRUE(gone(lib.get_osd_mem(res_id, handle, &mem)));
+        Fenced<qm5_cl_osd_mem> mem;
+        EXPECT_TRUE(gone(lib.get_osd_mem(res_id, handle, mem.get())));
         EXPECT_TRUE(gone(lib.set_osd(res_id, handle, {0, 0})));
         EXPECT_TRUE(gone(lib.clear_osd(res_id, handle)));
         EXPECT_TRUE(gone(lib.close_osd(res_id, handle)));
@@ -251,10 +307,9 @@ TEST_IN_CHILD(Conformance, nothing_is_told_once_the_device_is_closed)
 
 TEST_IN_CHILD(Conformance, status_has_the_size_of_the_video)
 {
-    qm5_cl_post_status status{};
-    ASSERT_EQ(lib.get_status(first_.res_id, &status), 0);
-    EXPECT_GT(status.width, 0u);
-    EXPECT_GT(status.height, 0u);
+    const Size size = read_size(first_.res_id);
+    EXPECT_GT(size.width, 0u);
+    EXPECT_GT(size.height, 0u);
 }
 
 TEST_IN_CHILD(Conformance, line_is_as_long_as_the_width_at_least)
@@ -476,10 +531,9 @@ TEST_IN_CHILD(ConformanceOfPosts, closing_post_is_told_and_takes_its_osds_along)
     EXPECT_TRUE(opened.opened);
     EXPECT_NE(opened.res_id, 0u);
     expect_osd_gone(opened.res_id, osd.handle);
-    qm5_cl_post_status status{};
-    ASSERT_EQ(lib.get_status(opened.res_id, &status), 0);
-    EXPECT_EQ(status.width, 800u);
-    EXPECT_EQ(status.height, 600u);
+    const Size size = read_size(opened.res_id);
+    EXPECT_EQ(size.width, 800u);
+    EXPECT_EQ(size.height, 600u);
     first_ = opened;
     close(open({0, 64, 16, 0})); // the number is free
 }

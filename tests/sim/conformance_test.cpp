@@ -12,9 +12,10 @@ namespace
 
 using support::Ended;
 
-Ended conformance_of(const std::string &library)
+Ended conformance_of(const std::string &library,
+                     const std::string &test = "status_has_the_size_of_the_video")
 {
-    return support::run({CONFORMANCE, library, "--gtest_filter=Conformance.status_has_the_size*"});
+    return support::run({CONFORMANCE, library, "--gtest_filter=Conformance." + test});
 }
 
 TEST(ConformanceProgram, library_that_cannot_be_used_is_told_in_one_line)
@@ -45,11 +46,28 @@ TEST(ConformanceProgram, library_that_fails_a_test_is_told_with_it)
 {
     const Ended ended = conformance_of(THRIFTY_CODEC); // which tells no size
     EXPECT_EQ(ended.status, 1);
-    EXPECT_NE(ended.out.find("Expected: (status.width) > (0u), actual: 0 vs 0"), std::string::npos)
+    EXPECT_NE(ended.out.find("Expected: (size.width) > (0u), actual: 0 vs 0"), std::string::npos)
         << ended.out;
     EXPECT_NE(ended.out.find("[  FAILED  ] Conformance.status_has_the_size_of_the_video"),
               std::string::npos)
         << ended.out;
+}
+
+TEST(ConformanceProgram, byte_written_beside_what_was_handed_over_fails_a_test)
+{
+    const std::string test = "cleared_osd_stays_open";
+    EXPECT_EQ(conformance_of(THRIFTY_CODEC, test).status, 0);
+    for (const std::string where : {"before ", "behind "}) {
+        for (const char *what : {"status", "handle", "aux", "line_bytes", "mem"}) {
+            setenv("STRAY_WRITE", (where + what).c_str(), 1);
+            const Ended ended = conformance_of(THRIFTY_CODEC, test);
+            EXPECT_EQ(ended.status, 1) << where << what;
+            EXPECT_NE(ended.out.find("bytes around what the library may write have changed"),
+                      std::string::npos)
+                << where << what << ": " << ended.out;
+        }
+    }
+    unsetenv("STRAY_WRITE");
 }
 
 } // namespace

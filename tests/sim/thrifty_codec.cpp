@@ -2,10 +2,14 @@
 // count from 1 on for each post, and a post thread's ID is always the same. Another library may do
 // so, and the simulated one never does. Its posts 0 and 1 run; a wrong call is a failure.
 //
-// Post 1 closes and opens again within qm5_cl_post_thread_get_status.
+// Post 1 closes and opens again within qm5_cl_post_thread_get_status. It writes a byte more than it
+// may if the environment variable STRAY_WRITE says so: "before aux", "behind aux", or another name.
 #include "display/qm5codec.h"
 
 #include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <string>
 
 namespace
 {
@@ -35,6 +39,18 @@ Osd *find(std::uint32_t res_id, std::uint32_t handle)
 int result_of(const Osd *osd)
 {
     return osd ? 0 : -1;
+}
+
+// What the caller has handed over for the library to fill, and for the environment to name.
+void stray(const char *name, void *given, std::size_t size)
+{
+    const char *wanted = getenv("STRAY_WRITE");
+    const std::string where = wanted ? wanted : "";
+    auto *bytes = static_cast<volatile unsigned char *>(given);
+    if (where == std::string("before ") + name)
+        bytes[-1] = 0;
+    if (where == std::string("behind ") + name)
+        bytes[size] = 0;
 }
 
 void open_post(std::uint32_t post)
@@ -69,8 +85,9 @@ int qm5_cl_post_set_notify(std::uint32_t)
     return 0;
 }
 
-int qm5_cl_post_thread_get_status(std::uint32_t, qm5_cl_post_status *)
+int qm5_cl_post_thread_get_status(std::uint32_t, qm5_cl_post_status *status)
 {
+    stray("status", status, sizeof *status);
     for (Osd &osd : osds[1])
         osd = {};
     notify({0, 0, 1, 0});
@@ -79,8 +96,11 @@ int qm5_cl_post_thread_get_status(std::uint32_t, qm5_cl_post_status *)
 }
 
 int qm5_cl_post_open_osd(std::uint32_t res_id, const qm5_cl_osd_param *param, std::uint32_t *handle,
-                         std::uint32_t *, std::uint32_t *line_bytes)
+                         std::uint32_t *aux, std::uint32_t *line_bytes)
 {
+    stray("handle", handle, sizeof *handle);
+    stray("aux", aux, sizeof *aux);
+    stray("line_bytes", line_bytes, sizeof *line_bytes);
     Osd *post = osds[res_id - FIRST_RES_ID];
     *handle = 1;
     while (post[*handle - 1].is_open)
@@ -106,6 +126,7 @@ int qm5_cl_post_clear_osd(std::uint32_t res_id, std::uint32_t handle)
 int qm5_cl_post_get_osd_mem(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_mem *mem)
 {
     Osd *osd = find(res_id, handle);
+    stray("mem", mem, sizeof *mem);
     if (osd) {
         mem->memory = osd->memory;
         mem->size = osd->size;
