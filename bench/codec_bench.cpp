@@ -1,5 +1,5 @@
-// What the simulated codec costs: each call of a drawing by itself, for OSDs of several sizes,
-// without and with a record of the calls; and a picture.
+// What the simulated codec costs: each call by itself, for OSDs of several sizes, without and with
+// a record of the calls; and a picture.
 #include "display/qm5codec.h"
 #include "sim_reader.h"
 
@@ -10,11 +10,10 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace
 {
@@ -22,13 +21,11 @@ namespace
 namespace fs = std::filesystem;
 
 std::uint32_t res_id;
-volatile bool announced;
 
 void keep_post(qm5_cl_post_notify_info info)
 {
     if (info.post == 0)
         res_id = info.res_id;
-    announced = announced || info.post == 3;
 }
 
 void must(int result)
@@ -37,128 +34,167 @@ void must(int result)
         throw std::runtime_error("the codec library has failed");
 }
 
-// The library, up, with an OSD, in a folder that goes with it.
-class Codec
-{
-public:
-    Codec(const qm5_cl_osd_param &param, bool record)
-    {
-        fs::create_directory(folder_);
-        std::ofstream(folder_ / "settings") << "record " << record << '\n';
-        setenv("QM5SIM_STATE", folder_.c_str(), 1);
-        announced = false;
-        must(qm5_cl_library_init());
-        must(qm5_cl_sys_open_device());
-        must(qm5_cl_post_notify_callback(keep_post));
-        must(qm5_cl_post_set_notify(15));
-        while (!announced)
-            std::this_thread::yield();
-        std::uint32_t aux = 0;
-        std::uint32_t line_bytes = 0;
-        must(qm5_cl_post_open_osd(res_id, &param, &handle_, &aux, &line_bytes));
-    }
-    ~Codec()
-    {
-        qm5_cl_post_close_osd(res_id, handle_);
-        qm5_cl_sys_close_device();
-        qm5_cl_library_exit();
-        fs::remove_all(folder_);
-    }
-    Codec(const Codec &) = delete;
-    Codec &operator=(const Codec &) = delete;
-
-    void get_status() const
-    {
-        qm5_cl_post_status status{};
-        must(qm5_cl_post_thread_get_status(res_id, &status));
-    }
-
-    void get_memory()
-    {
-        mem_ = {};
-        must(qm5_cl_post_get_osd_mem(res_id, handle_, &mem_));
-    }
-
-    // As a new second changes a time: other pixels, and not all of them.
-    void draw()
-    {
-        std::memset(mem_.memory, ++byte_, mem_.size / 4);
-    }
-
-    void set() const
-    {
-        must(qm5_cl_post_set_osd(res_id, handle_, {0, 0}));
-    }
-
-    void clear() const
-    {
-        must(qm5_cl_post_clear_osd(res_id, handle_));
-    }
-
-private:
-    fs::path folder_ = fs::temp_directory_path() / ("codec-bench-" + std::to_string(getpid()));
-    std::uint32_t handle_ = 0;
-    qm5_cl_osd_mem mem_{};
-    std::uint8_t byte_ = 0;
+// What the calls have to do with: one OSD of post 0.
+struct Drawing {
+    qm5_cl_osd_param param;
+    std::uint32_t handle = 0;
+    qm5_cl_osd_mem mem{};
+    std::uint8_t byte = 0;
 };
 
-enum Call { STATUS, GET, SET, CLEAR, CALLS };
-constexpr const char *CALL_NAMES[] = {"thread_get_status", "get_osd_mem", "set_osd", "clear_osd"};
-static_assert(std::size(CALL_NAMES) == CALLS);
+int open_osd(Drawing &drawing)
+{
+    std::uint32_t aux = 0;
+    std::uint32_t line_bytes = 0;
+    drawing.handle = 0;
+    return qm5_cl_post_open_osd(res_id, &drawing.param, &drawing.handle, &aux, &line_bytes);
+}
+
+int get_status(Drawing &)
+{
+    qm5_cl_post_status status{};
+    return qm5_cl_post_thread_get_status(res_id, &status);
+}
+
+int get_memory(Drawing &drawing)
+{
+    drawing.mem = {};
+    return qm5_cl_post_get_osd_mem(res_id, drawing.handle, &drawing.mem);
+}
+
+enum Call { INIT, OPEN_DEVICE, CALLBACK, NOTIFY, STATUS, OPEN, GET, SET, CLEAR, CLOSE, END, EXIT };
+
+constexpr struct {
+    const char *name;
+    int (*make)(Drawing &);
+} CALLS[] = {
+    {"library_init", [](Drawing &) { return qm5_cl_library_init(); }},
+    {"open_device", [](Drawing &) { return qm5_cl_sys_open_device(); }},
+    {"notify_callback", [](Drawing &) { return qm5_cl_post_notify_callback(keep_post); }},
+    {"set_notify", [](Drawing &) { return qm5_cl_post_set_notify(15); }},
+    {"thread_get_status", get_status},
+    {"open_osd", open_osd},
+    {"get_osd_mem", get_memory},
+    {"set_osd",
+     [](Drawing &drawing) {
+         return qm5_cl_post_set_osd(res_id, drawing.handle, {0, 0});
+     }},
+    {"clear_osd", [](Drawing &drawing) { return qm5_cl_post_clear_osd(res_id, drawing.handle); }},
+    {"close_osd", [](Drawing &drawing) { return qm5_cl_post_close_osd(res_id, drawing.handle); }},
+    {"close_device", [](Drawing &) { return qm5_cl_sys_close_device(); }},
+    {"library_exit", [](Drawing &) { return qm5_cl_library_exit(); }},
+};
+
+// Makes a call, and gives its time in seconds.
+double make(Call call, Drawing &drawing)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    const int result = CALLS[call].make(drawing);
+    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
+    must(result);
+    if (call == GET) // as a new second changes a time: other pixels, and not all of them
+        std::memset(drawing.mem.memory, ++drawing.byte, drawing.mem.size / 4);
+    return taken.count();
+}
+
+typedef std::vector<Call> Calls;
+
+// What is made again and again while the times of some of it are taken, and what it stands between.
+struct Round {
+    Calls before;
+    Calls again;
+    Calls behind;
+    Calls timed;
+    int times;
+};
+
+const Round DRAWING = {{INIT, OPEN_DEVICE, CALLBACK, NOTIFY, STATUS, OPEN},
+                       {STATUS, GET, SET, CLEAR},
+                       {CLOSE, END, EXIT},
+                       {STATUS, GET, SET, CLEAR},
+                       3000};
+const Round OSD = {{INIT, OPEN_DEVICE, CALLBACK, NOTIFY},
+                   {STATUS, OPEN, GET, SET, CLEAR, CLOSE},
+                   {END, EXIT},
+                   {OPEN, CLOSE},
+                   1000};
+const Round SERVER = {{},
+                      {INIT, OPEN_DEVICE, CALLBACK, NOTIFY, END, EXIT},
+                      {},
+                      {INIT, OPEN_DEVICE, CALLBACK, NOTIFY, END, EXIT},
+                      300};
+
+// A state folder of its own.
+class Folder
+{
+public:
+    explicit Folder(bool record)
+    {
+        fs::create_directory(path_);
+        std::ofstream(path_ / "settings") << "record " << record << '\n';
+        setenv("QM5SIM_STATE", path_.c_str(), 1);
+    }
+    ~Folder()
+    {
+        fs::remove_all(path_);
+    }
+    Folder(const Folder &) = delete;
+    Folder &operator=(const Folder &) = delete;
+
+private:
+    fs::path path_ = fs::temp_directory_path() / ("codec-bench-" + std::to_string(getpid()));
+};
+
+// Takes the time of one of the calls of a round.
+void measure(benchmark::State &state, const Round &round, Call timed, const qm5_cl_osd_param &param,
+             bool record)
+{
+    const Folder folder(record);
+    Drawing drawing{param};
+    for (const Call call : round.before)
+        make(call, drawing);
+    for (auto _ : state) {
+        for (const Call call : round.again) {
+            const double taken = make(call, drawing);
+            if (call == timed)
+                state.SetIterationTime(taken);
+        }
+    }
+    for (const Call call : round.behind)
+        make(call, drawing);
+}
 
 struct Size {
     const char *name;
     qm5_cl_osd_param param;
 };
 constexpr Size SIZES[] = {
-    {"time at 720", {3, 10 * 17, 28, 0}},
-    {"string at 720", {0, 22 * 14, 28, 2}},
-    {"time at 1920", {3, 10 * 46, 75, 0}},
-    {"string at 1920", {0, 22 * 37, 75, 2}},
+    {"/time at 720", {3, 10 * 17, 28, 0}},
+    {"/string at 720", {0, 22 * 14, 28, 2}},
+    {"/time at 1920", {3, 10 * 46, 75, 0}},
+    {"/string at 1920", {0, 22 * 37, 75, 2}},
 };
 
-// Draws again and again, and takes the time of one of the calls.
-void measure(benchmark::State &state, Call timed, const Size &size, bool record)
+void add_round(const Round &round, const Size &size, bool record)
 {
-    Codec codec(size.param, record);
-    for (auto _ : state) {
-        for (const Call call : {STATUS, GET, SET, CLEAR}) {
-            if (call == SET)
-                codec.draw();
-            const auto begin = std::chrono::steady_clock::now();
-            switch (call) {
-            case STATUS:
-                codec.get_status();
-                break;
-            case GET:
-                codec.get_memory();
-                break;
-            case SET:
-                codec.set();
-                break;
-            default:
-                codec.clear();
-            }
-            const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
-            if (call == timed)
-                state.SetIterationTime(taken.count());
-        }
+    for (const Call call : round.timed) {
+        const std::string name = std::string(CALLS[call].name) + size.name;
+        benchmark::RegisterBenchmark((name + (record ? "/recorded" : "")).c_str(),
+                                     [&round, call, size, record](benchmark::State &state) {
+                                         measure(state, round, call, size.param, record);
+                                     })
+            ->UseManualTime()
+            ->Iterations(round.times);
     }
 }
 
 void add_measurements()
 {
     for (const bool record : {false, true}) {
+        add_round(SERVER, {"", {}}, record);
         for (const Size &size : SIZES) {
-            for (const Call call : {STATUS, GET, SET, CLEAR}) {
-                const std::string name =
-                    std::string(CALL_NAMES[call]) + '/' + size.name + (record ? "/recorded" : "");
-                benchmark::RegisterBenchmark(
-                    name.c_str(),
-                    [=](benchmark::State &state) { measure(state, call, size, record); })
-                    ->UseManualTime()
-                    ->Iterations(3000);
-            }
+            add_round(OSD, size, record);
+            add_round(DRAWING, size, record);
         }
     }
 }
