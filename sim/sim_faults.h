@@ -6,7 +6,7 @@
 //   WHEN     next, 3 (the third call from now on), every, 25% (a fraction, in a fixed sequence
 //            that depends on the fault's words and not on its ID)
 //   EFFECT   fail CODE      gone1, gone2, gone3, refused, or a number as 0x81E00042
-//            delay MS       before the call does anything
+//            delay MS       before the call does anything, and while the fault is in force
 //            size BYTES     get_osd_mem tells a size that is so many bytes off, as -16
 //            line BYTES     open_osd tells a line length that is so many bytes off
 //            vanish         the post thread is gone and announced as such before the call
@@ -17,7 +17,8 @@
 //                           during the drawing
 //            double         notify: the callback is called twice
 //            late MS        notify: the callback is called so much later; only its post waits,
-//                           and no longer than until a fault changes it
+//                           and no longer than until a fault changes it, or than the fault is in
+//                           force
 //
 // An operation is named as in the library without its qm5_cl_ and post_, sys_: open_osd; `notify`
 // is a call of the application's callback. `post N` limits a fault to one post's calls.

@@ -7,7 +7,8 @@
 //   post0 ... post3     what each post thread is to be: "720x576" or "closed" and a line feed. Made
 //                       by the library where missing; anybody may rewrite one at any time
 //   state               the record below, mapped into the library and read by the tools; locked
-//                       (flock) by the one process that has the library up
+//                       (flock) by the one process that has the library up. Empty or all zero, but
+//                       for the sequence: nobody has written it yet
 //   settings            how the codec behaves, a line each; see below. No file: the defaults
 //   faults              what is to go wrong, a line each; see sim_faults.h. No file: nothing
 //   breaches            what the application did that the codec library doesn't allow, a line each
