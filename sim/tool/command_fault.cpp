@@ -94,7 +94,7 @@ void load_faults(const Context &context, const fs::path &file)
 {
     if (!sim_reader::is_there(file))
         throw std::runtime_error(file.string() + ": there is no such file");
-    const std::string text = control_files::read(file);
+    const std::string text = sim_reader::read_file(file);
     control_files::parse_faults(file, text);
     const auto put = [&] {
         control_files::change_faults(context.folder, [&text](const std::string &) { return text; });

@@ -87,12 +87,8 @@ int replace(const fs::path &file, std::string_view bytes)
     });
 }
 
-std::optional<std::string> read_open_file(const fs::path &file, int fd)
+std::string read_open_file(const fs::path &file, int fd)
 {
-    struct stat own {
-    };
-    if (fstat(fd, &own) == 0 && !S_ISREG(own.st_mode) && !S_ISDIR(own.st_mode))
-        fail(file, "no regular file");
     std::string bytes;
     char part[1 << 16];
     for (;;) {
@@ -128,19 +124,23 @@ bool is_there(const fs::path &file)
 std::optional<std::string> read_file_if_there(const fs::path &file)
 {
     const Descriptor in(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)); // as of a FIFO
-    if (in.get() != -1)
-        return read_open_file(file, in.get());
-    if (errno != ENOENT)
+    if (in.get() == -1 && errno == ENOENT)
+        return std::nullopt;
+    if (in.get() == -1)
         fail(file, std::strerror(errno));
-    return std::nullopt;
+    struct stat own {
+    };
+    if (fstat(in.get(), &own) == 0 && !S_ISREG(own.st_mode) && !S_ISDIR(own.st_mode))
+        fail(file, "no regular file");
+    return read_open_file(file, in.get());
 }
 
 std::string read_file(const fs::path &file)
 {
-    std::optional<std::string> bytes = read_file_if_there(file);
-    if (!bytes)
-        fail(file, std::strerror(ENOENT));
-    return std::move(*bytes);
+    const Descriptor in(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (in.get() == -1)
+        fail(file, std::strerror(errno));
+    return read_open_file(file, in.get());
 }
 
 void write_file(const fs::path &file, std::string_view bytes)

@@ -34,10 +34,10 @@ private:
 // Is there such a file? Also if something keeps from looking, which the opening tells then.
 bool is_there(const std::filesystem::path &file);
 
-// Reads a regular file.
+// Reads a file that the user names, which may be a pipe.
 std::string read_file(const std::filesystem::path &file);
 
-// The same; nothing if there is no such file.
+// Reads a regular file, and waits for nobody; nothing if there is no such file.
 std::optional<std::string> read_file_if_there(const std::filesystem::path &file);
 
 // Writes a file whole or not at all: a draft beside it takes its place once it is complete. A link
