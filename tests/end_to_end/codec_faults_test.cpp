@@ -744,7 +744,7 @@ TEST_P(FailingCall, in_the_drawing_of_the_time)
     finish();
 }
 
-struct Rectangle {
+struct FailedRectangle {
     unsigned post;
     unsigned slot;
     Words asked; // of each slot up to this one
@@ -754,7 +754,7 @@ class FailingRectangle : public FailingCall
 {
 protected:
     // Draws the rectangle in colour 2 instead of 1, in which this call fails.
-    void expect_failure_in(const std::string &call, const Rectangle &rectangle)
+    void expect_failure_in(const std::string &call, const FailedRectangle &rectangle)
     {
         const auto &[number, slot, asked] = rectangle;
         const std::string name = std::to_string(number);

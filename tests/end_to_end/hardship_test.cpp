@@ -1,5 +1,6 @@
 // The real server in hard times: killed while it draws, next to another one on the same codec, on a
 // full disk, and with a state folder that is none.
+#include "server/channel.h"
 #include "sim/run_sim.h"
 #include "support/application.h"
 #include "support/files.h"
@@ -26,16 +27,14 @@ using support::shows_text;
 using support::wait_until;
 using support::Words;
 
-constexpr const char *PARAMETERS = "/tmp/osd_tmp_param.txt";
-constexpr const char *REQUESTS = "/tmp/osd_fifo_req";
 constexpr support::TextStyle STYLE = {28, 3, 1};
 
 // Lines of two processes, whichever is the first to write; without the one about the zone.
-typedef std::multiset<std::string> Lines;
+typedef std::multiset<std::string> MixedLines;
 
-Lines lines_of(const std::string &text)
+MixedLines lines_of(const std::string &text)
 {
-    Lines lines;
+    MixedLines lines;
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);) {
         if (line + '\n' != support::NO_ZONE)
@@ -59,7 +58,7 @@ protected:
     }
 
     // A server doesn't come up: what it and its tool have said, each in its time.
-    Lines failing_start() const
+    MixedLines failing_start() const
     {
         EXPECT_EQ(tool({"start", "-l", "/tmp/server.log"}).status, 1);
         EXPECT_TRUE(wait_until([this] { // a child that has ended and nobody has waited for is none
@@ -67,13 +66,13 @@ protected:
                 continue;
             return support::processes_of(executable_).empty();
         }));
-        EXPECT_FALSE(fs::exists(REQUESTS));
-        fs::remove(PARAMETERS); // a start that fails leaves it
+        EXPECT_FALSE(fs::exists(OSD_FIFO_REQ));
+        fs::remove(OSD_TMP_PARAM); // a start that fails leaves it
         return lines_of(log());
     }
 
     // The lines of a start whose library call has failed, with the library's own.
-    static Lines refused(const std::string &why, const std::string &call)
+    static MixedLines refused(const std::string &why, const std::string &call)
     {
         return lines_of(
             "qm5sim: " + why + '\n' +

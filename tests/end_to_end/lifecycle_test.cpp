@@ -1,5 +1,6 @@
 // The life of a server as its operator sees it: start, update, save, restart, stop, and what each
 // failure leaves behind.
+#include "server/channel.h"
 #include "support/application.h"
 #include "support/files.h"
 #include "support/rendered_text.h"
@@ -20,11 +21,6 @@ using support::report;
 using support::shows_text;
 using support::TextStyle;
 using support::write_file;
-
-constexpr const char *PARAMETERS = "/tmp/osd_tmp_param.txt";
-constexpr const char *BACKUP = "/tmp/osd_tmp_param.bak";
-constexpr const char *REQUESTS = "/tmp/osd_fifo_req";
-constexpr const char *REPLIES = "/tmp/osd_fifo_ack";
 
 // Font sizes of the four default outputs: 720, 1920, 640 and 1280 pixels wide.
 constexpr unsigned SIZES[] = {28, 75, 25, 50};
@@ -47,17 +43,17 @@ TEST_F(Lifecycle, start_brings_a_server_up_and_stop_takes_everything_down)
     start();
     struct stat fifo {
     };
-    ASSERT_EQ(stat(REQUESTS, &fifo), 0);
+    ASSERT_EQ(stat(OSD_FIFO_REQ, &fifo), 0);
     EXPECT_TRUE(S_ISFIFO(fifo.st_mode));
-    EXPECT_TRUE(fs::exists(PARAMETERS));
-    EXPECT_TRUE(fs::exists(BACKUP));
-    EXPECT_FALSE(fs::exists(REPLIES));
+    EXPECT_TRUE(fs::exists(OSD_TMP_PARAM));
+    EXPECT_TRUE(fs::exists(OSD_TMP_PARAM_BAK));
+    EXPECT_FALSE(fs::exists(OSD_FIFO_ACK));
     const Ended running = tool({"status"});
     EXPECT_EQ(running.out, std::string(NO_ZONE) + "#qm5osd:OSD server is running\n");
     EXPECT_EQ(running.status, 1);
 
     stop();
-    for (const char *file : {REQUESTS, REPLIES, PARAMETERS, BACKUP})
+    for (const char *file : {OSD_FIFO_REQ, OSD_FIFO_ACK, OSD_TMP_PARAM, OSD_TMP_PARAM_BAK})
         EXPECT_FALSE(fs::exists(file)) << file;
     const Ended again = tool({"stop"});
     EXPECT_EQ(again.out, std::string(NO_ZONE) + "#qm5osd:OSD server is not running\n");
@@ -68,18 +64,18 @@ TEST_F(Lifecycle, start_brings_a_server_up_and_stop_takes_everything_down)
 TEST_F(Lifecycle, second_start_is_refused_and_touches_nothing)
 {
     start({"--Post0TypeOn=1"});
-    const std::string before = read_file(PARAMETERS);
+    const std::string before = read_file(OSD_TMP_PARAM);
     const Ended second = tool({"start", "--Post0TypeOn=0"});
     EXPECT_EQ(second.status, 1);
     EXPECT_EQ(second.err, report("start", "server is already running", "osd_start"));
-    EXPECT_EQ(read_file(PARAMETERS), before);
+    EXPECT_EQ(read_file(OSD_TMP_PARAM), before);
     EXPECT_EQ(support::processes_of(executable_).size(), 1u);
     stop();
 }
 
 TEST_F(Lifecycle, request_fifo_of_a_dead_server_does_not_stop_a_start)
 {
-    ASSERT_EQ(mkfifo(REQUESTS, 0644), 0);
+    ASSERT_EQ(mkfifo(OSD_FIFO_REQ, 0644), 0);
     EXPECT_EQ(tool({"status"}).status, 0);
     start();
     stop();
@@ -169,7 +165,7 @@ TEST_F(Lifecycle, rectangle_covers_its_place)
 TEST_F(Lifecycle, update_with_a_bad_file_changes_nothing)
 {
     start();
-    const std::string before = read_file(PARAMETERS);
+    const std::string before = read_file(OSD_TMP_PARAM);
     write_file("/tmp/bad.conf", "[osd]\nPost0DateOn=2\n");
     const Ended ended = tool({"update", "-f", "/tmp/bad.conf"});
     EXPECT_EQ(ended.status, 1);
@@ -179,7 +175,7 @@ TEST_F(Lifecycle, update_with_a_bad_file_changes_nothing)
                   report("update", "invalid parameter in osd section", "osd_read_parameter_file") +
                   report("update", "failed to read osd parameter file", "osd_update") +
                   report("update", "update osd failed", "main"));
-    EXPECT_EQ(read_file(PARAMETERS), before);
+    EXPECT_EQ(read_file(OSD_TMP_PARAM), before);
     fs::remove("/tmp/bad.conf");
     stop();
 }
@@ -195,7 +191,7 @@ TEST_F(Lifecycle, start_with_a_bad_file_leaves_a_server_with_the_common_paramete
                   report("start", "invalid parameter in osd section", "osd_read_parameter_file") +
                   report("start", "failed to read osd parameter file", "osd_update"));
     EXPECT_EQ(tool({"status"}).status, 1);
-    EXPECT_TRUE(has_line(read_file(PARAMETERS), std::string("OsdFontFile=") + QM5OSD_FONT));
+    EXPECT_TRUE(has_line(read_file(OSD_TMP_PARAM), std::string("OsdFontFile=") + QM5OSD_FONT));
     fs::remove("/tmp/bad.conf");
     stop();
 }
@@ -203,7 +199,7 @@ TEST_F(Lifecycle, start_with_a_bad_file_leaves_a_server_with_the_common_paramete
 TEST_F(Lifecycle, refused_update_is_rolled_back)
 {
     start({"--Post0TypeOn=1"});
-    const std::string before = read_file(PARAMETERS);
+    const std::string before = read_file(OSD_TMP_PARAM);
     // Safe spaces that no open accepts, and a rectangle, so that the post is opened anew.
     write_file("/tmp/wide.conf", "[osd]\nOsdTVOutSafeSpaceLeft=700\nPost0Rectangle0On=1\n"
                                  "Post0Osd0W=16\nPost0Osd0H=4\n");
@@ -211,8 +207,8 @@ TEST_F(Lifecycle, refused_update_is_rolled_back)
     EXPECT_EQ(ended.status, 1);
     EXPECT_EQ(ended.err, report("update", "osd server recovered parameters", "osd_update") +
                              report("update", "update osd failed", "main"));
-    EXPECT_EQ(read_file(PARAMETERS), before);
-    EXPECT_FALSE(fs::exists(BACKUP));
+    EXPECT_EQ(read_file(OSD_TMP_PARAM), before);
+    EXPECT_FALSE(fs::exists(OSD_TMP_PARAM_BAK));
     EXPECT_TRUE(shows(0, [](const sim_reader::Post &post) {
         return support::count_shown(post) == 1 &&
                shows_text(post.osd[1], " TVOut ", {SIZES[0], 3, 1});
@@ -234,7 +230,7 @@ TEST_F(Lifecycle, saved_parameters_bring_the_same_pictures_back)
                     "--Post1Osd2ColorBg=2"})
                   .status,
               0);
-    const std::string in_force = read_file(PARAMETERS);
+    const std::string in_force = read_file(OSD_TMP_PARAM);
     ASSERT_EQ(tool({"save", "-f", "/tmp/saved.conf"}).status, 0);
     const auto pictures = [this] { return sim_reader::compose(post(1)).rgb; };
     const auto shown = pictures();
@@ -244,7 +240,8 @@ TEST_F(Lifecycle, saved_parameters_bring_the_same_pictures_back)
     EXPECT_EQ(restarted.status, 0) << log();
     EXPECT_TRUE(support::wait_until([&] { return pictures() == shown; }));
     EXPECT_TRUE(has_line(in_force, "Post1Osd2ColorBg=2"));
-    EXPECT_TRUE(has_line(read_file(PARAMETERS), "Post1Osd2ColorBg=1")) << "not saved, so default";
+    EXPECT_TRUE(has_line(read_file(OSD_TMP_PARAM), "Post1Osd2ColorBg=1"))
+        << "not saved, so default";
     fs::remove("/tmp/saved.conf");
     stop();
 }

@@ -31,7 +31,7 @@ using support::Words;
 
 constexpr const char *CLOCK = "/tmp/clock";
 constexpr const char *FONT = "/tmp/font.bdf";
-constexpr const char *PARAMETERS = "/tmp/pictures.conf";
+constexpr const char *SCENE = "/tmp/pictures.conf";
 constexpr const char *STREET = "/tmp/street.png";
 constexpr const char *SHOWN = "/tmp/shown.png";
 
@@ -100,7 +100,7 @@ protected:
     void TearDown() override
     {
         unsetenv("TZ");
-        for (const char *file : {CLOCK, FONT, PARAMETERS, STREET, SHOWN})
+        for (const char *file : {CLOCK, FONT, SCENE, STREET, SHOWN})
             fs::remove(file);
         ApplicationTest::TearDown();
     }
@@ -135,14 +135,14 @@ protected:
             text += key + "String=" + OUTPUTS[i].string + '\n';
             text += key + "StringColor=" + std::to_string(OUTPUTS[i].index) + '\n';
         }
-        support::write_file(PARAMETERS, text);
+        support::write_file(SCENE, text);
         setenv("QM5OSD_TEST_CLOCK", CLOCK, 1);
         setenv("LD_PRELOAD", QM5OSD_FIXED_CLOCK, 1);
         const char *options = std::getenv("ASAN_OPTIONS");
         const std::string before = options ? options : "";
         setenv("ASAN_OPTIONS", (before + ":verify_asan_link_order=0").c_str(),
                1); // the clock leads
-        start({"-f", PARAMETERS});
+        start({"-f", SCENE});
         setenv("ASAN_OPTIONS", before.c_str(), 1);
         unsetenv("LD_PRELOAD");
         unsetenv("QM5OSD_TEST_CLOCK");

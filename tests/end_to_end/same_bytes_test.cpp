@@ -20,9 +20,9 @@ using support::read_file;
 using support::wait_until;
 using support::Words;
 
-constexpr const char *CLOCK = "/tmp/clock";
-constexpr const char *FONT = "/tmp/font.bdf";
-constexpr const char *PARAMETERS = "/tmp/story.conf";
+constexpr const char *STORY_CLOCK = "/tmp/clock";
+constexpr const char *STORY_FONT = "/tmp/font.bdf";
+constexpr const char *STORY = "/tmp/story.conf";
 constexpr const char *SAVED = "/tmp/saved.conf";
 constexpr const char *PICTURE = "/tmp/picture.png";
 constexpr const char *IN_FORCE = "/tmp/osd_tmp_param.txt";
@@ -38,19 +38,19 @@ protected:
     {
         ApplicationTest::SetUp();
         setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
-        setenv("QM5OSD_TEST_CLOCK", CLOCK, 1);
-        support::write_file(CLOCK, "1830297599"); // the last second of 2027 by UTC
-        support::write_file(FONT, support::to_bdf(support::plain_font(28)));
-        support::write_file(PARAMETERS, std::string("[osd]\nOsdFontFile=") + FONT +
-                                            "\nPost0DateOn=1\nPost0TimeOn=1\nPost0TypeOn=1\n"
-                                            "Post0StringOn=1\nPost0String=Gate 2 (north)\n"
-                                            "Post0StringColor=214\nPost3DateOn=1\n");
+        setenv("QM5OSD_TEST_CLOCK", STORY_CLOCK, 1);
+        support::write_file(STORY_CLOCK, "1830297599"); // the last second of 2027 by UTC
+        support::write_file(STORY_FONT, support::to_bdf(support::plain_font(28)));
+        support::write_file(STORY, std::string("[osd]\nOsdFontFile=") + STORY_FONT +
+                                       "\nPost0DateOn=1\nPost0TimeOn=1\nPost0TypeOn=1\n"
+                                       "Post0StringOn=1\nPost0String=Gate 2 (north)\n"
+                                       "Post0StringColor=214\nPost3DateOn=1\n");
     }
     void TearDown() override
     {
         unsetenv("TZ");
         unsetenv("QM5OSD_TEST_CLOCK");
-        for (const char *file : {CLOCK, FONT, PARAMETERS, SAVED, PICTURE})
+        for (const char *file : {STORY_CLOCK, STORY_FONT, STORY, SAVED, PICTURE})
             fs::remove(file);
         ApplicationTest::TearDown();
     }
@@ -102,7 +102,7 @@ protected:
              {Words{"help"}, Words{"status"}, Words{"update", "--Post0TimeOn=2"},
               Words{"--version"}, Words{"nonsense"}, Words{"stop"}})
             say(words);
-        say({"start", "-l", LOG, "-f", PARAMETERS});
+        say({"start", "-l", LOG, "-f", STORY});
         say({"status"});
         keep_pictures(0, 4);
         keep_pictures(3, 1);

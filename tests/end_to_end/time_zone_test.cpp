@@ -12,7 +12,7 @@ namespace
 
 using support::shows_recent_time;
 
-constexpr support::TextStyle STYLE = {28, 3, 1};
+constexpr support::TextStyle ZONE_STYLE = {28, 3, 1};
 
 // The block as the appliance's other program makes it.
 class ZoneBlock
@@ -52,17 +52,17 @@ TEST_F(TimeZone, block_sets_the_zone_and_changes_it_at_run_time)
     start({"--Post0TimeOn=1"});
     EXPECT_EQ(log(), "") << "the block is there";
     EXPECT_TRUE(shows(0, [](const sim_reader::Post &post) {
-        return shows_recent_time(post.osd[3], 5 * 3600, STYLE);
+        return shows_recent_time(post.osd[3], 5 * 3600, ZONE_STYLE);
     }));
     block.set("WEST3:30", 255);
     const std::uint32_t sets = post(0).osd[3].record.sets;
     EXPECT_TRUE(shows(
         0, [sets](const sim_reader::Post &post) { return post.osd[3].record.sets >= sets + 2; }));
-    EXPECT_TRUE(shows_recent_time(post(0).osd[3], 5 * 3600, STYLE))
+    EXPECT_TRUE(shows_recent_time(post(0).osd[3], 5 * 3600, ZONE_STYLE))
         << "the change byte is the same";
     block.set("WEST3:30", 0);
     EXPECT_TRUE(shows(0, [](const sim_reader::Post &post) {
-        return shows_recent_time(post.osd[3], -3 * 3600 - 1800, STYLE);
+        return shows_recent_time(post.osd[3], -3 * 3600 - 1800, ZONE_STYLE);
     }));
     stop();
 }
@@ -73,7 +73,7 @@ TEST_F(TimeZone, zone_of_the_environment_holds_without_a_block)
     start({"--Post0TimeOn=1"});
     EXPECT_EQ(log(), support::NO_ZONE);
     EXPECT_TRUE(shows(0, [](const sim_reader::Post &post) {
-        return shows_recent_time(post.osd[3], 2 * 3600, STYLE);
+        return shows_recent_time(post.osd[3], 2 * 3600, ZONE_STYLE);
     }));
     unsetenv("TZ");
     stop();

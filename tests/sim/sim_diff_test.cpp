@@ -182,9 +182,9 @@ TEST_F(SimDiff, leaves_out_how_the_calls_on_two_posts_fall_between_each_other)
                             call_of(SIM_OPEN_OSD, {0x50000001, 0, 16, 4, 2}, {0x60000001, 0, 16})};
     const CallList second = {call_of(SIM_THREAD_GET_STATUS, {0x50000002}, {640, 360}),
                              call_of(SIM_OPEN_OSD, {0x50000002, 0, 16, 4, 2}, {0x60000002, 0, 16})};
-    const CallList notices = {notify(0x50000001, 0, 1), notify(0x50000002, 1, 1)};
-    const auto save_run = [&notices](const char *path, const CallList &one, const CallList &other) {
-        CallList run = notices;
+    const CallList opened = {notify(0x50000001, 0, 1), notify(0x50000002, 1, 1)};
+    const auto save_run = [&opened](const char *path, const CallList &one, const CallList &other) {
+        CallList run = opened;
         run.insert(run.end(), one.begin(), one.end());
         run.insert(run.end(), other.begin(), other.end());
         save(path, run);

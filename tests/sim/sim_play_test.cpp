@@ -24,7 +24,7 @@ using support::Words;
 
 typedef std::chrono::system_clock Clock;
 
-constexpr const char *FOLDER = "/tmp/play/";
+constexpr const char *PLAY_FOLDER = "/tmp/play/";
 constexpr const char *SCENARIO = "/tmp/play/scenario";
 
 // How far a file's time may lag behind the clock.
@@ -32,7 +32,7 @@ constexpr std::chrono::milliseconds LAG{20};
 
 std::string in_folder(const std::string &name)
 {
-    return FOLDER + name;
+    return PLAY_FOLDER + name;
 }
 
 bool exists(const std::string &name)
@@ -78,7 +78,7 @@ protected:
     void SetUp() override
     {
         ApplicationTest::SetUp();
-        fs::create_directory(FOLDER);
+        fs::create_directory(PLAY_FOLDER);
         for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM})
             std::signal(signal, SIG_DFL); // a shell may have had them ignored
     }
@@ -90,7 +90,7 @@ protected:
             kill(pid, SIGKILL);
         while (waitpid(-1, nullptr, WNOHANG) > 0) { // what other programs have left behind
         }
-        fs::remove_all(FOLDER);
+        fs::remove_all(PLAY_FOLDER);
         ApplicationTest::TearDown();
     }
 

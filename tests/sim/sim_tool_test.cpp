@@ -27,17 +27,17 @@ protected:
     }
 };
 
-struct Png {
+struct RgbPng {
     unsigned width = 0;
     unsigned height = 0;
     std::vector<std::uint8_t> rgb;
 };
 
-Png read_png(const std::string &path)
+RgbPng read_rgb_png(const std::string &path)
 {
     png_image image{};
     image.version = PNG_IMAGE_VERSION;
-    Png png;
+    RgbPng png;
     if (!png_image_begin_read_from_file(&image, path.c_str()))
         return png;
     image.format = PNG_FORMAT_RGB;
@@ -54,7 +54,7 @@ TEST_F(SimTool, snapshot_is_the_picture_of_the_post)
            "--Post2Osd0H=100", "--Post2Osd0ColorFg=5"});
     EXPECT_TRUE(shows(2, [](const sim_reader::Post &post) { return count_shown(post) == 1; }));
     ASSERT_EQ(sim({"snapshot", "2", "/tmp/two.png"}).status, 0);
-    const Png png = read_png("/tmp/two.png");
+    const RgbPng png = read_rgb_png("/tmp/two.png");
     ASSERT_EQ(png.width, 640u);
     ASSERT_EQ(png.height, 360u);
     const sim_reader::Color &color = sim_reader::palette()[5];
