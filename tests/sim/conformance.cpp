@@ -41,36 +41,39 @@ class Fenced
 public:
     Fenced()
     {
-        bytes_.fill(FENCE);
-        std::memset(get(), 0, sizeof(T));
+        before_.fill(FENCE);
+        behind_.fill(FENCE);
     }
     Fenced(const Fenced &) = delete;
     Fenced &operator=(const Fenced &) = delete;
     ~Fenced()
     {
         const auto is_fence = [](std::uint8_t byte) { return byte == FENCE; };
-        EXPECT_TRUE(std::all_of(bytes_.begin(), bytes_.begin() + WIDTH, is_fence) &&
-                    std::all_of(bytes_.end() - WIDTH, bytes_.end(), is_fence))
+        EXPECT_TRUE(std::all_of(before_.begin(), before_.end(), is_fence) &&
+                    std::all_of(behind_.begin(), behind_.end(), is_fence))
             << "bytes around what the library may write have changed";
     }
 
     T *get()
     {
-        return reinterpret_cast<T *>(bytes_.data() + WIDTH);
+        return &value_;
     }
     T *operator->()
     {
-        return get();
+        return &value_;
     }
     T &operator*()
     {
-        return *get();
+        return value_;
     }
 
 private:
     static constexpr std::uint8_t FENCE = 0xC9;
-    static constexpr std::size_t WIDTH = 64;
-    alignas(T) std::array<std::uint8_t, WIDTH + sizeof(T) + WIDTH> bytes_;
+    typedef std::array<std::uint8_t, 64> Fence;
+    static_assert(sizeof(Fence) % alignof(T) == 0 && sizeof(T) % alignof(T) == 0);
+    Fence before_;
+    T value_{};
+    Fence behind_;
 };
 
 // A test that runs in a child of the process that the framework knows.
