@@ -195,6 +195,17 @@ export class Stage {
                     'pictures of all posts');
     }
 
+    // Chooses the parameters of a post, or with '' the common ones.
+    async choose(group) {
+        await this.click(`#parameter-groups [data-group="${group}"]`);
+    }
+
+    // The value in force of a parameter, as the application tells it.
+    inForce(key) {
+        const {stdout} = this.osd('getthdinfo', '-a');
+        return new RegExp(`:${key}=(.*)$`, 'm').exec(stdout)?.[1];
+    }
+
     // Waits until no command of the page is being carried out.
     async idle() {
         await until(() => this.page.evaluate(() =>
