@@ -109,6 +109,8 @@ test('faults are made, switched off and removed by keyboard alone', async (t) =>
 
 test('files are saved, loaded and put away by keyboard alone', async (t) => {
     const stage = await Stage.open(t);
+    // Early, for the driver of the browser goes on before this is known there.
+    const asking = stage.page.waitForEvent('filechooser', {timeout: 180000});
     await stage.startApplication();
     const {keyboard} = stage.page;
     await tabTo(stage, '#tab-parameters');
@@ -118,7 +120,6 @@ test('files are saved, loaded and put away by keyboard alone', async (t) => {
     await keyboard.press('Enter');
     assert.equal((await coming).suggestedFilename(), 'qm5_app_comm.conf');
     await tabTo(stage, '#file-load');
-    const asking = stage.page.waitForEvent('filechooser');
     await keyboard.press('Enter');
     await (await asking).setFiles({
         name: 'other.conf', mimeType: 'text/plain', buffer: Buffer.from('[osd]\nPost0DateOn=1\n'),
