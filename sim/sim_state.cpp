@@ -22,12 +22,17 @@ void sim_get_folder(char *path)
         sim_get_own_folder(path);
 }
 
-const char *sim_refuse_folder(const char *path)
+bool sim_is_own_folder(const char *path)
 {
     char own[SIM_PATH_SIZE];
-    struct stat status;
     sim_get_own_folder(own);
-    if (strcmp(path, own) != 0 || lstat(path, &status) != 0)
+    return strcmp(path, own) == 0;
+}
+
+const char *sim_refuse_folder(const char *path)
+{
+    struct stat status;
+    if (!sim_is_own_folder(path) || lstat(path, &status) != 0)
         return nullptr;
     if (!S_ISDIR(status.st_mode))
         return "no folder, or a link to one";

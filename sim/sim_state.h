@@ -96,6 +96,9 @@ constexpr std::size_t SIM_PATH_SIZE = 4096;
 // The folder's path, into SIM_PATH_SIZE bytes.
 void sim_get_folder(char *path);
 
+// Is it the path of the user's own folder, which is taken where none is named?
+bool sim_is_own_folder(const char *path);
+
 // Why a folder of this path isn't to be used: at the path of the user's own, where anybody may make
 // one, there is another user's, or a link to who knows where. NULL for one that is good, isn't
 // there, or has been named.

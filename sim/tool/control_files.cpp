@@ -137,7 +137,7 @@ void change(const fs::path &folder, const char *name, const Edit &edit, Parse pa
     const fs::path file = folder / name;
     const std::string text = edit(read(file));
     parse(file, text);
-    sim_reader::write_file(file, text);
+    sim_reader::write_regular_file(file, text);
 }
 
 } // namespace

@@ -16,6 +16,7 @@ namespace
 {
 
 constexpr mode_t FILE_MODE = 0666; // less the user's mask
+constexpr const char *NOT_REGULAR = "no regular file";
 
 // 0, or an errno value.
 int write_all(int fd, std::string_view bytes)
@@ -87,11 +88,11 @@ int replace(const fs::path &file, std::string_view bytes)
     });
 }
 
-std::string read_open_file(const fs::path &file, int fd)
+std::string read_open_file(const fs::path &file, int fd, std::size_t longest)
 {
     std::string bytes;
     char part[1 << 16];
-    for (;;) {
+    while (bytes.size() <= longest) {
         const ssize_t length = read(fd, part, sizeof part);
         if (length == 0)
             return bytes;
@@ -100,6 +101,13 @@ std::string read_open_file(const fs::path &file, int fd)
         else if (errno != EINTR)
             fail(file, std::strerror(errno));
     }
+    fail(file, "too long"); // a device may have no end
+}
+
+// What may stand in the place of a regular file, and would make who opens it wait.
+bool is_special(mode_t mode)
+{
+    return !S_ISREG(mode) && !S_ISDIR(mode);
 }
 
 } // namespace
@@ -130,17 +138,26 @@ std::optional<std::string> read_file_if_there(const fs::path &file)
         fail(file, std::strerror(errno));
     struct stat own {
     };
-    if (fstat(in.get(), &own) == 0 && !S_ISREG(own.st_mode) && !S_ISDIR(own.st_mode))
-        fail(file, "no regular file");
-    return read_open_file(file, in.get());
+    if (fstat(in.get(), &own) == 0 && is_special(own.st_mode))
+        fail(file, NOT_REGULAR);
+    return read_open_file(file, in.get(), LONGEST_TEXT);
 }
 
-std::string read_file(const fs::path &file)
+std::string read_file(const fs::path &file, std::size_t longest)
 {
     const Descriptor in(open(file.c_str(), O_RDONLY | O_CLOEXEC));
     if (in.get() == -1)
         fail(file, std::strerror(errno));
-    return read_open_file(file, in.get());
+    return read_open_file(file, in.get(), longest);
+}
+
+void write_regular_file(const fs::path &file, std::string_view bytes)
+{
+    struct stat there {
+    };
+    if (stat(file.c_str(), &there) == 0 && is_special(there.st_mode))
+        fail(file, NOT_REGULAR);
+    write_file(file, bytes);
 }
 
 void write_file(const fs::path &file, std::string_view bytes)

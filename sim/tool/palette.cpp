@@ -134,7 +134,7 @@ void load_palette(const fs::path &folder, const fs::path &file)
 void store_palette(const fs::path &folder, std::string_view text)
 {
     make_folder(folder);
-    write_file(palette_file(folder), text);
+    write_regular_file(palette_file(folder), text);
 }
 
 bool has_palette(const fs::path &folder)

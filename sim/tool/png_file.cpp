@@ -73,7 +73,7 @@ constexpr std::size_t COLOR_TYPE_AT = 25;
 
 } // namespace
 
-PngFile::PngFile(const fs::path &file) : PngFile(file, read_file(file))
+PngFile::PngFile(const fs::path &file) : PngFile(file, read_file(file, LONGEST_PICTURE))
 {
 }
 

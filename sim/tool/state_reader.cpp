@@ -85,11 +85,16 @@ private:
     Descriptor file_;
 };
 
-// Has no process ever had the device open?
+// Has no process ever had the device open? The user's own folder need not be there yet.
 bool is_fresh(const fs::path &folder)
 {
     std::error_code unknown; // the opening of the state tells it better
-    return fs::is_directory(folder, unknown) && !is_there(folder / "state");
+    const fs::file_status status = fs::status(folder, unknown);
+    if (status.type() != fs::file_type::not_found)
+        return fs::is_directory(status) && !is_there(folder / "state");
+    if (!sim_is_own_folder(folder.c_str()))
+        fail(folder, unknown.message());
+    return true;
 }
 
 // What `take` makes of a state that no change came across; an empty one of a fresh folder. One that
@@ -403,7 +408,7 @@ void write_size(const fs::path &folder, unsigned number, unsigned width, unsigne
 {
     const Size size = {width, height};
     make_folder(folder);
-    write_file(size_file(folder, number), format_size(size) + '\n');
+    write_regular_file(size_file(folder, number), format_size(size) + '\n');
     end_thread(folder, number, size);
 }
 

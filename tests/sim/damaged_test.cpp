@@ -336,6 +336,44 @@ TEST_F(DamagedFiles, that_would_wait_for_a_writer_are_no_regular_files)
     EXPECT_EQ(read_file("/tmp/err"), "qm5sim: /tmp/codec/post1: no regular file\n");
 }
 
+TEST_F(DamagedFiles, that_would_wait_for_a_reader_are_no_regular_files)
+{
+    fs::copy(GOOD, STATE);
+    write_file("/tmp/colors", "1 2 3 4 5\n");
+    const struct {
+        const char *file;
+        Words words;
+    } rows[] = {
+        {"post1", {"post", "1", "close"}},
+        {"settings", {"setting", "strict", "1"}},
+        {"faults", {"fault", "clear"}},
+        {"palette", {"palette", "--load", "/tmp/colors"}},
+    };
+    for (const auto &[file, words] : rows) {
+        const std::string path = std::string(STATE) + '/' + file;
+        fs::remove(path);
+        ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+        const Ended ended = run_command(words);
+        EXPECT_EQ(ended.status, 1) << file;
+        EXPECT_EQ(ended.err, "qm5sim: " + path + ": no regular file\n");
+        fs::remove(path);
+    }
+    fs::remove("/tmp/colors");
+}
+
+TEST_F(DamagedFiles, that_have_no_end_are_too_long)
+{
+    fs::copy(GOOD, STATE);
+    for (const Words &words :
+         {Words{"fault", "load", "/dev/zero"}, Words{"palette", "--load", "/dev/zero"},
+          Words{"snapshot", "0", "--over", "/dev/zero", "/tmp/out.png"},
+          Words{"serve", "--token-file", "/dev/zero"}}) {
+        const Ended ended = run_command(words);
+        EXPECT_EQ(ended.status, 1) << words[0];
+        EXPECT_EQ(ended.err, "qm5sim: /dev/zero: too long\n");
+    }
+}
+
 // A look at everything that a record says, as all commands together take it.
 void look_at_everything(const std::string &folder)
 {

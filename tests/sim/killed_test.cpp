@@ -228,7 +228,7 @@ protected:
         } catch (const std::runtime_error &error) {
             const std::string why = error.what();
             // Before there is one, and before it is one.
-            EXPECT_TRUE(why == "/tmp/codec/state: No such file or directory" ||
+            EXPECT_TRUE(why == "/tmp/codec: No such file or directory" ||
                         why == "/tmp/codec/state: no state of a simulated codec" ||
                         why == "/tmp/codec/state: no state of a simulated codec, or of another "
                                "version")

@@ -314,7 +314,7 @@ TEST_F(SimPlay, failure_ends_the_play)
     expect_failure("0 run sh -c \"kill -9 $$\"", "sh: ended by signal 9");
     expect_failure("0 run /tmp/none x", "/tmp/none: No such file or directory");
     expect_failure("0 try /tmp/play x", "/tmp/play: Permission denied");
-    expect_failure("0 snapshot 0 /tmp/x.png", "/tmp/codec/state: No such file or directory");
+    expect_failure("0 snapshot 0 /tmp/x.png", "/tmp/codec: No such file or directory");
     expect_failure("0 clock", "time zone block: none");
 }
 

@@ -734,7 +734,7 @@ TEST_F(SimSnapshot, link_is_followed)
 TEST_F(SimSnapshot, state_that_cannot_be_read_is_told)
 {
     const Words words = {"snapshot", "0", out("x.png")};
-    expect_failure(words, 1, "qm5sim: /tmp/codec/state: No such file or directory\n");
+    expect_failure(words, 1, "qm5sim: /tmp/codec: No such file or directory\n");
     codec_.open_post(0, 16, 8);
     codec_.show_osd(0, 0, {.width = 8, .height = 8});
     codec_.save();

@@ -212,7 +212,7 @@ TEST_F(SimStateCommand, follows_a_server)
 TEST_F(SimStateCommand, that_cannot_be_read_is_told)
 {
     for (const Words &words : {Words{"state"}, Words{"state", "--json"}}) {
-        expect_failure(words, 1, "qm5sim: /tmp/codec/state: No such file or directory\n");
+        expect_failure(words, 1, "qm5sim: /tmp/codec: No such file or directory\n");
         codec_.state.version = SIM_VERSION + 1;
         codec_.save();
         expect_failure(words, 1,

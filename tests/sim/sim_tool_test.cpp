@@ -124,7 +124,7 @@ TEST_F(SimTool, says_what_is_wrong)
 {
     const Ended none = sim({"--state", "/tmp/none", "snapshot", "0", "/tmp/x.png"});
     EXPECT_EQ(none.status, 1);
-    EXPECT_EQ(none.err, "qm5sim: /tmp/none/state: No such file or directory\n");
+    EXPECT_EQ(none.err, "qm5sim: /tmp/none: No such file or directory\n");
 
     EXPECT_EQ(sim({}).err, "qm5sim: subcommand: it is required\n");
     EXPECT_EQ(sim({"bogus"}).err, "qm5sim: bogus: it was not expected\n");

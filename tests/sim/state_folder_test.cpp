@@ -77,8 +77,12 @@ protected:
             EXPECT_TRUE(ended.err == why("/" + file, error) || ended.err == why("", error))
                 << words[0] << ": " << ended.err;
         }
-        for (const auto &[words, file] : readers())
-            expect_failure(words, 1, why("/" + file, error));
+        for (const auto &[words, file] : readers()) {
+            const Ended ended = sim(words);
+            EXPECT_EQ(ended.status, 1) << words[0];
+            const bool is_missing = error == ENOENT && file == "state";
+            EXPECT_EQ(ended.err, why(is_missing ? "" : "/" + file, error)) << words[0];
+        }
     }
 
     // The files of the folder, by their names.
@@ -126,6 +130,13 @@ TEST_F(StateFolder, that_is_a_link_to_nothing_is_told)
     EXPECT_FALSE(fs::exists("/tmp/none"));
 }
 
+TEST_F(StateFolder, that_was_named_and_is_not_there_is_told)
+{
+    for (const Words &words : {Words{"state"}, Words{"snapshot", "0", out("x.png")}})
+        expect_failure(words, 1, why("", ENOENT));
+    EXPECT_FALSE(fs::exists(state_));
+}
+
 TEST_F(StateFolder, that_is_a_link_to_itself_is_told)
 {
     fs::create_symlink("codec", state_);
@@ -171,6 +182,16 @@ TEST_F(DefaultFolder, of_the_user_is_taken)
     expect_silent_success({"post", "0", "open", "64x48"});
     EXPECT_EQ(sim({"state"}).status, 0);
     fs::remove_all(own_);
+}
+
+// The posts are there all the same.
+TEST_F(DefaultFolder, is_as_a_fresh_one_before_anybody_makes_it)
+{
+    const Ended state = sim({"state"});
+    EXPECT_EQ(state.status, 0);
+    EXPECT_NE(state.out.find("0     -         720x576\n"), std::string::npos) << state.out;
+    expect_silent_success({"snapshot", "2", out("x.png")});
+    EXPECT_FALSE(fs::exists(own_));
 }
 
 TEST_F(DefaultFolder, that_is_a_link_is_refused)
