@@ -427,6 +427,20 @@ TEST_IN_CHILD(Conformance, cleared_osd_stays_open)
     close(osd);
 }
 
+// More memory than an address of the appliance can name.
+TEST_IN_CHILD(Conformance, osd_that_no_memory_can_hold_leaves_the_handle_0)
+{
+    read_size(first_.res_id);
+    const qm5_cl_osd_param param = {0, 0xFFFF, 0xFFFF, 2};
+    Fenced<std::uint32_t> handle;
+    Fenced<std::uint32_t> aux;
+    Fenced<std::uint32_t> line_bytes;
+    EXPECT_NE(lib.open_osd(first_.res_id, &param, handle.get(), aux.get(), line_bytes.get()), 0);
+    EXPECT_EQ(static_cast<std::uint32_t>(errno) >> 16, 0x81E0u);
+    EXPECT_EQ(*handle, 0u) << "it stays 0 if the call fails";
+    close(open({0, 64, 16, 0}));
+}
+
 TEST_IN_CHILD(Conformance, closed_handle_is_no_longer_known)
 {
     const Osd osd = open({1, 64, 16, 1});
@@ -559,6 +573,26 @@ TEST_IN_CHILD(ConformanceOfPosts, handle_of_another_post_is_no_osd)
     borrow(osd); // it has stayed
     EXPECT_EQ(lib.set_osd(first_.res_id, osd.handle, {0, 0}), 0);
     close(osd);
+}
+
+TEST_IN_CHILD(ConformanceOfPosts, osds_of_several_posts_are_open_at_once)
+{
+    const std::vector<Notice> posts = notices_so_far();
+    std::vector<Osd> osds;
+    std::vector<qm5_cl_osd_mem> memories;
+    for (unsigned i = 0; i < POSTS; i++) {
+        first_ = posts.at(i);
+        osds.push_back(open({0, 64, 16, 0}));
+        memories.push_back(borrow(osds.back()));
+        fill(memories.back(), i);
+    }
+    for (unsigned i = 0; i < POSTS; i++) {
+        first_ = posts.at(i);
+        EXPECT_TRUE(holds(memories[i], i)) << i;
+        EXPECT_EQ(lib.set_osd(first_.res_id, osds[i].handle, {0, 0}), 0);
+        EXPECT_EQ(lib.clear_osd(first_.res_id, osds[i].handle), 0);
+        close(osds[i]);
+    }
 }
 
 TEST_IN_CHILD(ConformanceOfPosts, other_posts_stay_when_one_closes)

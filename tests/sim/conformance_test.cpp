@@ -58,7 +58,7 @@ TEST(ConformanceProgram, byte_written_beside_what_was_handed_over_fails_a_test)
     const std::string test = "cleared_osd_stays_open";
     EXPECT_EQ(conformance_of(THRIFTY_CODEC, test).status, 0);
     for (const std::string where : {"before ", "behind "}) {
-        for (const char *what : {"status", "handle", "aux", "line_bytes", "mem"}) {
+        for (const char *what : {"status", "param", "handle", "aux", "line_bytes", "mem"}) {
             setenv("STRAY_WRITE", (where + what).c_str(), 1);
             const Ended ended = conformance_of(THRIFTY_CODEC, test);
             EXPECT_EQ(ended.status, 1) << where << what;

@@ -41,12 +41,12 @@ int result_of(const Osd *osd)
     return osd ? 0 : -1;
 }
 
-// What the caller has handed over for the library to fill, and for the environment to name.
-void stray(const char *name, void *given, std::size_t size)
+// What the caller has handed over, and for the environment to name.
+void stray(const char *name, const void *given, std::size_t size)
 {
     const char *wanted = getenv("STRAY_WRITE");
     const std::string where = wanted ? wanted : "";
-    auto *bytes = static_cast<volatile unsigned char *>(given);
+    auto *bytes = static_cast<volatile unsigned char *>(const_cast<void *>(given));
     if (where == std::string("before ") + name)
         bytes[-1] = 0;
     if (where == std::string("behind ") + name)
@@ -98,6 +98,7 @@ int qm5_cl_post_thread_get_status(std::uint32_t, qm5_cl_post_status *status)
 int qm5_cl_post_open_osd(std::uint32_t res_id, const qm5_cl_osd_param *param, std::uint32_t *handle,
                          std::uint32_t *aux, std::uint32_t *line_bytes)
 {
+    stray("param", param, sizeof *param);
     stray("handle", handle, sizeof *handle);
     stray("aux", aux, sizeof *aux);
     stray("line_bytes", line_bytes, sizeof *line_bytes);
