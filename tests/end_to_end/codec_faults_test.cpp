@@ -405,6 +405,27 @@ private:
 INSTANTIATE_TEST_SUITE_P(Errno, FailingCall, testing::Values(POST_GONE, REFUSED, OTHER),
                          [](const auto &kind) { return kind.param.name; });
 
+// The calls of a drawing, each with every errno that tells of a post that has gone.
+class FailingDrawing : public FailingCall
+{
+};
+
+Kind begun_with(std::size_t first)
+{
+    Kind kind = POST_GONE;
+    std::rotate(kind.codes.begin(), kind.codes.begin() + static_cast<std::ptrdiff_t>(first),
+                kind.codes.end());
+    return kind;
+}
+
+INSTANTIATE_TEST_SUITE_P(Errno, FailingDrawing,
+                         testing::Values(begun_with(0), begun_with(1), begun_with(2), REFUSED,
+                                         OTHER),
+                         [](const auto &kind) {
+                             const std::string &first = kind.param.codes.front().word;
+                             return kind.param.codes.size() > 1 ? first : kind.param.name;
+                         });
+
 // ---- Start and stop -----------------------------------------------------------------------------
 
 TEST_P(FailingCall, at_the_start_keeps_the_server_down)
@@ -655,7 +676,7 @@ TEST_P(FailingCall, in_the_close_of_a_reopen)
 
 // ---- Drawing ------------------------------------------------------------------------------------
 
-TEST_P(FailingCall, in_the_drawing_of_texts)
+TEST_P(FailingDrawing, of_texts)
 {
     bring_up({"--Post0StringOn=1", "--Post0String=old", "--Post0TypeOn=1", "--Post3TimeOn=1"},
              {"01", "", "", "3"});
@@ -703,7 +724,7 @@ TEST_P(FailingCall, in_the_drawing_of_texts)
     finish();
 }
 
-TEST_P(FailingCall, in_the_clearing_of_a_text)
+TEST_P(FailingDrawing, that_is_cleared)
 {
     bring_up({"--Post1StringOn=1", "--Post1TypeOn=1", "--Post3TimeOn=1"}, {"", "01", "", "3"});
     const sim_reader::Post before = post(1);
@@ -720,7 +741,7 @@ TEST_P(FailingCall, in_the_clearing_of_a_text)
     finish();
 }
 
-TEST_P(FailingCall, in_the_drawing_of_the_time)
+TEST_P(FailingDrawing, of_the_time)
 {
     bring_up({"--Post3TimeOn=1"}, {"", "", "", "3"});
     const sim_reader::Post before = post(3);
