@@ -3,6 +3,7 @@
 #include "sim_state.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -182,15 +183,24 @@ const char *sim_parse_fault(const char *line, sim_fault *fault)
     return sim_has_post(fault->operation) ? nullptr : "the operation is no post's";
 }
 
-const char *sim_add_fault(const char *line, sim_fault *faults, std::size_t *count)
+bool sim_parse_loaded(const char *line, std::uint32_t *number)
 {
-    if (*count == SIM_FAULTS)
+    int end = 0;
+    return sscanf(line, "loaded %9u %n", number, &end) == 1 && end != 0 && line[end] == '\0';
+}
+
+const char *sim_add_fault(const char *line, sim_fault_list *list)
+{
+    if (sim_parse_loaded(line, &list->loaded))
+        return nullptr;
+    if (list->count == SIM_FAULTS)
         return "too many faults";
-    const char *why = sim_parse_fault(line, &faults[*count]);
-    for (std::size_t i = 0; i < *count && !why; i++) {
-        if (faults[i].id == faults[*count].id)
+    sim_fault *fault = &list->fault[list->count];
+    const char *why = sim_parse_fault(line, fault);
+    for (std::size_t i = 0; i < list->count && !why; i++) {
+        if (list->fault[i].id == fault->id)
             why = "the ID is there already";
     }
-    ++*count;
+    list->count++;
     return why;
 }

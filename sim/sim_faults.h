@@ -2,6 +2,7 @@
 // which writes the text.
 //
 //   ID OPERATION WHEN EFFECT [post N]
+//   loaded NUMBER
 //
 //   WHEN     next, 3 (the third call from now on), every, 25% (a fraction, in a fixed sequence
 //            that depends on the fault's words and not on its ID)
@@ -22,6 +23,9 @@
 //
 // An operation is named as in the library without its qm5_cl_ and post_, sys_: open_osd; `notify`
 // is a call of the application's callback. `post N` limits a fault to one post's calls.
+//
+// All faults of a list begin to count their calls, also those that were there already, if it is
+// `loaded` with another number than the list before it; without that line the number is 0.
 #pragma once
 
 #include <cstddef>
@@ -91,6 +95,14 @@ constexpr std::size_t SIM_LONGEST_TEXT = SIM_FAULTS * SIM_FAULT_LINE - 1;
 // Reads a line, with or without its line feed. NULL, or why it can't be understood.
 const char *sim_parse_fault(const char *line, sim_fault *fault);
 
-// Reads a line as the next of a list of `count` faults, which has room for SIM_FAULTS. NULL, or why
-// the list can't have it; the list is of no use then.
-const char *sim_add_fault(const char *line, sim_fault *faults, std::size_t *count);
+struct sim_fault_list {
+    sim_fault fault[SIM_FAULTS];
+    std::size_t count;
+    std::uint32_t loaded;
+};
+
+// Reads a line as the next of a list. NULL, or why the list can't have it; it is of no use then.
+const char *sim_add_fault(const char *line, sim_fault_list *list);
+
+// Reads `loaded NUMBER`, without a line feed; false for any other line.
+bool sim_parse_loaded(const char *line, std::uint32_t *number);

@@ -9,22 +9,43 @@
 
 sim_settings sim_setting = SIM_DEFAULT_SETTINGS;
 
-static sim_fault sim_faults[SIM_FAULTS];
-static std::size_t sim_fault_count_in_force;
+static sim_fault_list sim_faults;
+
+// A number for each of them since it is in force, another one each time; 0: it is not.
+static std::uint32_t sim_terms[SIM_FAULTS];
+
+// The term of a fault that is in force already, or a new one.
+static std::uint32_t sim_get_term(const sim_fault *fault)
+{
+    static std::uint32_t last;
+    for (std::size_t i = 0; i < sim_faults.count; i++) {
+        if (sim_terms[i] != 0 && memcmp(&sim_faults.fault[i], fault, sizeof *fault) == 0)
+            return sim_terms[i];
+    }
+    return ++last;
+}
+
+static void sim_forget_counts()
+{
+    memset(sim->fault, 0, sizeof sim->fault);
+}
 
 // Faults that were there already go on counting.
-static void sim_take_faults(const sim_fault *faults, std::size_t count)
+static void sim_take_faults(const sim_fault_list *list)
 {
     sim_fault_count counts[SIM_FAULTS] = {};
-    for (std::size_t i = 0; i < count; i++) {
-        counts[i].id = faults[i].id;
+    std::uint32_t terms[SIM_FAULTS] = {};
+    for (std::size_t i = 0; i < list->count; i++) {
+        counts[i].id = list->fault[i].id;
         for (const sim_fault_count &old : sim->fault) {
-            if (old.id == faults[i].id)
+            if (old.id == list->fault[i].id)
                 counts[i] = old;
         }
+        if (sim_setting.faults != 0)
+            terms[i] = sim_get_term(&list->fault[i]);
     }
-    memcpy(sim_faults, faults, sizeof sim_faults);
-    sim_fault_count_in_force = count;
+    sim_faults = *list;
+    memcpy(sim_terms, terms, sizeof terms);
     memcpy(sim->fault, counts, sizeof counts);
 }
 
@@ -55,23 +76,27 @@ static bool sim_require_text(const sim_control_file *file)
     return file->is_read;
 }
 
-// Takes both texts, or neither; false if one can't be understood.
-static bool sim_take_texts(const sim_control_file *settings, const sim_control_file *faults)
+// Takes both texts, or neither; false if one can't be understood. The first list of faults may be
+// the one of the process before.
+static bool sim_take_texts(const sim_control_file *settings, const sim_control_file *faults,
+                           bool is_first)
 {
     sim_settings setting = sim_setting;
-    sim_fault list[SIM_FAULTS] = {};
-    std::size_t count = 0;
+    sim_fault_list list = {};
     const bool settings_are_good =
         sim_require_text(settings) && sim_take_settings(settings->path, settings->text, &setting);
     const bool faults_are_good =
         sim_require_text(faults) &&
-        sim_parse_lines(faults->path, faults->text, [&list, &count](const char *line) {
-            return sim_add_fault(line, list, &count);
-        });
+        sim_parse_lines(faults->path, faults->text,
+                        [&list](const char *line) { return sim_add_fault(line, &list); });
     if (!settings_are_good || !faults_are_good)
         return false;
+    if (!is_first && list.loaded != sim_faults.loaded) {
+        sim_forget_counts();
+        sim_faults.count = 0;
+    }
     sim_setting = setting;
-    sim_take_faults(list, count);
+    sim_take_faults(&list);
     return true;
 }
 
@@ -115,9 +140,9 @@ void sim_read_control()
     sim_looked_at = hash;
     sim_begin();
     if (is_first && sim->faults_time != faults_time)
-        memset(sim->fault, 0, sizeof sim->fault);
+        sim_forget_counts();
     sim->faults_time = faults_time;
-    if (is_new && sim_take_texts(&settings, &faults))
+    if (is_new && sim_take_texts(&settings, &faults, is_first))
         sim->control = hash;
     sim_end();
 }
@@ -150,15 +175,10 @@ static void sim_add_change(bool before, std::uint32_t post, sim_change change, s
     trouble->changes = true;
 }
 
-// One number for a fault with its ID.
-static std::uint32_t sim_hash_whole_fault(const sim_fault *fault)
-{
-    return sim_hash(reinterpret_cast<const char *>(fault), sizeof *fault, "", 0);
-}
-
-static void sim_add_trouble(const sim_fault *fault, std::uint32_t post, sim_trouble *trouble,
+static void sim_add_trouble(std::size_t number, std::uint32_t post, sim_trouble *trouble,
                             sim_wait *wait)
 {
+    const sim_fault *fault = &sim_faults.fault[number];
     switch (fault->effect) {
     case SIM_FAIL:
         trouble->code = static_cast<std::uint32_t>(fault->value);
@@ -166,7 +186,7 @@ static void sim_add_trouble(const sim_fault *fault, std::uint32_t post, sim_trou
     case SIM_DELAY:
     case SIM_LATE:
         if (fault->value != 0)
-            wait->fault[wait->count++] = sim_hash_whole_fault(fault);
+            wait->term[wait->count++] = sim_terms[number];
         break;
     case SIM_SIZE:
         trouble->size += fault->value;
@@ -195,15 +215,15 @@ sim_trouble sim_meet_faults(sim_operation operation, std::uint32_t post, sim_wai
     wait->count = 0;
     if (sim_setting.faults == 0)
         return trouble;
-    for (std::size_t i = 0; i < sim_fault_count_in_force; i++) {
-        const sim_fault *fault = &sim_faults[i];
+    for (std::size_t i = 0; i < sim_faults.count; i++) {
+        const sim_fault *fault = &sim_faults.fault[i];
         if (fault->operation != operation || (fault->post != SIM_ANY_POST && fault->post != post))
             continue;
         sim_begin();
         sim->fault[i].met++;
         if (sim_happens(fault, sim->fault[i].met)) {
             sim->fault[i].happened++;
-            sim_add_trouble(fault, post, &trouble, wait);
+            sim_add_trouble(i, post, &trouble, wait);
         }
         sim_end();
     }
@@ -219,10 +239,10 @@ std::int64_t sim_now()
     return std::int64_t{now.tv_sec} * 1000 * SIM_MILLISECOND + now.tv_nsec;
 }
 
-static bool sim_has_fault(const sim_wait *wait, std::uint32_t hash)
+static bool sim_has_term(const sim_wait *wait, std::uint32_t term)
 {
     for (std::uint32_t i = 0; i < wait->count; i++) {
-        if (wait->fault[i] == hash)
+        if (wait->term[i] == term)
             return true;
     }
     return false;
@@ -230,9 +250,9 @@ static bool sim_has_fault(const sim_wait *wait, std::uint32_t hash)
 
 std::int64_t sim_get_end(const sim_wait *wait, std::int64_t begin)
 {
-    for (std::size_t i = 0; i < sim_fault_count_in_force && sim_setting.faults != 0; i++) {
-        if (sim_has_fault(wait, sim_hash_whole_fault(&sim_faults[i])))
-            begin += sim_faults[i].value * SIM_MILLISECOND;
+    for (std::size_t i = 0; i < sim_faults.count; i++) {
+        if (sim_has_term(wait, sim_terms[i]))
+            begin += sim_faults.fault[i].value * SIM_MILLISECOND;
     }
     return begin;
 }

@@ -65,7 +65,7 @@ struct sim_change {
 // What makes a call, or a notice, wait.
 struct sim_wait {
     std::uint32_t count;
-    std::uint32_t fault[SIM_FAULTS]; // hashes of so many faults
+    std::uint32_t term[SIM_FAULTS]; // of so many faults, since each of them is in force
 };
 
 // What is to go wrong with a call.
@@ -90,8 +90,8 @@ std::int64_t sim_now();
 
 void sim_sleep(std::uint32_t ms);
 
-// When a wait that began at `begin` ends, both as sim_now: faults that are no longer in force don't
-// make it any longer. With the lock, if the notification thread runs.
+// When a wait that began at `begin` ends, both as sim_now: faults that are no longer in force, or
+// were not for a moment, don't make it any longer. With the lock, if the notification thread runs.
 std::int64_t sim_get_end(const sim_wait *wait, std::int64_t begin);
 
 // Waits from now on, and takes up meanwhile what the files say. Without the lock.

@@ -26,14 +26,16 @@ constexpr const char *WORDS =
     "WHEN       next; 3, the third call from now on; every; 25%, so many of them,\n"
     "           in whole per cent\n"
     "EFFECT     fail CODE     with gone1, gone2, gone3, refused, or a number as 0x81E00042\n"
-    "           delay MS      before the call does anything\n"
+    "           delay MS      before the call does anything, and while the fault is in force\n"
     "           size BYTES    get_osd_mem: a size that is so many bytes off\n"
     "           line BYTES    open_osd: a line length that is so many bytes off\n"
     "           vanish        the post thread goes before the call, vanish-after: after its work\n"
     "           change P SIZE post P gets a size, as 640x480, or is closed, before the call;\n"
     "                         change-after P SIZE: after its work\n"
     "           double        notify: the callback is called twice\n"
-    "           late MS       notify: the callback is called so much later\n"
+    "           late MS       notify: the callback is called so much later, or when the fault is "
+    "no\n"
+    "                         longer in force\n"
     "post N     for this post's calls alone\n"
     "There are 32 faults at most.\n";
 static_assert(SIM_FAULTS == 32);
@@ -96,12 +98,9 @@ void load_faults(const Context &context, const fs::path &file)
         throw std::runtime_error(file.string() + ": there is no such file");
     const std::string text = sim_reader::read_file(file);
     control_files::parse_faults(file, text);
-    const auto put = [&] {
-        control_files::change_faults(context.folder, [&text](const std::string &) { return text; });
-    };
-    put(); // on a disk without room for them nothing else is tried, and nothing lost
-    clear_faults(context); // or those whose ID is there already would go on counting their calls
-    put();
+    control_files::change_faults(context.folder, [&text](const std::string &before) {
+        return control_files::mark_loaded(text, before);
+    });
     fault_list::wait_until_in_force(context.folder);
 }
 

@@ -3,7 +3,6 @@
 #include "file_io.h"
 #include "sim_reader.h"
 
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -83,16 +82,27 @@ std::string join_words(const std::string &text)
 
 std::vector<Fault> parse_faults(const fs::path &file, const std::string &text)
 {
-    std::array<sim_fault, SIM_FAULTS> list{};
-    std::size_t count = 0;
+    sim_fault_list list{};
     std::vector<Fault> faults;
     take_lines(file, text, [&](const std::string &line) {
-        const char *why = sim_add_fault(line.c_str(), list.data(), &count);
-        if (!why)
-            faults.push_back({list[count - 1], join_words(line)});
+        const char *why = sim_add_fault(line.c_str(), &list);
+        if (!why && list.count > faults.size())
+            faults.push_back({list.fault[list.count - 1], join_words(line)});
         return why;
     });
     return faults;
+}
+
+std::string mark_loaded(const std::string &text, const std::string &before)
+{
+    std::uint32_t last = 0;
+    std::uint32_t none = 0;
+    for (const std::string &line : split_lines(before))
+        sim_parse_loaded(line.c_str(), &last);
+    std::string marked = "loaded " + std::to_string(last + 1) + '\n';
+    for (const std::string &line : split_lines(text))
+        marked += sim_parse_loaded(line.c_str(), &none) ? "" : line + '\n';
+    return marked;
 }
 
 sim_settings parse_settings(const fs::path &file, const std::string &text)

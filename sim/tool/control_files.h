@@ -25,6 +25,9 @@ struct Fault {
 std::vector<Fault> parse_faults(const std::filesystem::path &file, const std::string &text);
 sim_settings parse_settings(const std::filesystem::path &file, const std::string &text);
 
+// A text of faults that begin to count their calls when they take the place of the text `before`.
+std::string mark_loaded(const std::string &text, const std::string &before);
+
 // A file's text; empty for no file.
 std::string read(const std::filesystem::path &file);
 

@@ -470,6 +470,16 @@ TEST_F(Faults, delay_ends_when_all_faults_are_turned_off_and_not_with_another_on
               std::chrono::seconds(10));
     fs::remove(std::string(STATE) + "/settings");
     change_faults("");
+    change_faults("2" + delay.substr(1) + "20000\n");
+    const auto turn_off_and_on = [] {
+        const std::uint32_t on = control();
+        write_file(std::string(STATE) + "/settings", "faults 0\n");
+        while (control() == on)
+            continue;
+        fs::remove(std::string(STATE) + "/settings");
+    };
+    EXPECT_LT(time_of(call, turn_off_and_on), std::chrono::seconds(10));
+    change_faults("");
     const std::string longer = delay + "300\n";
     change_faults(longer);
     EXPECT_GE(time_of(call, [&] { change_faults(longer + "2 set_osd next vanish\n"); }),

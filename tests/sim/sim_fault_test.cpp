@@ -11,6 +11,7 @@
 #include <regex>
 #include <sstream>
 #include <sys/file.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
 namespace
@@ -157,7 +158,10 @@ TEST_F(FaultCommand, load_takes_a_file_whole_or_not_at_all)
     const std::string text = "; wear\n5 set_osd 10% fail 0x81E00042 post 3\n1 notify next late 5\n";
     write_file("/tmp/wear", text);
     EXPECT_EQ(good({"fault", "load", "/tmp/wear"}), "");
-    EXPECT_EQ(read_file(FAULTS), text);
+    EXPECT_EQ(read_file(FAULTS), "loaded 1\n" + text);
+    fs::copy_file(FAULTS, "/tmp/wear", fs::copy_options::overwrite_existing);
+    EXPECT_EQ(good({"fault", "load", "/tmp/wear"}), "");
+    EXPECT_EQ(read_file(FAULTS), "loaded 2\n" + text);
 
     const std::string wrong[][2] = {
         {"1 set_osd next vanish\n1 open_osd next vanish\n", ":2: the ID is there already"},
@@ -169,7 +173,7 @@ TEST_F(FaultCommand, load_takes_a_file_whole_or_not_at_all)
     for (const auto &[bad, why] : wrong) {
         write_file("/tmp/wear", bad);
         expect_failure({"fault", "load", "/tmp/wear"}, 1, "/tmp/wear" + why);
-        EXPECT_EQ(read_file(FAULTS), text);
+        EXPECT_EQ(read_file(FAULTS), "loaded 2\n" + text);
     }
     fs::remove("/tmp/wear");
     expect_failure({"fault", "load", "/tmp/wear"}, 1, "/tmp/wear: there is no such file");
@@ -340,6 +344,29 @@ TEST_F(FaultCommand, load_begins_to_count_anew)
             EXPECT_EQ(status_fails(ids[0]), fails) << round;
         EXPECT_EQ(good({"fault"}), "3 thread_get_status 2 fail gone1: met 3, happened 1\n");
     }
+    fs::remove("/tmp/wear");
+}
+
+// In two, a fault that is to happen once could do so in both, or none be in force between them.
+TEST_F(FaultCommand, load_puts_its_faults_in_force_in_one_step)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    write_file("/tmp/wear", "3 thread_get_status next fail gone1\n");
+    good({"fault", "load", "/tmp/wear"});
+    const int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_NE(inotify_add_watch(watch, STATE, IN_MOVED_FROM | IN_MOVED_TO), -1);
+    good({"fault", "load", "/tmp/wear"});
+    alignas(inotify_event) char events[4096];
+    const ssize_t size = read(watch, events, sizeof events);
+    Names put;
+    for (ssize_t at = 0; at < size;) {
+        const auto *event = reinterpret_cast<const inotify_event *>(events + at);
+        if ((event->mask & IN_MOVED_TO) != 0)
+            put.emplace_back(event->name);
+        at += static_cast<ssize_t>(sizeof *event + event->len);
+    }
+    EXPECT_EQ(put, Names{"faults"}) << "and no more than once";
+    close(watch);
     fs::remove("/tmp/wear");
 }
 
