@@ -13,6 +13,8 @@
 // into the record.
 #pragma once
 
+#include "display/qm5codec.h"
+
 #include <cstdint>
 #include <cstring>
 
@@ -59,13 +61,20 @@ struct sim_call_record {
     std::int32_t result;
     std::uint32_t error; // errno, if the result isn't 0
     std::uint32_t argument[5];
-    std::uint32_t given[3];   // 0 if the call fails
+    std::uint32_t given[3];   // 0 if the call fails; the first is 1 if a fault made up a post's end
     std::uint64_t hash;       // set_osd: sim_hash_shown of the memory; 0 if it isn't known
     std::uint64_t data_at;    // set_osd: where in calls.data the memory stands
     std::uint32_t data_size;  // and how many bytes of it
     std::uint32_t line_bytes; // how many of them are a line, which a fault may have told otherwise
 };
 static_assert(sizeof(sim_call_record) == 88);
+
+// Does an errno tell that a post thread, or an OSD, has gone?
+inline bool sim_tells_gone(std::uint32_t error)
+{
+    return error == QM5_CL_ERROR_GONE_1 || error == QM5_CL_ERROR_GONE_2 ||
+           error == QM5_CL_ERROR_GONE_3;
+}
 
 // A hash of what is shown, of words of 64 bits with the least significant byte first; a last one
 // that isn't whole is filled up with zeros. Two multiplications with a shift between them: by one

@@ -1,5 +1,6 @@
 // The twelve operations of the codec library, on a simulated codec. Everything between the calls
 // is in the state folder, see sim_state.h.
+#include "sim_calls.h"
 #include "sim_codec.h"
 #include "sim_library.h"
 
@@ -21,6 +22,9 @@ static bool sim_notifying;
 
 // The process of qm5_cl_library_init, and not a child of it.
 static pid_t sim_process;
+
+// Has a fault failed the last call on a post?
+static bool sim_met_fault;
 
 // ---- Library and device -------------------------------------------------------------------------
 
@@ -56,6 +60,7 @@ static int sim_begin_plain_call(sim_operation operation)
     const sim_trouble trouble = sim_meet_faults(operation, SIM_ANY_POST, &wait);
     sim_unlock();
     sim_wait_out(&wait);
+    sim_met_fault = false;
     return trouble.code != 0 ? sim_fail(trouble.code) : 0;
 }
 
@@ -232,8 +237,7 @@ static std::uint32_t sim_find_post(std::uint32_t res_id)
 // it may then forget what is open of the post.
 static bool sim_is_excuse(std::uint32_t error)
 {
-    return error == QM5_CL_ERROR_GONE_1 || error == QM5_CL_ERROR_GONE_2 ||
-           error == QM5_CL_ERROR_GONE_3 || error == QM5_CL_ERROR_OPEN_REFUSED;
+    return sim_tells_gone(error) || error == QM5_CL_ERROR_OPEN_REFUSED;
 }
 
 // Keeps errno.
@@ -284,7 +288,8 @@ static int sim_suffer_faults(std::uint32_t res_id, sim_call *call)
             sim_change_posts(call->trouble.before);
         sim_lock();
     }
-    return call->trouble.code != 0 ? sim_fail(call->trouble.code) : 0;
+    sim_met_fault = call->trouble.code != 0;
+    return sim_met_fault ? sim_fail(call->trouble.code) : 0;
 }
 
 // Ends a call: gives the lock back, and changes the posts that are to be changed behind its work.
@@ -528,6 +533,11 @@ static int sim_set_osd(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_po
 bool sim_codec_is_up()
 {
     return sim_stage != SIM_DOWN;
+}
+
+bool sim_codec_made_it_up()
+{
+    return sim_met_fault;
 }
 
 sim_shown sim_codec_shown()

@@ -27,5 +27,8 @@ extern sim_codec_table sim_codec;
 // Is the library up?
 bool sim_codec_is_up();
 
+// Has a fault made up that the post of the last call, which says so, has gone?
+bool sim_codec_made_it_up();
+
 // What the last set_osd, which has succeeded, has shown; valid until the next call.
 sim_shown sim_codec_shown();

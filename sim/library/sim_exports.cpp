@@ -31,8 +31,10 @@ static int sim_end_record(sim_call_record *record, int result, const sim_shown *
         return result;
     const int error = errno;
     record->result = result;
-    if (result != 0)
+    if (result != 0) {
         record->error = static_cast<std::uint32_t>(error);
+        record->given[0] = sim_tells_gone(record->error) && sim_codec_made_it_up();
+    }
     sim_record_call(record, shown);
     errno = error;
     return result;

@@ -211,6 +211,7 @@ struct RebuiltOsd {
 struct RebuiltThread {
     std::uint32_t width = 0; // 0: not known
     std::uint32_t height = 0;
+    bool gone = false; // as a call has found, before the end was announced
     std::array<RebuiltOsd, SIM_OSDS> osd;
 };
 
@@ -226,9 +227,9 @@ public:
     void apply(std::uint64_t number, const sim_call_record &call);
 
     // The resource ID of the post's thread, 0 if it has none.
-    std::uint32_t res_id(unsigned post) const
+    std::uint32_t res_id(unsigned post)
     {
-        return running_[post];
+        return threads_[running_[post]].gone ? 0 : running_[post];
     }
     const RebuiltThread &thread(std::uint32_t res_id)
     {
@@ -237,6 +238,7 @@ public:
 
 private:
     void announce(std::uint64_t number, const sim_call_record &call);
+    void find_gone(const sim_call_record &call);
     void take_size(std::uint64_t number, const sim_call_record &call);
     void open_osd(std::uint64_t number, const sim_call_record &call);
     void set_osd(std::uint64_t number, const sim_call_record &call);
@@ -253,6 +255,7 @@ void Rebuilt::apply(std::uint64_t number, const sim_call_record &call)
     calls_.name_of(number, call);
     if (call.operation == SIM_CLOSE_DEVICE)
         return close_device();
+    find_gone(call);
     if (call.result != 0)
         return;
     RebuiltOsd *osd = nullptr;
@@ -290,6 +293,22 @@ void Rebuilt::announce(std::uint64_t number, const sim_call_record &call)
     if (running_[post] != res_id)
         threads_.erase(running_[post]);
     running_[post] = res_id;
+}
+
+// A call may find that its post thread has gone before that is announced. Of one on an OSD that
+// isn't known, the OSD may be what has gone; a fault may say so of a thread that is there; and a
+// library may give its resource ID to the next one.
+void Rebuilt::find_gone(const sim_call_record &call)
+{
+    const auto thread = threads_.find(call.argument[0]);
+    if (thread == threads_.end() || call.operation < SIM_THREAD_GET_STATUS ||
+        call.operation > SIM_SET_OSD)
+        return;
+    const bool has_osd = call.operation > SIM_OPEN_OSD;
+    if (call.result == 0)
+        thread->second.gone = false;
+    else if (sim_tells_gone(call.error) && call.given[0] == 0 && (!has_osd || find_osd(call)))
+        thread->second.gone = true;
 }
 
 void Rebuilt::take_size(std::uint64_t number, const sim_call_record &call)

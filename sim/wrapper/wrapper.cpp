@@ -249,6 +249,11 @@ bool sim_codec_is_up()
     return wrapper_is_up;
 }
 
+bool sim_codec_made_it_up()
+{
+    return false;
+}
+
 sim_shown sim_codec_shown()
 {
     return wrapper_shown;

@@ -37,6 +37,27 @@ TEST_F(Record, holds_every_call_with_its_words)
                      "clear_osd = -1 0x81E04507", "close_device = 0", "library_exit = 0"}));
 }
 
+// Such a post is there, and so is its picture; one that has really gone has none.
+TEST_F(Record, tells_a_post_that_has_gone_from_one_of_which_a_fault_says_so)
+{
+    write_file(std::string(STATE) + "/faults", "1 clear_osd next fail gone1\n"
+                                               "2 clear_osd 3 vanish\n"
+                                               "3 notify 5 late 600000\n");
+    const std::uint32_t id = bring_up_with_posts()[2];
+    const Opened opened = open_osd(id, {1, 33, 2, 0});
+    show(id, opened, 7);
+    EXPECT_TRUE(failed(lib_.clear_osd(id, opened.handle), QM5_CL_ERROR_GONE_1));
+    EXPECT_NE(lib_.clear_osd(id, 0), 0);
+    const auto shown = [] {
+        return call_reader::rebuild_post(CALLS, recorded().size(), 2).osd[1].record.shown;
+    };
+    EXPECT_EQ(shown(), 1u);
+    EXPECT_TRUE(failed(lib_.clear_osd(id, opened.handle), QM5_CL_ERROR_GONE_1));
+    EXPECT_EQ(sim_reader::read_post(STATE, 2).res_id, 0u);
+    EXPECT_THROW(shown(), std::runtime_error);
+    fs::remove(std::string(STATE) + "/breaches");
+}
+
 TEST_F(Record, holds_the_notices_of_the_other_thread)
 {
     bring_up_with_posts();

@@ -196,13 +196,37 @@ TEST_F(SimReplay, passes_over_failed_calls)
     open_post();
     show(HANDLE, 0, 0, std::string(32, '\5'));
     for (const sim_operation operation : {SIM_CLEAR_OSD, SIM_CLOSE_OSD})
-        calls_.push_back(failed(call_of(operation, {RES_ID, HANDLE}), 0x81E04507));
+        calls_.push_back(failed(call_of(operation, {RES_ID, HANDLE}), 0x81E03246));
     show(HANDLE, 0, 0, std::string(32, '\6'));
-    calls_.back() = failed(calls_.back(), 0x81E04507);
+    calls_.back() = failed(calls_.back(), 0x81E03246);
     calls_.push_back(
         failed(call_of(SIM_OPEN_OSD, {RES_ID, 9, 8, 4, 2}, {HANDLE, 0, 0}), 0x81E00002));
-    calls_.push_back(failed(call_of(SIM_THREAD_GET_STATUS, {RES_ID}, {0, 0}), 0x81E04507));
+    calls_.push_back(failed(call_of(SIM_THREAD_GET_STATUS, {RES_ID}, {0, 0}), 0x81E03246));
     EXPECT_EQ(post().osd[1].pixels[0], 5);
+}
+
+// Its end may be announced much later.
+TEST_F(SimReplay, ends_a_thread_with_the_first_call_that_finds_it_gone)
+{
+    const sim_call_record gone[] = {
+        failed(call_of(SIM_THREAD_GET_STATUS, {RES_ID}), 0x81E04507),
+        failed(call_of(SIM_OPEN_OSD, {RES_ID, 2, 8, 4, 2}), 0x81E03204),
+        failed(call_of(SIM_CLEAR_OSD, {RES_ID, HANDLE}), 0x81E0250C),
+    };
+    for (const sim_call_record &call : gone) {
+        open_post();
+        show(HANDLE, 0, 0, std::string(32, '\5'));
+        calls_.push_back(failed(call_of(SIM_CLEAR_OSD, {RES_ID, HANDLE + 1}), 0x81E03204));
+        calls_.push_back(call);
+        calls_.back().given[0] = 1; // a fault has said so
+        EXPECT_EQ(shown(), "1");
+        calls_.push_back(call);
+        EXPECT_EQ(why_not(), "post 2 at call 7: it has no post thread");
+        calls_.push_back(notify(0, 2, 0));
+        EXPECT_EQ(why_not(), "post 2 at call 8: it has no post thread");
+        calls_.back() = call_of(SIM_CLEAR_OSD, {RES_ID, HANDLE}); // of the next one
+        EXPECT_EQ(why_not(), "");
+    }
 }
 
 TEST_F(SimReplay, forgets_the_osds_of_a_thread_that_has_closed)
