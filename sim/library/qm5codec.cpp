@@ -20,6 +20,10 @@ static enum sim_stages {
 static qm5_cl_post_notify_function *sim_notify;
 static bool sim_notifying;
 
+// What is wrong with a call on a post while nobody is told of posts.
+static const char SIM_NO_POSTS_YET[] = "before set_notify";
+static const char *sim_why_no_posts = SIM_NO_POSTS_YET;
+
 // The process of qm5_cl_library_init, and not a child of it.
 static pid_t sim_process;
 
@@ -96,6 +100,7 @@ static int sim_open_device()
     if (sim_begin_plain_call(SIM_OPEN_DEVICE) != 0)
         return -1;
     sim_stage = SIM_DEVICE_IS_OPEN;
+    sim_why_no_posts = SIM_NO_POSTS_YET;
     return 0;
 }
 
@@ -138,7 +143,7 @@ static void sim_check_all_closed()
     for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
         for (std::uint32_t number = 0; number < SIM_OSDS; number++) {
             const std::uint32_t handle = sim->post[post].osd[number].handle;
-            if (handle != 0 && !sim_get_memory(post, number)->excused)
+            if (handle != 0 && !sim_has_gone(handle))
                 sim_breach(SIM_CLOSE_DEVICE, "post %u, OSD %u, handle 0x%08X: left open", post,
                            number, handle);
         }
@@ -187,6 +192,8 @@ static int sim_close_device()
     const int result = sim_begin_plain_call(SIM_CLOSE_DEVICE);
     const int error = errno;
     sim_stop_posts();
+    if (sim_notifying)
+        sim_why_no_posts = "behind close_device";
     sim_notifying = false;
     sim_notify = nullptr;
     sim_end_osds();
@@ -246,20 +253,20 @@ static void sim_excuse_post(std::uint32_t post)
     if (post == SIM_ANY_POST || !sim_is_excuse(static_cast<std::uint32_t>(errno)))
         return;
     sim_lock();
-    for (std::uint32_t number = 0; number < SIM_OSDS; number++)
-        sim_get_memory(post, number)->excused = true;
+    for (std::uint32_t number = 0; number < SIM_OSDS; number++) {
+        if (sim->post[post].osd[number].handle != 0)
+            sim_note_gone(post, number, sim->post[post].osd[number].handle);
+    }
     sim_unlock();
 }
 
-// And after a close that has failed, the OSD. Keeps errno.
-static void sim_excuse_osd(std::uint32_t handle)
+// And after a close that a fault has failed, the OSD. Keeps errno.
+static void sim_excuse_osd(std::uint32_t post, std::uint32_t handle)
 {
     sim_lock();
-    for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
-        for (std::uint32_t number = 0; number < SIM_OSDS; number++) {
-            if (sim_get_memory(post, number)->handle == handle)
-                sim_get_memory(post, number)->excused = true;
-        }
+    for (std::uint32_t number = 0; number < SIM_OSDS && post != SIM_ANY_POST; number++) {
+        if (sim->post[post].osd[number].handle == handle && handle != 0)
+            sim_note_gone(post, number, handle);
     }
     sim_unlock();
 }
@@ -304,43 +311,52 @@ static int sim_end_call(const sim_call *call, int result)
     return result;
 }
 
-// Begins a call on a post thread. 0 with the lock held, or -1 with errno and without it.
+// Begins a call on a post thread. 0 with the lock held, or -1 with errno and without it. What the
+// application says is looked at then, before what may fail the call.
 static int sim_begin_call(sim_operation operation, std::uint32_t res_id, sim_call *call)
 {
     *call = {};
     call->operation = operation;
     call->post_number = SIM_ANY_POST;
     if (!sim_notifying) // nobody has told it of a post
-        return sim_fail_order(operation, "before set_notify");
+        return sim_fail_order(operation, sim_why_no_posts);
     sim_lock();
     sim_check_thread(operation);
     sim_reap_memory(operation, SIM_NOTIFY); // the server has left the memory of the call before
-    if (sim_suffer_faults(res_id, call) != 0)
-        return sim_end_call(call, -1);
-    call->post_number = sim_find_post(res_id);
-    if (call->post_number == SIM_ANY_POST) {
-        sim_check_res_id(operation, res_id);
-        return sim_end_call(call, sim_fail(QM5_CL_ERROR_GONE_1));
-    }
-    call->post = &sim->post[call->post_number];
-    sim_check_turn(operation, call->post_number, res_id);
+    sim_check_res_id(operation, res_id);
     return 0;
 }
 
-// The same for a call on an OSD.
-static int sim_begin_osd_call(sim_operation operation, std::uint32_t res_id, std::uint32_t handle,
-                              sim_call *call)
+// Finds the post thread of a call that has begun, behind its faults. The result is as above.
+static int sim_reach_post(std::uint32_t res_id, sim_call *call)
 {
-    if (sim_begin_call(operation, res_id, call) != 0)
+    const std::uint32_t post = sim_find_post(res_id);
+    if (post != SIM_ANY_POST)
+        sim_check_turn(call->operation, post, res_id);
+    if (sim_suffer_faults(res_id, call) != 0)
+        return sim_end_call(call, -1);
+    call->post_number = sim_find_post(res_id);
+    if (call->post_number == SIM_ANY_POST)
+        return sim_end_call(call, sim_fail(QM5_CL_ERROR_GONE_1));
+    call->post = &sim->post[call->post_number];
+    return 0;
+}
+
+// And its OSD, which is in use then, whatever has failed before.
+static int sim_reach_osd(std::uint32_t res_id, std::uint32_t handle, sim_call *call)
+{
+    sim_check_given(call->operation, res_id, handle);
+    if (sim_reach_post(res_id, call) != 0)
         return -1;
     for (std::uint32_t i = 0; i < SIM_OSDS && handle != 0; i++) {
         if (call->post->osd[i].handle == handle) {
             call->osd = &call->post->osd[i];
             call->osd_number = i;
+            sim_note_gone(call->post_number, i, 0);
             return 0;
         }
     }
-    sim_check_handle(operation, handle);
+    sim_check_handle(call->operation, handle);
     return sim_end_call(call, sim_fail(QM5_CL_ERROR_GONE_2));
 }
 
@@ -351,6 +367,9 @@ static int sim_thread_get_status(std::uint32_t res_id, qm5_cl_post_status *statu
         sim_begin_call(SIM_THREAD_GET_STATUS, res_id, &call) != 0)
         return -1;
     sim_check_zero(call.operation, "status", status, sizeof *status);
+    if (sim_reach_post(res_id, &call) != 0)
+        return -1;
+    sim_note_read(call.post_number, res_id);
     memset(status, 0xEE, sizeof *status); // what nobody reads is no zero
     status->width = static_cast<std::uint16_t>(call.post->width);
     status->height = static_cast<std::uint16_t>(call.post->height);
@@ -382,30 +401,29 @@ static int sim_make_osd(const sim_call *call, const qm5_cl_osd_param *param)
     return result;
 }
 
-// Why an OSD can't be opened, as a breach and an errno; 0 if it can.
-static std::uint32_t sim_check_param(const sim_call *call, const qm5_cl_osd_param *param)
+// Is there such an OSD and such a colour type? If not, that's a breach.
+static bool sim_check_param(const sim_call *call, const qm5_cl_osd_param *param)
 {
-    if (param->number >= SIM_OSDS) {
+    if (param->number >= SIM_OSDS)
         sim_breach(call->operation, "param: OSD number %u, not 0 to %u", param->number,
                    SIM_OSDS - 1);
-        return SIM_ERROR_ARGUMENT;
-    }
-    if (param->color_type >= SIM_COLOR_TYPES) {
+    if (param->color_type >= SIM_COLOR_TYPES)
         sim_breach(call->operation, "param: colour type %u, not 0 to %u", param->color_type,
                    SIM_COLOR_TYPES - 1);
-        return SIM_ERROR_ARGUMENT;
+    return param->number < SIM_OSDS && param->color_type < SIM_COLOR_TYPES;
+}
+
+// Is an OSD free to be opened, or forgotten by an application that may? If not, that's a breach.
+static bool sim_free_osd(const sim_call *call, std::uint32_t number)
+{
+    const std::uint32_t handle = call->post->osd[number].handle;
+    if (handle != 0 && !sim_has_gone(handle)) {
+        sim_breach(call->operation, "param: OSD %u of post %u is open", number, call->post_number);
+        return false;
     }
-    if (call->post->osd[param->number].handle != 0 &&
-        sim_get_memory(call->post_number, param->number)->excused) {
-        sim_note_gone(call->post_number, param->number, call->post->osd[param->number].handle);
-        sim_end_osd(call->post_number, param->number, call->operation);
-    }
-    if (call->post->osd[param->number].handle != 0) {
-        sim_breach(call->operation, "param: OSD %u of post %u is open", param->number,
-                   call->post_number);
-        return SIM_ERROR_BUSY;
-    }
-    return 0;
+    if (handle != 0)
+        sim_end_osd(call->post_number, number, call->operation);
+    return true;
 }
 
 static int sim_try_open(std::uint32_t res_id, const qm5_cl_osd_param *param, std::uint32_t *handle,
@@ -413,10 +431,13 @@ static int sim_try_open(std::uint32_t res_id, const qm5_cl_osd_param *param, std
 {
     if (sim_begin_call(SIM_OPEN_OSD, res_id, call) != 0)
         return -1;
-    const std::uint32_t error = sim_check_param(call, param);
-    if (error != 0)
-        return sim_end_call(call, sim_fail(error));
     sim_check_old_handle(call->operation, *handle);
+    if (!sim_check_param(call, param))
+        return sim_end_call(call, sim_fail(SIM_ERROR_ARGUMENT));
+    if (sim_reach_post(res_id, call) != 0)
+        return -1;
+    if (!sim_free_osd(call, param->number))
+        return sim_end_call(call, sim_fail(SIM_ERROR_BUSY));
     if (sim_make_osd(call, param) != 0)
         return sim_end_call(call, -1);
     const sim_osd *osd = &call->post->osd[param->number];
@@ -445,8 +466,11 @@ static int sim_open_osd(std::uint32_t res_id, const qm5_cl_osd_param *param, std
 static int sim_close_osd(std::uint32_t res_id, std::uint32_t handle)
 {
     sim_call call;
-    if (sim_begin_osd_call(SIM_CLOSE_OSD, res_id, handle, &call) != 0) {
-        sim_excuse_osd(handle);
+    if (sim_begin_call(SIM_CLOSE_OSD, res_id, &call) != 0)
+        return -1;
+    if (sim_reach_osd(res_id, handle, &call) != 0) {
+        if (call.trouble.code != 0)
+            sim_excuse_osd(call.post_number, handle);
         return -1;
     }
     sim_check_memory(call.operation, sim_get_memory(call.post_number, call.osd_number));
@@ -457,9 +481,9 @@ static int sim_close_osd(std::uint32_t res_id, std::uint32_t handle)
 static int sim_clear_osd(std::uint32_t res_id, std::uint32_t handle)
 {
     sim_call call;
-    if (sim_begin_osd_call(SIM_CLEAR_OSD, res_id, handle, &call) != 0)
+    if (sim_begin_call(SIM_CLEAR_OSD, res_id, &call) != 0 ||
+        sim_reach_osd(res_id, handle, &call) != 0)
         return -1;
-    sim_check_memory(call.operation, sim_get_memory(call.post_number, call.osd_number));
     sim_begin();
     call.osd->shown = 0;
     sim_end();
@@ -470,9 +494,11 @@ static int sim_get_osd_mem(std::uint32_t res_id, std::uint32_t handle, qm5_cl_os
 {
     sim_call call;
     if (sim_require(SIM_GET_OSD_MEM, "mem", mem) != 0 ||
-        sim_begin_osd_call(SIM_GET_OSD_MEM, res_id, handle, &call) != 0)
+        sim_begin_call(SIM_GET_OSD_MEM, res_id, &call) != 0)
         return -1;
     sim_check_zero(call.operation, "mem", mem, sizeof *mem);
+    if (sim_reach_osd(res_id, handle, &call) != 0)
+        return -1;
     sim_memory *memory = sim_get_memory(call.post_number, call.osd_number);
     sim_check_memory(call.operation, memory);
     memory->lent = true;
@@ -516,7 +542,9 @@ static void sim_show(const sim_call *call, sim_memory *memory, qm5_cl_osd_pos po
 static int sim_set_osd(std::uint32_t res_id, std::uint32_t handle, qm5_cl_osd_pos pos)
 {
     sim_call call;
-    if (sim_begin_osd_call(SIM_SET_OSD, res_id, handle, &call) != 0) {
+    if (sim_begin_call(SIM_SET_OSD, res_id, &call) != 0)
+        return -1;
+    if (sim_reach_osd(res_id, handle, &call) != 0) {
         sim_give_up_drawing(call.post_number, handle);
         return -1;
     }

@@ -13,7 +13,7 @@
 // The thread of qm5_cl_library_init.
 static pthread_t sim_server;
 
-// Handles that have gone without having been closed by the application.
+// Handles that are none of the application's any more without having been closed by it.
 static std::uint32_t sim_gone[SIM_POSTS][SIM_OSDS];
 
 static bool sim_write(int fd, const char *line, std::size_t length)
@@ -21,9 +21,14 @@ static bool sim_write(int fd, const char *line, std::size_t length)
     return write(fd, line, length) == static_cast<ssize_t>(length);
 }
 
-void sim_tell_breach(const char *line, std::size_t length)
+void sim_tell_line(const char *line, std::size_t length)
 {
     sim_write(STDERR_FILENO, line, length);
+}
+
+void sim_tell_breach(const char *line, std::size_t length)
+{
+    sim_tell_line(line, length);
     if (!sim)
         return;
     sim_begin();
@@ -91,7 +96,14 @@ void sim_check_res_id(sim_operation operation, std::uint32_t res_id)
         sim_breach(operation, "resource ID 0x%08X: there has never been one", res_id);
 }
 
-static bool sim_has_gone(std::uint32_t handle)
+void sim_check_given(sim_operation operation, std::uint32_t res_id, std::uint32_t handle)
+{
+    const bool is_none = res_id == 0 && handle == 0;
+    if (!is_none && !sim_was_given(handle, SIM_FIRST_HANDLE))
+        sim_breach(operation, "handle 0x%08X: there has never been one", handle);
+}
+
+bool sim_has_gone(std::uint32_t handle)
 {
     for (const auto &post : sim_gone) {
         for (const std::uint32_t gone : post) {
@@ -117,20 +129,26 @@ static bool sim_is_open(std::uint32_t handle)
 void sim_check_handle(sim_operation operation, std::uint32_t handle)
 {
     if (!sim_was_given(handle, SIM_FIRST_HANDLE))
-        sim_breach(operation, "handle 0x%08X: there has never been one", handle);
-    else if (sim_is_open(handle))
+        return;
+    if (sim_is_open(handle))
         sim_breach(operation, "handle 0x%08X: it is another post's", handle);
     else if (!sim_has_gone(handle))
         sim_breach(operation, "handle 0x%08X: it has been closed", handle);
 }
 
+// The post threads whose size was read, with nothing behind that but opens.
+static std::uint32_t sim_read[SIM_POSTS];
+
+void sim_note_read(std::uint32_t post, std::uint32_t res_id)
+{
+    sim_read[post] = res_id;
+}
+
 void sim_check_turn(sim_operation operation, std::uint32_t post, std::uint32_t res_id)
 {
-    // The post threads whose size was read, with nothing behind that but opens.
-    static std::uint32_t read[SIM_POSTS];
     if (operation != SIM_OPEN_OSD)
-        read[post] = operation == SIM_THREAD_GET_STATUS ? res_id : 0;
-    else if (read[post] != res_id)
+        sim_read[post] = 0;
+    else if (sim_read[post] != res_id)
         sim_breach(operation, "resource ID 0x%08X: without thread_get_status before it", res_id);
 }
 

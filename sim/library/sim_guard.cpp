@@ -181,6 +181,35 @@ static bool sim_put_touch(sim_line *line, std::uint32_t post, std::uint32_t numb
     return true;
 }
 
+static bool sim_is_mapped_at(const void *map, std::size_t size, const std::uint8_t *address)
+{
+    const auto *first = static_cast<const std::uint8_t *>(map);
+    return map && address >= first && address < first + sim_pages_of(size);
+}
+
+// Tells which file of the folder has been cut off below its mapping, if it is one of those.
+static void sim_tell_cut(const std::uint8_t *address)
+{
+    sim_line line = {};
+    sim_put(&line, "qm5sim: ");
+    const std::size_t head = line.length;
+    if (sim_is_mapped_at(sim, sizeof *sim, address))
+        sim_put(&line, "state");
+    for (std::uint32_t i = 0; i < SIM_POSTS * SIM_OSDS; i++) {
+        const sim_memory *memory = sim_get_memory(i / SIM_OSDS, i % SIM_OSDS);
+        if (!sim_is_mapped_at(memory->shown, memory->guarded.size, address))
+            continue;
+        sim_put(&line, "post");
+        sim_put_number(&line, i / SIM_OSDS, 10);
+        sim_put(&line, "-osd");
+        sim_put_number(&line, i % SIM_OSDS, 10);
+    }
+    if (line.length == head)
+        return;
+    sim_put(&line, ": somebody has cut off the file, and the server ends\n");
+    sim_tell_line(line.text, line.length);
+}
+
 static char sim_breaches[SIM_PATH_SIZE]; // the file, for a handler can't put its path together
 static struct sigaction sim_before[2];   // of SIGSEGV and SIGBUS
 static constexpr int sim_signals[2] = {SIGSEGV, SIGBUS};
@@ -210,6 +239,8 @@ static void sim_meet_signal(int signal, siginfo_t *info, void *context)
             sim_put_touch(&line, post, number, address);
     }
     if (line.length == 0) {
+        if (signal == SIGBUS && info->si_code > 0)
+            sim_tell_cut(address);
         sim_pass_on(signal, info, context);
     } else {
         sim_tell_breach(line.text, line.length);

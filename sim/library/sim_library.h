@@ -104,8 +104,9 @@ void sim_wait_out(const sim_wait *wait);
 // runs.
 [[gnu::format(printf, 2, 3)]] void sim_breach(sim_operation operation, const char *format, ...);
 
-// Tells the line of a breach on stderr, and counts it if the library is up; appends it to a file,
-// false with errno. A signal handler may call both.
+// Tells a line on stderr; that of a breach is counted too if the library is up; appends it to a
+// file, false with errno. A signal handler may call all three.
+void sim_tell_line(const char *line, std::size_t length);
 void sim_tell_breach(const char *line, std::size_t length);
 bool sim_keep_breach(const char *file, const char *line, std::size_t length);
 
@@ -116,14 +117,19 @@ void sim_check_thread(sim_operation operation);
 void sim_check_zero(sim_operation operation, const char *name, const void *record,
                     std::size_t size);
 
-// Tells what is wrong with a resource ID or a handle that the call's post doesn't know: that it has
-// gone with its post thread is no breach; that the application has closed it, that it is another
-// post's, or that there has never been such a one, is.
+// Was such a resource ID, and such a handle, ever given out? If not, that's a breach.
 void sim_check_res_id(sim_operation operation, std::uint32_t res_id);
+void sim_check_given(sim_operation operation, std::uint32_t res_id, std::uint32_t handle);
+
+// Tells what is wrong with a handle that was given and that the call's post doesn't know: that it
+// has gone with its post thread is no breach; that the application has closed it, or that it is
+// another post's, is.
 void sim_check_handle(sim_operation operation, std::uint32_t handle);
 
-// Follows the calls on a post: an open_osd comes behind a thread_get_status, or another open_osd.
+// Follows the calls on a post: an open_osd comes behind a thread_get_status that has read the size,
+// which is noted, or another open_osd.
 void sim_check_turn(sim_operation operation, std::uint32_t post, std::uint32_t res_id);
+void sim_note_read(std::uint32_t post, std::uint32_t res_id);
 
 // Checks the word that is to hold the handle of an open. It is 0, but for one case that is no
 // breach: a post thread closed and came anew before the application looked, and the word still
@@ -134,9 +140,11 @@ void sim_check_old_handle(sim_operation operation, std::uint32_t word);
 constexpr std::uint32_t SIM_FIRST_RES_ID = 0x50000000;
 constexpr std::uint32_t SIM_FIRST_HANDLE = 0x60000000;
 
-// Remembers the handle of an OSD that has gone without having been closed by the application, which
-// may still hold it; 0: it no longer does. With the lock, if the notification thread runs.
+// Remembers the handle of an OSD that has gone without having been closed by the application, or
+// that it may forget to close, for a failure has told it so. It may still hold it; 0: it no longer
+// does. With the lock, if the notification thread runs.
 void sim_note_gone(std::uint32_t post, std::uint32_t number, std::uint32_t handle);
+bool sim_has_gone(std::uint32_t handle);
 
 // ---- OSD memory ---------------------------------------------------------------------------------
 
@@ -155,7 +163,6 @@ struct sim_memory {
     bool lent;            // the server may write into it: from get_osd_mem to set_osd
     bool equal; // what is drawn is what is shown, unless somebody has written without asking
     std::uint64_t left; // if not: hash of what a set_osd that failed has left there; 0: none
-    bool excused; // a failure that the library told has left it open: the application may forget it
 };
 
 // Opens and closes the memory of an OSD whose entry in the state is filled. -1 with errno for a

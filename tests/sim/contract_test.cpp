@@ -180,7 +180,41 @@ TEST_F(Contract, handles_are_those_given_and_not_closed)
               "qm5sim: breach: clear_osd: handle " + hex(opened.handle) +
                   ": it has been closed\n"
                   "qm5sim: breach: clear_osd: handle 0x00000007: there has never been one\n"
-                  "qm5sim: breach: clear_osd: resource ID 0x00000007: there has never been one\n");
+                  "qm5sim: breach: clear_osd: resource ID 0x00000007: there has never been one\n"
+                  "qm5sim: breach: clear_osd: handle 0x00000007: there has never been one\n");
+    EXPECT_EQ(breach_of([&] { EXPECT_NE(lib_.clear_osd(ids_[0], 0), 0); }),
+              "qm5sim: breach: clear_osd: handle 0x00000000: there has never been one\n");
+}
+
+// Nor does it matter whether the post is there.
+TEST_F(Contract, arguments_are_looked_at_also_if_a_fault_fails_the_call)
+{
+    take_up_faults("1 thread_get_status every fail refused\n2 open_osd every fail gone1\n"
+                   "3 get_osd_mem every fail 0x81E00042\n4 clear_osd every fail gone2\n");
+    const auto call_all = [this](std::uint32_t id) {
+        qm5_cl_post_status status{};
+        status.width = 1;
+        EXPECT_NE(lib_.get_status(id, &status), 0);
+        qm5_cl_osd_mem mem{};
+        mem.size = 1;
+        EXPECT_NE(lib_.get_osd_mem(id, 7, &mem), 0);
+        EXPECT_NE(lib_.clear_osd(id, 7), 0);
+        std::uint32_t handle = 5;
+        std::uint32_t word = 0;
+        const qm5_cl_osd_param param = {4, 16, 1, 3};
+        EXPECT_TRUE(failed(lib_.open_osd(id, &param, &handle, &word, &word), 0x81E00002));
+    };
+    const std::string told =
+        "qm5sim: breach: thread_get_status: status: not all zero before the call\n"
+        "qm5sim: breach: get_osd_mem: mem: not all zero before the call\n"
+        "qm5sim: breach: get_osd_mem: handle 0x00000007: there has never been one\n"
+        "qm5sim: breach: clear_osd: handle 0x00000007: there has never been one\n"
+        "qm5sim: breach: open_osd: handle: 0x00000005 before the call, neither 0 nor gone with its "
+        "post\n"
+        "qm5sim: breach: open_osd: param: OSD number 4, not 0 to 3\n"
+        "qm5sim: breach: open_osd: param: colour type 3, not 0 to 2\n";
+    EXPECT_EQ(breach_of([&] { call_all(ids_[0]); }), told);
+    EXPECT_EQ(breach_of([&] { call_all(0); }), told) << "behind an errno that told of its end";
 }
 
 TEST_F(Contract, handle_that_was_closed_is_known_however_long_ago)
@@ -285,10 +319,10 @@ TEST_F(Contract, write_after_set_is_told_once_and_the_next_one_behind_another_se
         static_cast<char *>(mem.memory)[3] ^= 1;
         EXPECT_EQ(breach_of([&] {
                       EXPECT_EQ(lib_.clear_osd(ids_[0], opened.handle), 0);
-                      EXPECT_EQ(lib_.clear_osd(ids_[0], opened.handle), 0);
+                      borrow(opened);
                       borrow(opened);
                   }),
-                  "qm5sim: breach: clear_osd: handle " + hex(opened.handle) +
+                  "qm5sim: breach: get_osd_mem: handle " + hex(opened.handle) +
                       ": its memory has been written after set_osd\n");
     }
     EXPECT_EQ(lib_.close_osd(ids_[0], opened.handle), 0);
@@ -304,16 +338,18 @@ TEST_F(Contract, drawing_ends_with_a_set_that_fails_too)
     static_cast<char *>(mem.memory)[3] ^= 1;
     EXPECT_EQ(breach_of([&] {
                   EXPECT_TRUE(failed(lib_.set_osd(ids_[0], opened.handle, {0, 0}), 0x81E00042));
-                  EXPECT_EQ(lib_.clear_osd(ids_[0], opened.handle), 0);
+                  borrow(opened);
+                  EXPECT_TRUE(failed(lib_.set_osd(ids_[0], opened.handle, {0, 0}), 0x81E00042));
               }),
               "");
     static_cast<char *>(mem.memory)[3] ^= 1;
     EXPECT_EQ(breach_of([&] {
-                  EXPECT_EQ(lib_.clear_osd(ids_[0], opened.handle), 0);
-                  EXPECT_EQ(lib_.clear_osd(ids_[0], opened.handle), 0);
+                  borrow(opened);
+                  borrow(opened);
               }),
-              "qm5sim: breach: clear_osd: handle " + handle +
+              "qm5sim: breach: get_osd_mem: handle " + handle +
                   ": its memory has been written after set_osd\n");
+    EXPECT_TRUE(failed(lib_.set_osd(ids_[0], opened.handle, {0, 0}), 0x81E00042));
     take_up_faults("");
     EXPECT_EQ(breach_of([&] {
                   EXPECT_EQ(lib_.set_osd(ids_[0], opened.handle, {0, 0}), 0);
@@ -364,19 +400,26 @@ TEST_F(Contract, size_of_a_post_is_read_afresh_before_its_osds_are_opened)
         EXPECT_EQ(lib_.close_osd(ids_[0], each), 0);
     EXPECT_EQ(breach_of([&] { handle = open(0); }), breach) << "a reopen reads it too";
     EXPECT_EQ(lib_.close_osd(ids_[0], handle), 0);
+
+    read_size(ids_[0]);
+    take_up_faults("1 thread_get_status next fail 0x81E00042\n");
+    qm5_cl_post_status status{};
+    EXPECT_TRUE(failed(lib_.get_status(ids_[0], &status), 0x81E00042));
+    EXPECT_EQ(breach_of([&] { handle = open(0); }), breach) << "a reading that fails is none";
+    EXPECT_EQ(lib_.close_osd(ids_[0], handle), 0);
 }
 
-TEST_F(Contract, writes_after_set_are_found_by_clear_and_behind_the_end_of_the_post)
+TEST_F(Contract, writes_after_set_are_found_by_close_and_behind_the_end_of_the_post)
 {
-    const Opened cleared = open_osd(ids_[0], {0, 16, 1, 0});
+    const Opened closed = open_osd(ids_[0], {0, 16, 1, 0});
     const Opened gone = open_osd(ids_[1], {0, 16, 1, 0});
-    qm5_cl_osd_mem mem = borrow(cleared);
-    EXPECT_EQ(lib_.set_osd(ids_[0], cleared.handle, {0, 0}), 0);
+    qm5_cl_osd_mem mem = borrow(closed);
+    EXPECT_EQ(lib_.set_osd(ids_[0], closed.handle, {0, 0}), 0);
     static_cast<char *>(mem.memory)[3] ^= 1;
-    EXPECT_EQ(breach_of([&] { lib_.clear_osd(ids_[0], cleared.handle); }),
-              "qm5sim: breach: clear_osd: handle " + hex(cleared.handle) +
+    EXPECT_EQ(breach_of([&] { lib_.clear_osd(ids_[0], closed.handle); }), "");
+    EXPECT_EQ(breach_of([&] { lib_.close_osd(ids_[0], closed.handle); }),
+              "qm5sim: breach: close_osd: handle " + hex(closed.handle) +
                   ": its memory has been written after set_osd\n");
-    static_cast<char *>(mem.memory)[3] ^= 1;
 
     mem = {};
     EXPECT_EQ(lib_.get_osd_mem(ids_[1], gone.handle, &mem), 0);
@@ -384,8 +427,8 @@ TEST_F(Contract, writes_after_set_are_found_by_clear_and_behind_the_end_of_the_p
     sim_reader::write_size(STATE, 1, 0, 0);
     wait_for_notice(5);
     static_cast<char *>(mem.memory)[3] ^= 1;
-    EXPECT_EQ(breach_of([&] { EXPECT_EQ(lib_.close_osd(ids_[0], cleared.handle), 0); }),
-              "qm5sim: breach: close_osd: handle " + hex(gone.handle) +
+    EXPECT_EQ(breach_of([&] { read_size(ids_[0]); }),
+              "qm5sim: breach: thread_get_status: handle " + hex(gone.handle) +
                   ": its memory has been written after set_osd\n");
 }
 
@@ -422,10 +465,10 @@ TEST_F(Contract, bytes_before_the_memory_and_in_its_last_word_are_nobodys)
     }
     memory[7] = 0;
     EXPECT_EQ(breach_of([&] {
-                  lib_.clear_osd(ids_[0], opened.handle);
+                  lib_.set_osd(ids_[0], opened.handle, {0, 0});
                   lib_.close_osd(ids_[0], opened.handle);
               }),
-              "qm5sim: breach: clear_osd: handle " + hex(opened.handle) +
+              "qm5sim: breach: set_osd: handle " + hex(opened.handle) +
                   ": byte 1 behind its memory has been written\n");
 }
 
@@ -630,6 +673,18 @@ TEST_F(DownContract, callback_comes_once_and_posts_only_behind_set_notify)
     EXPECT_EQ(captured_stderr(), expected);
     EXPECT_EQ(breaches(), expected);
     EXPECT_EQ(lib_.set_notify(15), 0);
+    EXPECT_EQ(lib_.close_device(), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(failed(lib_.clear_osd(1, 2), order));
+    EXPECT_EQ(lib_.library_exit(), 0);
+    EXPECT_TRUE(failed(lib_.clear_osd(1, 2), order));
+    const std::string behind = "qm5sim: breach: clear_osd: behind close_device\n";
+    EXPECT_EQ(captured_stderr(), behind + behind);
+    ASSERT_EQ(lib_.library_init(), 0);
+    ASSERT_EQ(lib_.open_device(), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(failed(lib_.clear_osd(1, 2), order));
+    EXPECT_EQ(captured_stderr(), "qm5sim: breach: clear_osd: before set_notify\n");
     take_down();
 }
 
@@ -705,6 +760,26 @@ TEST_F(DownContract, write_after_set_is_told_by_the_end_of_the_process_at_the_la
                     "after set_osd\n"
                     "qm5sim: breach: close_device: post 1, OSD 3, handle 0x60000005: left open\n");
     EXPECT_EQ(breaches(), told);
+}
+
+// A cut off file can't be written to through its mapping.
+TEST_F(DownContract, file_that_is_cut_off_is_named_before_that_ends_the_process)
+{
+    for (const char *file : {"post2-osd3", "state"}) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(signal_of([this, file] {
+                      std::signal(SIGBUS, SIG_DFL); // a sanitizer would have it
+                      const std::uint32_t id = bring_up_with_posts()[2];
+                      const Opened opened = open_osd(id, {3, 720, 28, 0});
+                      qm5_cl_osd_mem mem{};
+                      lib_.get_osd_mem(id, opened.handle, &mem);
+                      fs::resize_file(std::string(STATE) + '/' + file, 0);
+                      lib_.set_osd(id, opened.handle, {0, 0});
+                  }),
+                  SIGBUS);
+        EXPECT_EQ(captured_stderr(), std::string("qm5sim: ") + file +
+                                         ": somebody has cut off the file, and the server ends\n");
+    }
 }
 
 TEST_F(DownContract, process_with_no_osd_may_end_with_the_device_open)

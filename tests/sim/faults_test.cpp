@@ -395,6 +395,51 @@ TEST_F(Faults, what_a_failure_has_left_open_is_no_breach)
     EXPECT_FALSE(fs::exists(std::string(STATE) + "/breaches"));
 }
 
+// Who goes on with an OSD hasn't forgotten it.
+TEST_F(Faults, what_a_failure_has_left_open_and_is_in_use_again_is_a_breach)
+{
+    const std::vector<std::uint32_t> ids =
+        bring_up_with("1 close_osd every fail 0x81E00042\n2 open_osd 3 fail refused\n");
+    const qm5_cl_osd_param param = {0, 64, 2, 0};
+    const Opened kept = open_osd(ids[0], param);
+    const Opened other = open_osd(ids[1], param);
+    const Opened lost = {};
+    std::uint32_t handle = 0;
+    std::uint32_t word = 0;
+    EXPECT_TRUE(
+        failed(lib_.open_osd(ids[1], &param, &handle, &word, &word), QM5_CL_ERROR_OPEN_REFUSED));
+    EXPECT_TRUE(failed(lib_.close_osd(ids[0], kept.handle), 0x81E00042));
+    EXPECT_EQ(lib_.clear_osd(ids[0], kept.handle), 0);
+    qm5_cl_osd_mem mem{};
+    EXPECT_EQ(lib_.get_osd_mem(ids[1], other.handle, &mem), 0);
+    testing::internal::CaptureStderr();
+    read_size(ids[0]);
+    EXPECT_NE(lib_.open_osd(ids[0], &param, &handle, &word, &word), 0);
+    EXPECT_EQ(handle, lost.handle);
+    take_down();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "qm5sim: breach: open_osd: param: OSD 0 of post 0 is open\n"
+              "qm5sim: breach: close_device: post 0, OSD 0, handle " +
+                  hex(kept.handle) +
+                  ": left open\nqm5sim: breach: close_device: post 1, OSD 0, handle " +
+                  hex(other.handle) + ": left open\n");
+}
+
+// Not the application's own mistakes, which it need not have noticed.
+TEST_F(Faults, close_of_another_post_excuses_nothing)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with("");
+    const Opened left = open_osd(ids[0], {0, 64, 2, 0});
+    testing::internal::CaptureStderr();
+    EXPECT_NE(lib_.close_osd(ids[1], left.handle), 0);
+    EXPECT_NE(lib_.close_osd(0, left.handle), 0);
+    take_down();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "qm5sim: breach: close_osd: handle " + hex(left.handle) +
+                  ": it is another post's\nqm5sim: breach: close_device: post 0, OSD 0, handle " +
+                  hex(left.handle) + ": left open\n");
+}
+
 // Such a failure tells the application nothing of the post, and the OSDs remain its own.
 TEST_F(Faults, open_that_fails_for_another_reason_excuses_nothing)
 {
