@@ -33,6 +33,9 @@ protected:
         return found;
     }
 
+    // The executable as it is delivered differs from the one in the staged tree by its run path.
+    const std::string delivered_ = QM5OSD_DELIVERED;
+    const std::string recorder_ = QM5SIM_RECORDER;
     const std::string staged_library_ = std::string(QM5OSD_STAGE) + "/osd/lib/" + LIBRARY;
 };
 
@@ -56,13 +59,15 @@ TEST_F(Delivery, staged_executable_finds_the_library_beside_it)
 #ifndef QM5OSD_SANITIZED
 TEST_F(Delivery, needs_libc_freetype_and_the_codec_library_alone)
 {
-    EXPECT_EQ(dynamic_entries(executable_, "NEEDED"),
-              (Set{"libc.so.6", "libfreetype.so.6", LIBRARY}));
+    for (const std::string &file : {delivered_, executable_})
+        EXPECT_EQ(dynamic_entries(file, "NEEDED"), (Set{"libc.so.6", "libfreetype.so.6", LIBRARY}))
+            << file;
 }
 
-TEST_F(Delivery, simulated_library_needs_libc_alone)
+TEST_F(Delivery, simulated_library_and_recorder_need_libc_alone)
 {
-    EXPECT_EQ(dynamic_entries(staged_library_, "NEEDED"), Set{"libc.so.6"});
+    for (const std::string &file : {staged_library_, recorder_})
+        EXPECT_EQ(dynamic_entries(file, "NEEDED"), Set{"libc.so.6"}) << file;
 }
 
 TEST_F(Delivery, stripped_executable_is_small)
@@ -72,8 +77,10 @@ TEST_F(Delivery, stripped_executable_is_small)
 #else
     constexpr std::uintmax_t LIMIT = 100 * 1024;
 #endif
-    ASSERT_EQ(run({STRIP_PROGRAM, "-o", "/tmp/stripped", executable_}).status, 0);
-    EXPECT_LT(fs::file_size("/tmp/stripped"), LIMIT);
+    for (const std::string &file : {delivered_, executable_}) {
+        ASSERT_EQ(run({STRIP_PROGRAM, "-o", "/tmp/stripped", file}).status, 0);
+        EXPECT_LT(fs::file_size("/tmp/stripped"), LIMIT) << file;
+    }
     fs::remove("/tmp/stripped");
 }
 #endif
@@ -113,7 +120,7 @@ TEST_F(Delivery, library_exports_the_twelve_operations_and_nothing_else)
 #if defined(__arm__)
 TEST_F(Delivery, has_no_instruction_that_the_appliance_has_not)
 {
-    for (const std::string &file : {executable_, staged_library_}) {
+    for (const std::string &file : {delivered_, executable_, staged_library_, recorder_}) {
         const std::string text = run({"/usr/bin/readelf", "-A", file}).out;
         const auto attribute = [&text](const std::string &name) {
             std::smatch found;

@@ -1,14 +1,10 @@
-// The service script and the unit, on the paths that they have on the appliance; and commands that
-// run at the same time under a lock.
-#include "support/appliance.h"
-#include "support/application.h"
-#include "support/files.h"
+// The service script, and the lines of systemd's files by themselves, on the paths that they have
+// on the appliance; and commands that run at the same time under a lock.
+#include "service.h"
 
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
 #include <fstream>
-#include <optional>
 #include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,7 +12,6 @@
 namespace
 {
 
-namespace fs = std::filesystem;
 using support::APPLIANCE_LOG;
 using support::APPLIANCE_PROGRAM;
 using support::APPLIANCE_SAVED;
@@ -24,100 +19,12 @@ using support::APPLIANCE_SERVICE;
 using support::Ended;
 using support::read_file;
 using support::run;
+using support::Service;
 using support::Words;
 using support::write_file;
+namespace fs = std::filesystem;
 
 const std::string PACKAGING = QM5OSD_PACKAGING;
-
-class Service : public support::ApplicationTest
-{
-protected:
-    void SetUp() override
-    {
-        ApplicationTest::SetUp();
-        executable_ = APPLIANCE_PROGRAM;
-        appliance_.emplace();
-        if (HasFailure())
-            return;
-        fs::create_directory(state_);
-    }
-    void TearDown() override
-    {
-        ApplicationTest::TearDown();
-        appliance_.reset();
-    }
-
-    static Ended service(const std::string &word)
-    {
-        return run({APPLIANCE_SERVICE, word});
-    }
-
-    // What a command says with no failure.
-    static void expect_good(const Ended &ended, const std::string &out = "")
-    {
-        EXPECT_EQ(ended.status, 0);
-        EXPECT_EQ(ended.out, out);
-        EXPECT_EQ(ended.err, "");
-    }
-
-    void sim(const Words &words) const
-    {
-        Words all = {QM5SIM_PROGRAM};
-        all.insert(all.end(), words.begin(), words.end());
-        EXPECT_EQ(run(all).status, 0);
-    }
-
-    // Then the script can't see which executable a process runs.
-    static bool is_emulated()
-    {
-        return getenv("QEMU_LD_PREFIX") != nullptr;
-    }
-
-    pid_t server() const
-    {
-        const std::vector<pid_t> servers = support::processes_of(executable_);
-        if (servers.size() != 1) // a signal to -1 would reach everything
-            throw std::runtime_error(std::to_string(servers.size()) + " servers run");
-        return servers[0];
-    }
-
-    // The value of a key in force.
-    static std::string in_force(const std::string &key)
-    {
-        std::istringstream lines(read_file("/tmp/osd_tmp_param.txt"));
-        for (std::string line; std::getline(lines, line);) {
-            if (line.starts_with(key + '='))
-                return line.substr(key.size() + 1);
-        }
-        return "there is no " + key;
-    }
-
-    // Shorter waits than the script's own, for those that have to come to their end.
-    static void set_limit(int seconds)
-    {
-        write_file(support::APPLIANCE_SETTINGS, "limit=" + std::to_string(seconds) + '\n');
-    }
-
-    // What a server that didn't stop by itself leaves.
-    static void remove_traces()
-    {
-        for (const char *name :
-             {"osd_fifo_req", "osd_fifo_ack", "osd_tmp_param.txt", "osd_tmp_param.bak"})
-            fs::remove(std::string("/tmp/") + name);
-    }
-
-    static void expect_killed_by_stop()
-    {
-        set_limit(2);
-        const Ended stopped = service("stop");
-        EXPECT_EQ(stopped.status, 0);
-        EXPECT_EQ(stopped.err, "qm5osd: the server didn't stop within 2 seconds and is killed\n");
-        EXPECT_EQ(service("status").status, 3);
-        remove_traces();
-    }
-
-    std::optional<support::Appliance> appliance_;
-};
 
 // ---- The script ---------------------------------------------------------------------------------
 
@@ -143,6 +50,31 @@ TEST_F(Service, status_is_that_of_an_init_script)
     EXPECT_EQ(unknown.out, "qm5osd: /opt/qm5/osd/bin/qm5osd: it can't be asked\n");
 }
 
+TEST_F(Service, status_is_not_told_to_those_who_cant_ask_the_server)
+{
+    expect_good(service("start"));
+    // To root without its power over files it is as if they were another's.
+    fs::permissions("/tmp/osd_fifo_req", fs::perms::owner_read);
+    const Ended status =
+        run({"/usr/bin/setpriv", "--bounding-set=-all", APPLIANCE_SERVICE, "status"});
+    EXPECT_EQ(status.status, 4);
+    EXPECT_EQ(status.out,
+              "qm5osd: /tmp/osd_fifo_req: only the server's user can tell whether one runs\n");
+    expect_good(service("stop"));
+}
+
+TEST_F(Service, nobody_but_root_may_change_anything)
+{
+    put_first_in_path("id", "echo 1000");
+    for (const std::string word : {"start", "stop", "restart", "save"}) {
+        const Ended ended = service(word);
+        EXPECT_EQ(ended.status, 4);
+        EXPECT_EQ(ended.err, "qm5osd: " + word + ": only root may do that\n");
+    }
+    EXPECT_EQ(service("status").status, 3);
+    EXPECT_FALSE(fs::exists(support::APPLIANCE_LOCK));
+}
+
 std::string link_of(pid_t pid, const std::string &name)
 {
     std::error_code none;
@@ -152,12 +84,14 @@ std::string link_of(pid_t pid, const std::string &name)
 TEST_F(Service, server_keeps_nothing_of_the_terminal_that_started_it)
 {
     // A pipe that a server holds keeps its reader for ever.
-    const Ended started = run({"/bin/sh", "-c", std::string(APPLIANCE_SERVICE) + " start | cat"});
+    const Ended started =
+        run({"/bin/sh", "-c", std::string("cd /opt && ") + APPLIANCE_SERVICE + " start | cat"});
     expect_good(started);
     const pid_t pid = server();
     EXPECT_EQ(link_of(pid, "fd/0"), "/dev/null");
     EXPECT_EQ(link_of(pid, "fd/1"), APPLIANCE_LOG);
     EXPECT_EQ(link_of(pid, "fd/2"), APPLIANCE_LOG);
+    EXPECT_EQ(link_of(pid, "cwd"), "/");
     EXPECT_NE(getsid(pid), getsid(0));
     const fs::path lock = fs::canonical(support::APPLIANCE_LOCK);
     for (const auto &entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd"))
@@ -242,6 +176,19 @@ TEST_F(Service, save_that_fails_leaves_what_was_saved_before)
     expect_good(service("stop"));
 }
 
+TEST_F(Service, save_waits_for_a_disk_no_longer_than_the_limit)
+{
+    expect_good(service("start"));
+    set_limit(1);
+    put_first_in_path("sync", "exec sleep 60");
+    const Ended saved = service("save");
+    EXPECT_EQ(saved.status, 1);
+    EXPECT_EQ(saved.err, "qm5osd: /opt/qm5/conf/saved.conf.new: it wasn't written whole\n");
+    EXPECT_FALSE(fs::exists(APPLIANCE_SAVED));
+    set_limit(20);
+    expect_good(service("stop"));
+}
+
 TEST_F(Service, save_keeps_bytes_that_are_no_characters)
 {
     expect_good(service("start"));
@@ -300,7 +247,7 @@ TEST_F(Service, saved_parameters_that_end_the_server_are_left_out)
     const Ended started = service("start");
     EXPECT_EQ(started.status, 0);
     EXPECT_EQ(started.err, "qm5osd: /opt/qm5/conf/saved.conf: no server came up with it, so one is "
-                           "started without it; see /var/log/qm5osd.log.old\n");
+                           "started without it; see /var/log/qm5osd.log.failed\n");
     EXPECT_EQ(in_force("Post0Rectangle0On"), "0");
     expect_good(service("stop"));
     while (waitpid(-1, nullptr, WNOHANG) > 0)
@@ -313,15 +260,27 @@ TEST_F(Service, start_fails_if_no_server_comes_up)
     sim({"fault", "add", "open_device", "every", "fail", "1"});
     const Ended started = service("start");
     EXPECT_EQ(started.status, 7);
-    EXPECT_EQ(started.err, "qm5osd: no server came up; see /var/log/qm5osd.log\n");
-    EXPECT_NE(read_file(APPLIANCE_LOG).find("qm5_cl_sys_open_device() failed"), std::string::npos);
+    EXPECT_EQ(started.err, "qm5osd: no server came up; see /var/log/qm5osd.log.failed\n");
+    EXPECT_NE(
+        read_file(std::string(APPLIANCE_LOG) + ".failed").find("qm5_cl_sys_open_device() failed"),
+        std::string::npos);
     EXPECT_EQ(service("status").status, 3);
+    remove_traces();
+}
+
+TEST_F(Service, starts_that_fail_keep_the_log_of_the_server_before)
+{
+    write_file(APPLIANCE_LOG, "why it ended\n");
+    sim({"fault", "add", "open_device", "every", "fail", "1"});
+    for (int time = 0; time < 3; time++)
+        EXPECT_EQ(service("start").status, 7);
+    EXPECT_EQ(read_file(std::string(APPLIANCE_LOG) + ".old"), "why it ended\n");
     remove_traces();
 }
 
 TEST_F(Service, server_that_takes_long_to_come_up_is_waited_for)
 {
-    if (is_emulated())
+    if (support::is_emulated())
         GTEST_SKIP() << "an emulator hides the server from the script";
     write_file(APPLIANCE_SAVED, "[osd]\nPost3TypeOn=1\n");
     sim({"fault", "add", "open_device", "every", "delay", "4000"});
@@ -363,7 +322,7 @@ TEST_F(Service, start_tells_of_a_server_that_takes_too_long_for_what_was_saved)
 
 TEST_F(Service, server_that_does_not_stop_is_killed)
 {
-    if (is_emulated())
+    if (support::is_emulated())
         GTEST_SKIP() << "an emulator hides the server from the script";
     expect_good(service("start"));
     kill(server(), SIGSTOP);
@@ -372,7 +331,7 @@ TEST_F(Service, server_that_does_not_stop_is_killed)
 
 TEST_F(Service, server_of_a_replaced_file_is_killed_too)
 {
-    if (is_emulated())
+    if (support::is_emulated())
         GTEST_SKIP() << "an emulator hides the server from the script";
     expect_good(service("start"));
     kill(server(), SIGSTOP);
@@ -413,7 +372,7 @@ TEST_F(Service, two_at_once_come_one_after_the_other)
     expect_good(service("stop"));
 }
 
-// ---- systemd ------------------------------------------------------------------------------------
+// ---- The unit -----------------------------------------------------------------------------------
 
 // The words of a line of the unit, as ExecStart.
 Words unit_words(const std::string &name)
@@ -449,32 +408,21 @@ TEST_F(Service, failed_start_is_no_success_to_the_unit)
     remove_traces();
 }
 
-bool is_there(const char *program)
-{
-    return access(program, X_OK) == 0;
-}
-
 TEST_F(Service, unit_has_no_fault_of_form)
 {
-    constexpr const char *ANALYZE = "/usr/bin/systemd-analyze";
-    if (!is_there(ANALYZE))
-        GTEST_SKIP() << "this machine has no systemd";
-    const Ended ended = run(
-        {ANALYZE, "verify", "--man=no", "--recursive-errors=no", PACKAGING + "/qm5osd.service"});
+    const Ended ended = run({"/usr/bin/systemd-analyze", "verify", "--man=no",
+                             "--recursive-errors=no", PACKAGING + "/qm5osd.service"});
     EXPECT_EQ(ended.status, 0);
     EXPECT_EQ(ended.out + ended.err, "");
 }
 
 TEST_F(Service, systemd_leaves_the_servers_temporary_files_alone)
 {
-    constexpr const char *TMPFILES = "/usr/bin/systemd-tmpfiles";
-    if (!is_there(TMPFILES))
-        GTEST_SKIP() << "this machine has no systemd";
     expect_good(service("start"));
     // Everything in the temporary folder is old enough to go.
     write_file("/opt/all.conf", "D /tmp 1777 root root 0\n");
     write_file("/tmp/another", "");
-    run({TMPFILES, "--clean", PACKAGING + "/qm5osd.tmpfiles", "/opt/all.conf"});
+    run({"/usr/bin/systemd-tmpfiles", "--clean", PACKAGING + "/qm5osd.tmpfiles", "/opt/all.conf"});
     EXPECT_FALSE(fs::exists("/tmp/another"));
     EXPECT_EQ(service("status").status, 0);
     EXPECT_EQ(tool({"update", "--Post0TypeOn=1"}).status, 0);
@@ -534,7 +482,7 @@ TEST_F(Service, components_put_everything_in_its_place)
                             "share/bash-completion/completions/qm5sim", "share/man/man1/qm5osd.1",
                             "share/man/man1/qm5sim.1", "share/man/man5/qm5_app_comm.conf.5",
                             "share/qm5osd/qm5osd.schema.json"}));
-    EXPECT_TRUE(is_there("/opt/new/osd/bin/qm5osd-service"));
+    EXPECT_EQ(access("/opt/new/osd/bin/qm5osd-service", X_OK), 0);
 }
 
 } // namespace

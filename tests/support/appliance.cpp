@@ -5,7 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <ranges>
 #include <sys/mount.h>
+#include <vector>
 
 namespace support
 {
@@ -15,17 +17,21 @@ namespace fs = std::filesystem;
 namespace
 {
 
-// Folders that are covered; the one of locks may be a link.
-constexpr const char *FOLDERS[] = {"/opt", "/etc/default", "/var/log", "/var/lock"};
+// Folders that are covered; the one of locks may be a link to one below /run, where it has to be
+// made first. In an empty /run no systemd of this machine is found.
+constexpr const char *FOLDERS[] = {"/run", "/opt", "/etc/default", "/var/log", "/var/lock"};
 
 } // namespace
 
 Appliance::Appliance()
 {
-    for (const char *folder : FOLDERS) {
-        const fs::path place = fs::canonical(folder);
+    std::vector<fs::path> places;
+    for (const char *folder : FOLDERS)
+        places.push_back(fs::canonical(folder));
+    for (const fs::path &place : places) {
+        fs::create_directories(place);
         if (mount("none", place.c_str(), "tmpfs", 0, "mode=0755") != 0) {
-            std::fprintf(stderr, "appliance: %s: %s\n", folder, std::strerror(errno));
+            std::fprintf(stderr, "appliance: %s: %s\n", place.c_str(), std::strerror(errno));
             std::exit(2);
         }
     }
@@ -40,7 +46,7 @@ Appliance::Appliance()
 Appliance::~Appliance()
 {
     unsetenv("LD_LIBRARY_PATH");
-    for (const char *folder : FOLDERS)
+    for (const char *folder : FOLDERS | std::views::reverse)
         umount2(fs::canonical(folder).c_str(), MNT_DETACH);
 }
 

@@ -14,8 +14,8 @@ constexpr const char *APPLIANCE_LOCK = "/var/lock/qm5osd.lock";
 constexpr const char *APPLIANCE_SETTINGS = "/etc/default/qm5osd";
 
 // As long as it lives, the private world of this test program has the application and its service
-// script in /opt/qm5, the simulated codec as the system's own, and empty folders for logs, locks
-// and settings. What can't be had ends the program with a message.
+// script in /opt/qm5, the simulated codec as the system's own, and empty folders for logs, locks,
+// settings and what runs. What can't be had ends the program with a message.
 class Appliance
 {
 public:
