@@ -86,14 +86,6 @@ protected:
         write_file(APPLIANCE_SETTINGS, "limit=" + std::to_string(seconds) + '\n');
     }
 
-    // What a server that didn't stop by itself leaves.
-    static void remove_traces()
-    {
-        for (const char *name :
-             {"osd_fifo_req", "osd_fifo_ack", "osd_tmp_param.txt", "osd_tmp_param.bak"})
-            std::filesystem::remove(std::string("/tmp/") + name);
-    }
-
     // Has the script and what it calls run a few lines of the shell in a command's place.
     void put_first_in_path(const std::string &command, const std::string &lines) const
     {
@@ -111,7 +103,6 @@ protected:
         EXPECT_EQ(stopped.status, 0);
         EXPECT_EQ(stopped.err, "qm5osd: the server didn't stop within 2 seconds and is killed\n");
         EXPECT_EQ(service("status").status, 3);
-        remove_traces();
     }
 
     const std::string path_ = getenv("PATH");

@@ -265,7 +265,7 @@ TEST_F(Service, start_fails_if_no_server_comes_up)
         read_file(std::string(APPLIANCE_LOG) + ".failed").find("qm5_cl_sys_open_device() failed"),
         std::string::npos);
     EXPECT_EQ(service("status").status, 3);
-    remove_traces();
+    expect_good(service("stop"));
 }
 
 TEST_F(Service, starts_that_fail_keep_the_log_of_the_server_before)
@@ -275,7 +275,7 @@ TEST_F(Service, starts_that_fail_keep_the_log_of_the_server_before)
     for (int time = 0; time < 3; time++)
         EXPECT_EQ(service("start").status, 7);
     EXPECT_EQ(read_file(std::string(APPLIANCE_LOG) + ".old"), "why it ended\n");
-    remove_traces();
+    expect_good(service("stop"));
 }
 
 TEST_F(Service, server_that_takes_long_to_come_up_is_waited_for)
@@ -358,7 +358,7 @@ TEST_F(Service, stop_and_restart_fail_if_a_server_cant_be_ended)
     }
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
-    remove_traces();
+    expect_good(service("stop"));
 }
 
 TEST_F(Service, two_at_once_come_one_after_the_other)
@@ -405,7 +405,7 @@ TEST_F(Service, failed_start_is_no_success_to_the_unit)
     const Ended started = run(unit_words("ExecStart"));
     EXPECT_NE(started.status, 0);
     EXPECT_NE(unit_words("SuccessExitStatus"), Words{std::to_string(started.status)});
-    remove_traces();
+    expect_good(service("stop"));
 }
 
 TEST_F(Service, unit_has_no_fault_of_form)

@@ -115,9 +115,8 @@ protected:
     }
     void TearDown() override
     {
-        EXPECT_EQ(systemctl("stop").status, 0);
+        EXPECT_EQ(service("stop").status, 0);
         manager_.reset();
-        remove_traces();
         Service::TearDown();
     }
 
