@@ -15,10 +15,11 @@ function(put_file from folder)
     file(INSTALL ${from} DESTINATION ${root}/${folder} ${ARGN})
 endfunction()
 
-# Manuals and change logs lie packed, without a time in them.
+# Manuals and change logs lie packed, without a time in them and whatever rights the sources have.
 function(put_packed from folder name)
     file(MAKE_DIRECTORY ${root}/${folder})
-    configure_file(${from} ${root}/${folder}/${name} COPYONLY)
+    configure_file(${from} ${root}/${folder}/${name} COPYONLY
+        FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
     run(gzip -9nf ${root}/${folder}/${name})
 endfunction()
 
