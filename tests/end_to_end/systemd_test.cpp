@@ -62,11 +62,15 @@ public:
         unsetenv("XDG_RUNTIME_DIR");
     }
 
+    // In a container of somebody else's there may be none, and so no manager.
+    bool has_group() const
+    {
+        return mounted_;
+    }
+
     // A failure tells why there is none.
     testing::AssertionResult is_up()
     {
-        if (!mounted_)
-            return testing::AssertionFailure() << GROUPS << ": no control group can be made";
         if (wait_until([] { return ask({"is-active", "basic.target"}).status == 0; }))
             return testing::AssertionSuccess();
         kill(process_->pid(), SIGKILL);
@@ -111,6 +115,8 @@ protected:
             return;
         put_first_in_path("systemctl", "exec /usr/bin/systemctl --user \"$@\"");
         manager_.emplace();
+        if (!manager_->has_group())
+            GTEST_SKIP() << "no control group can be made here";
         ASSERT_TRUE(manager_->is_up());
     }
     void TearDown() override
