@@ -5,7 +5,7 @@
 #include "quoting.h"
 #include "secrets.h"
 #include "server/channel.h"
-#include "sim_state.h"
+#include "sim_calls.h"
 #include "state_reader.h"
 
 #include <algorithm>
@@ -104,7 +104,7 @@ std::vector<std::string> Application::words_of(const Task &task) const
 
 std::string Application::command_of(const Task &task) const
 {
-    return quote_words(words_of(task));
+    return quote_command(folder_, words_of(task));
 }
 
 std::optional<Done> Application::run(const std::vector<std::string> &words)
@@ -112,7 +112,7 @@ std::optional<Done> Application::run(const std::vector<std::string> &words)
     const std::optional<Finished> finished = run_child(words, "", RUN_PATIENCE, stop_);
     if (!finished)
         return std::nullopt;
-    return Done{quote_words(words), *finished};
+    return Done{quote_command(folder_, words), *finished};
 }
 
 std::optional<Done> Application::run(const Task &task)
@@ -153,8 +153,9 @@ std::optional<Application::Saved> Application::save()
 fs::path page_file(const fs::path &folder, const std::string &text, const char *suffix)
 {
     std::ostringstream name;
-    name << "page-" << std::hex << std::setw(8) << std::setfill('0')
-         << sim_hash(text.data(), text.size(), "", 0) << suffix;
+    const auto *const bytes = reinterpret_cast<const std::uint8_t *>(text.data());
+    name << "page-" << std::hex << std::setw(16) << std::setfill('0')
+         << sim_hash_shown(bytes, text.size()) << suffix;
     return folder / name.str();
 }
 

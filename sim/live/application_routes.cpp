@@ -13,6 +13,8 @@ namespace live
 namespace
 {
 
+constexpr const char *HAS_ENDED = "application: qm5sim serve has ended without waiting for it";
+
 bool is_key(const std::string &text)
 {
     return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
@@ -151,7 +153,7 @@ void run_application(Call &call)
     }
     const std::optional<Done> done = call.site.application.run(task);
     if (!done)
-        throw ApiError(409, "application: the server ends");
+        throw ApiError(409, HAS_ENDED);
     call.site.watcher.look();
     const Finished &finished = done->finished;
     send_json(call, {{"command", done->command},
@@ -166,7 +168,7 @@ void send_parameter_file(Call &call)
 {
     const std::optional<Application::Saved> saved = call.site.application.save();
     if (!saved)
-        throw ApiError(409, "application: the server ends");
+        throw ApiError(409, HAS_ENDED);
     if (!saved->good)
         throw ApiError(409, saved->text);
     call.response.set_header("Content-Disposition", "attachment; filename=\"qm5_app_comm.conf\"");
@@ -180,7 +182,7 @@ void compare(Call &call)
         throw ApiError(400, "file: no text");
     const std::optional<Json> compared = compare_parameters(*file, call.site.stop);
     if (!compared)
-        throw ApiError(409, "application: the server ends");
+        throw ApiError(409, HAS_ENDED);
     send_json(call, *compared);
 }
 

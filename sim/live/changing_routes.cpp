@@ -22,9 +22,9 @@ typedef std::vector<std::string> Words;
 // Answers with the command that does the same, once the change can be seen.
 void send_command(Call &call, const Words &words, Json answer = Json::object())
 {
-    Words all = {"qm5sim"};
+    Words all = {own_program()};
     all.insert(all.end(), words.begin(), words.end());
-    answer["command"] = quote_words(all);
+    answer["command"] = quote_command(call.site.folder, all);
     call.site.watcher.look();
     send_json(call, answer);
 }

@@ -3,6 +3,7 @@
 #include "addresses.h"
 #include "guards.h"
 #include "http_server.h"
+#include "quoting.h"
 #include "routes.h"
 #include "secrets.h"
 
@@ -145,13 +146,16 @@ void serve(const Options &options)
 {
     const fs::path folder = fs::absolute(options.folder);
     const fs::path log = options.log.empty() ? folder / "server.log" : fs::absolute(options.log);
-    setenv("QM5SIM_STATE", folder.c_str(), 1);         // the application works on the same codec
+    setenv("QM5SIM_STATE", folder.c_str(), 1); // the application works on the same codec
+    const bool is_in_path = options.program.find('/') == std::string::npos;
+    const std::string program =
+        is_in_path ? options.program : fs::absolute(options.program).string();
     const sim_reader::Descriptor stop(open_signals()); // before any thread begins
     const std::string address = options.address == "localhost" ? "127.0.0.1" : options.address;
 
     HttpServer server(address, options.port, HEADERS);
     const Guards guards(is_loopback(address), server.port(), options.token);
-    Application application(options.program, folder, log, stop.get());
+    Application application(program, folder, log, stop.get());
     Frames frames;
     EventHub hub;
     Watcher watcher(folder, log, frames, hub);
@@ -159,7 +163,8 @@ void serve(const Options &options)
               watcher, hub};
     const Door door(site, guards);
 
-    std::cout << url_of(address, server.port()) << std::endl;
+    std::cout << url_of(address, server.port())
+              << "\nexport QM5SIM_STATE=" << quote_words({folder.string()}) << std::endl;
     server.run(
         {[&door](const auto &request, auto &response) { return door.admit(request, response); },
          [&door](const auto &request, const std::string &body, auto &response) {

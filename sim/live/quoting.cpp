@@ -49,4 +49,16 @@ std::string quote_words(const std::vector<std::string> &words)
     return line;
 }
 
+std::string quote_command(const std::filesystem::path &folder,
+                          const std::vector<std::string> &words)
+{
+    return "QM5SIM_STATE=" + quote(folder.string()) + ' ' + quote_words(words);
+}
+
+const std::string &own_program()
+{
+    static const std::string file = std::filesystem::read_symlink("/proc/self/exe");
+    return file;
+}
+
 } // namespace live

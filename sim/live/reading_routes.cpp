@@ -5,7 +5,6 @@
 #include "parameters.h"
 #include "sim_reader.h"
 
-#include <charconv>
 #include <filesystem>
 #include <memory>
 
@@ -83,37 +82,7 @@ void send_parameters(Call &call)
     send_json(call, describe_parameters());
 }
 
-// ---- Calls and events ---------------------------------------------------------------------------
-
-constexpr std::uint64_t CALLS_ASKED_FOR = 200;
-constexpr std::uint64_t MOST_CALLS = 500;
-
-// A number of the query, 0 if it isn't there.
-std::uint64_t number_of(const Call &call, const char *name)
-{
-    if (!call.request.has_param(name))
-        return 0;
-    const std::string text = call.request.get_param_value(name);
-    std::uint64_t number = 0;
-    const char *const end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc{} || stop != end)
-        throw ApiError(400, std::string(name) + ": no number");
-    return number;
-}
-
-void send_calls(Call &call)
-{
-    std::uint64_t from = number_of(call, "from");
-    const RecordState record = call.site.hub.news().record;
-    Json calls = Json::array();
-    const std::uint64_t count = record.record ? record.record->count() : 0;
-    if (from == 0)
-        from = count - std::min(count, CALLS_ASKED_FOR) + 1;
-    if (from <= count)
-        calls = record.record->describe(from, MOST_CALLS);
-    send_json(call, {{"calls", calls}});
-}
+// ---- Events -------------------------------------------------------------------------------------
 
 constexpr int MOST_STREAMS = 32;
 
@@ -142,12 +111,19 @@ private:
     Site &site_;
 };
 
+// Where the page was cut off before: a browser that comes back by itself tells it in the header.
+std::string last_id_of(const httplib::Request &request)
+{
+    return request.has_header("Last-Event-ID") ? request.get_header_value("Last-Event-ID")
+                                               : request.get_param_value("last");
+}
+
 void send_events(Call &call)
 {
     Site &site = call.site;
     const auto place = std::make_shared<Place>(site);
-    const auto stream = std::make_shared<EventStream>(
-        site.hub, site.log, site.start, call.request.get_header_value("Last-Event-ID"));
+    const auto stream =
+        std::make_shared<EventStream>(site.hub, site.log, site.start, last_id_of(call.request));
     call.response.set_content_provider(
         "text/event-stream", [&site, place, stream](std::size_t, httplib::DataSink &sink) {
             const std::string events = stream->next(LOOK);
@@ -167,7 +143,6 @@ std::vector<Route> reading_routes()
         {"GET", "/api/posts/*/background", NO_BODY, send_background},
         {"GET", "/api/palette", NO_BODY, send_palette},
         {"GET", "/api/parameters", NO_BODY, send_parameters},
-        {"GET", "/api/calls", NO_BODY, send_calls},
         {"GET", "/api/events", NO_BODY, send_events},
     };
 }

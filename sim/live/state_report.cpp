@@ -79,6 +79,7 @@ std::string format_state(const Facts &facts)
     all["clock"] = facts.zone ? Json{{"zone", *facts.zone}, {"change", facts.zone_change}} : Json();
     all["breaches"] = state.breaches;
     all["log"] = value_or_null(facts.log);
+    all["tool"] = facts.tool;
     return all.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 

@@ -32,6 +32,7 @@ struct Facts {
     std::optional<std::string> zone;
     unsigned zone_change = 0;
     std::optional<std::string> log;
+    std::string tool; // the beginning of each command of the tool for this codec
 };
 
 std::string format_state(const Facts &facts);

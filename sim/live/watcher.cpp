@@ -3,6 +3,7 @@
 #include "application.h"
 #include "control_files.h"
 #include "file_io.h"
+#include "quoting.h"
 #include "server/channel.h"
 #include "state_reader.h"
 #include "time_zone_block.h"
@@ -55,6 +56,7 @@ Watcher::Watcher(fs::path folder, fs::path log, const Frames &frames, EventHub &
     : folder_(std::move(folder)), log_path_(std::move(log)), frames_(frames), hub_(hub),
       state_(folder_ / "state"), log_(log_path_)
 {
+    facts_.tool = quote_command(folder_, {own_program()});
     look(true);
     thread_ = std::thread([this] { run(); });
 }

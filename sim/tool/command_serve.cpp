@@ -16,7 +16,8 @@ namespace
 {
 
 constexpr const char *SERVE_FOOTER =
-    "The page's address is printed when the server listens; SIGINT, SIGTERM or SIGHUP ends it.\n"
+    "The page's address is printed when the server listens, and what other commands need to work\n"
+    "on the same codec; SIGINT, SIGTERM or SIGHUP ends it.\n"
     "Other machines reach it only at an --address of its own, and then only with a token, which\n"
     "the page takes as http://ADDRESS:PORT/?token=TEXT. Nothing is encrypted, and --token shows\n"
     "among this machine's processes, which --token-file doesn't.\n"

@@ -43,6 +43,18 @@ TEST_F(LiveDemo, shows_the_page_until_it_is_interrupted)
         text = printed_by(demo);
         return std::regex_search(text, found, url);
     })) << text;
+    // The command that the demo prints has any shell work on its codec.
+    ASSERT_TRUE(wait_until([&] { return printed_by(demo).find("Ctrl-C") != std::string::npos; }));
+    text = printed_by(demo);
+    const std::regex commands("For commands of your own: (export [^\n]*)\n");
+    std::smatch export_line;
+    ASSERT_TRUE(std::regex_search(text, export_line, commands)) << text;
+    const std::string line = export_line[1];
+    const Ended shell =
+        run({"/bin/sh", "-c", "cd / && " + line + " && qm5sim setting && qm5osd status"});
+    EXPECT_NE(shell.out.find("record 1"), std::string::npos) << shell.out << shell.err;
+    EXPECT_NE(shell.out.find("OSD server is running"), std::string::npos) << shell.out;
+
     const auto port = static_cast<unsigned>(std::stoul(found[1]));
     const auto get = [port](const std::string &path) {
         HttpConnection connection(port);

@@ -60,15 +60,15 @@ TEST_F(LiveApplication, starts_asks_updates_and_stops)
     serve();
     const auto status = [&] { return run({{"function", "status"}}); };
     Json done = status();
-    EXPECT_EQ(done, (Json{{"command", executable_ + " status"},
+    EXPECT_EQ(done, (Json{{"command", shown_command(executable_, "status")},
                           {"status", 0},
                           {"signal", nullptr},
                           {"timeout", false},
                           {"output", std::string(NO_ZONE) + "#qm5osd:OSD server is not running\n"},
                           {"error", ""}}));
     done = run({{"function", "start"}, {"parameters", HeaderList{{"Post0TimeOn", "1"}}}});
-    EXPECT_EQ(done, (Json{{"command", executable_ + " start -l /tmp/codec/server.log "
-                                                    "--Post0TimeOn=1"},
+    EXPECT_EQ(done, (Json{{"command", shown_command(executable_, "start -l /tmp/codec/server.log "
+                                                                 "--Post0TimeOn=1")},
                           {"status", 0},
                           {"signal", nullptr},
                           {"timeout", false},
@@ -82,7 +82,8 @@ TEST_F(LiveApplication, starts_asks_updates_and_stops)
 
     done = run({{"function", "update"},
                 {"parameters", HeaderList{{"Post0TimeOn", "0"}, {"Post0DateOn", "1"}}}});
-    EXPECT_EQ(done["command"], executable_ + " update --Post0TimeOn=0 --Post0DateOn=1");
+    EXPECT_EQ(done["command"],
+              shown_command(executable_, "update --Post0TimeOn=0 --Post0DateOn=1"));
     EXPECT_EQ(done["status"], 0);
     EXPECT_EQ(value("Post0TimeOn"), "0");
     EXPECT_EQ(value("Post0DateOn"), "1");
@@ -131,7 +132,8 @@ TEST_F(LiveApplication, restarts)
     const std::vector<pid_t> before = processes_of(executable_);
     const Json done =
         run({{"function", "restart"}, {"parameters", HeaderList{{"Post3TypeOn", "1"}}}});
-    EXPECT_EQ(done["command"], executable_ + " restart -l /tmp/work/own.log --Post3TypeOn=1");
+    EXPECT_EQ(done["command"],
+              shown_command(executable_, "restart -l /tmp/work/own.log --Post3TypeOn=1"));
     EXPECT_EQ(done["status"], 0);
     ASSERT_TRUE(wait_until([&] { return waitpid(before.at(0), nullptr, WNOHANG) != 0; }));
     EXPECT_NE(processes_of(executable_), before);
@@ -200,9 +202,9 @@ TEST_F(LiveApplication, hands_a_parameter_file_over)
                            {"file", file},
                            {"parameters", HeaderList{{"Post2StringColor", "7"}}}});
     const std::string command = done["command"];
-    const std::regex expected(executable_ + " start -l /tmp/codec/server\\.log "
-                                            "-f (/tmp/codec/page-[0-9a-f]{8}\\.conf) "
-                                            "--Post2StringColor=7");
+    const std::regex expected(shown_command(executable_, "start -l /tmp/codec/server\\.log "
+                                                         "-f (/tmp/codec/page-[0-9a-f]{16}\\.conf) "
+                                                         "--Post2StringColor=7"));
     std::smatch found;
     ASSERT_TRUE(std::regex_match(command, found, expected)) << command;
     EXPECT_EQ(done["status"], 0);
@@ -284,7 +286,7 @@ TEST_F(LiveApplication, hands_every_value_over_as_it_is)
                               {"\xC3\xA9 = 1", "'--Post3String=\xC3\xA9 = 1'"}};
     for (std::size_t first = 0; first < texts.size(); first += SIM_POSTS) {
         HeaderList parameters;
-        std::string command = executable_ + " update";
+        std::string command = shown_command(executable_, "update");
         for (std::size_t post = 0; post < SIM_POSTS; post++) {
             const auto &[text, shown] = texts[first + post];
             parameters.push_back({"Post" + std::to_string(post) + "String", text});
@@ -299,7 +301,8 @@ TEST_F(LiveApplication, hands_every_value_over_as_it_is)
     // To the command line a line feed is a byte as any other.
     const Json done = run({{"function", "update"},
                            {"parameters", HeaderList{{"Post1String", "more than\ntwenty bytes"}}}});
-    EXPECT_EQ(done["command"], executable_ + " update '--Post1String=more than\ntwenty bytes'");
+    EXPECT_EQ(done["command"],
+              shown_command(executable_, "update '--Post1String=more than\ntwenty bytes'"));
     EXPECT_EQ(done["status"], 1);
     EXPECT_EQ(done["error"],
               report("update", "invalid value 'more than\ntwenty bytes' of key Post1String",

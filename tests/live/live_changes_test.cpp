@@ -32,28 +32,28 @@ protected:
         return change_json("PUT", "/api/settings", {{"name", name}, {"value", value}});
     }
 
+    Json command(const std::string &words) const
+    {
+        return {{"command", shown_command(QM5SIM_PROGRAM, words)}};
+    }
+
     Json add_fault(const std::string &words) const
     {
         return change_json("POST", "/api/faults", {{"fault", words}});
     }
 };
 
-Json command(const std::string &words)
-{
-    return {{"command", words}};
-}
-
 // ---- Posts --------------------------------------------------------------------------------------
 
 TEST_F(LiveChanges, open_resize_and_close_posts)
 {
-    EXPECT_EQ(put_size(1, "640x360"), command("qm5sim post 1 open 640x360"));
+    EXPECT_EQ(put_size(1, "640x360"), command("post 1 open 640x360"));
     EXPECT_EQ(read_file(state_ + "/post1"), "640x360\n");
-    EXPECT_EQ(put_size(1, "65535x1"), command("qm5sim post 1 resize 65535x1"));
-    EXPECT_EQ(put_size(1, "closed"), command("qm5sim post 1 close"));
+    EXPECT_EQ(put_size(1, "65535x1"), command("post 1 resize 65535x1"));
+    EXPECT_EQ(put_size(1, "closed"), command("post 1 close"));
     EXPECT_EQ(read_file(state_ + "/post1"), "closed\n");
     EXPECT_EQ(get_json("/api/state")["posts"][1]["wanted"], "closed");
-    EXPECT_EQ(put_size(1, "320x200"), command("qm5sim post 1 open 320x200"));
+    EXPECT_EQ(put_size(1, "320x200"), command("post 1 open 320x200"));
     for (const std::string size : {"", "0x0", "640", "640x", "x360", "640x65536", "640X360",
                                    " 640x360", "640x360 ", "open", "Closed", "-1x1", "$(id)"}) {
         EXPECT_TRUE(is_error(change("PUT", "/api/posts/1", Json{{"size", size}}.dump()), 400,
@@ -67,17 +67,19 @@ TEST_F(LiveChanges, open_resize_and_close_posts)
 TEST_F(LiveChanges, add_and_remove_faults)
 {
     EXPECT_EQ(add_fault(" open_osd   next fail refused post 1 "),
-              (Json{{"id", 1}, {"command", "qm5sim fault add open_osd next fail refused post 1"}}));
+              (Json{{"id", 1},
+                    {"command", shown_command(QM5SIM_PROGRAM,
+                                              "fault add open_osd next fail refused post 1")}}));
     EXPECT_EQ(add_fault("set_osd 10% fail gone1")["id"], 2);
     EXPECT_EQ(read_file(state_ + "/faults"),
               "1 open_osd next fail refused post 1\n2 set_osd 10% fail gone1\n");
     const Json list = get_json("/api/state")["faults"]["list"];
     EXPECT_EQ(list[1],
               (Json{{"id", 2}, {"line", "set_osd 10% fail gone1"}, {"met", 0}, {"happened", 0}}));
-    EXPECT_EQ(change_json("DELETE", "/api/faults/1"), command("qm5sim fault remove 1"));
+    EXPECT_EQ(change_json("DELETE", "/api/faults/1"), command("fault remove 1"));
     EXPECT_TRUE(is_error(change("DELETE", "/api/faults/1"), 404, "fault 1: there is none"));
     EXPECT_EQ(read_file(state_ + "/faults"), "2 set_osd 10% fail gone1\n");
-    EXPECT_EQ(change_json("DELETE", "/api/faults"), command("qm5sim fault clear"));
+    EXPECT_EQ(change_json("DELETE", "/api/faults"), command("fault clear"));
     EXPECT_EQ(read_file(state_ + "/faults"), "");
     EXPECT_TRUE(is_error(change("POST", "/api/faults", R"({"fault":"open_osd never fail 1"})"), 400,
                          "open_osd never fail 1: bad WHEN"));
@@ -108,8 +110,8 @@ TEST_F(LiveChanges, refuse_more_faults_than_the_codec_takes)
 
 TEST_F(LiveChanges, change_settings)
 {
-    EXPECT_EQ(put_setting("faults", "0"), command("qm5sim setting faults 0"));
-    EXPECT_EQ(put_setting("alignment", "64 32  16"), command("qm5sim setting alignment 64 32 16"));
+    EXPECT_EQ(put_setting("faults", "0"), command("setting faults 0"));
+    EXPECT_EQ(put_setting("alignment", "64 32  16"), command("setting alignment 64 32 16"));
     EXPECT_EQ(read_file(state_ + "/settings"), "faults 0\nalignment 64 32 16\n");
     const Json state = get_json("/api/state");
     EXPECT_EQ(state["settings"],
@@ -143,25 +145,24 @@ TEST_F(LiveChanges, leave_a_bad_file_as_it_is)
 TEST_F(LiveChanges, set_the_clock)
 {
     EXPECT_TRUE(is_error(change("DELETE", "/api/clock"), 409, "time zone block: none"));
-    EXPECT_EQ(change_json("PUT", "/api/clock", {{"zone", "UTC-9"}}), command("qm5sim clock UTC-9"));
+    EXPECT_EQ(change_json("PUT", "/api/clock", {{"zone", "UTC-9"}}), command("clock UTC-9"));
     EXPECT_EQ(time_zone_block::read().text, "UTC-9");
     EXPECT_EQ(get_json("/api/state")["clock"], (Json{{"zone", "UTC-9"}, {"change", 1}}));
     EXPECT_EQ(change_json("PUT", "/api/clock", {{"zone", "<it's 9>-9"}}),
-              command("qm5sim clock '<it'\\''s 9>-9'"));
+              command("clock '<it'\\''s 9>-9'"));
     const std::string longest(time_zone_block::MAX_TEXT, 'x');
     EXPECT_EQ(change_json("PUT", "/api/clock", {{"zone", longest}})["command"],
-              "qm5sim clock " + longest);
+              shown_command(QM5SIM_PROGRAM, "clock " + longest));
     EXPECT_TRUE(is_error(change("PUT", "/api/clock", Json{{"zone", longest + "x"}}.dump()), 400,
                          longest + "x: longer than 63 bytes"));
-    EXPECT_EQ(change_json("PUT", "/api/clock", {{"change", "255"}}),
-              command("qm5sim clock --change 255"));
+    EXPECT_EQ(change_json("PUT", "/api/clock", {{"change", "255"}}), command("clock --change 255"));
     EXPECT_EQ(get_json("/api/state")["clock"], (Json{{"zone", longest}, {"change", 255}}));
     for (const std::string text : {"256", "-1", "", "7 "}) {
         EXPECT_TRUE(is_error(change("PUT", "/api/clock", Json{{"change", text}}.dump()), 400,
                              text + ": no number of 0 to 255"));
     }
     EXPECT_EQ(time_zone_block::read().change, 255u);
-    EXPECT_EQ(change_json("DELETE", "/api/clock"), command("qm5sim clock --remove"));
+    EXPECT_EQ(change_json("DELETE", "/api/clock"), command("clock --remove"));
     EXPECT_TRUE(
         is_error(change("PUT", "/api/clock", R"({"change":"1"})"), 409, "time zone block: none"));
     EXPECT_EQ(get_json("/api/state")["clock"], nullptr);

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <filesystem>
 #include <regex>
+#include <sstream>
 #include <sys/wait.h>
 
 namespace support
@@ -37,7 +38,7 @@ void LivePageTest::serve(const Words &words)
     Words all = {QM5SIM_PROGRAM, "serve", "--port", "0", "--qm5osd", program_};
     all.insert(all.end(), words.begin(), words.end());
     server_ = std::make_unique<Process>(all);
-    const std::regex url("http://[^/]*:([0-9]+)/\n");
+    const std::regex url("http://[^/]*:([0-9]+)/\nexport QM5SIM_STATE=" + state_ + "\n");
     std::smatch found;
     std::string text;
     const bool listens = wait_until([&] {
@@ -111,13 +112,13 @@ Json LivePageTest::change_json(const std::string &method, const std::string &pat
     return Json::parse(answer.body);
 }
 
-EventReader LivePageTest::events(const std::string &last_id) const
+EventReader LivePageTest::events(const std::string &last_id, const std::string &query) const
 {
     HeaderList headers = {{"Host", host()}};
     if (!last_id.empty())
         headers.push_back({"Last-Event-ID", last_id});
     HttpConnection connection(port_);
-    connection.send(request_text("GET", "/api/events", headers));
+    connection.send(request_text("GET", "/api/events" + query, headers));
     const Answer answer = connection.receive(false);
     EXPECT_EQ(answer.status, 200);
     EXPECT_EQ(answer.headers.at("content-type"), "text/event-stream");
@@ -161,6 +162,20 @@ Ended LivePageTest::sim(const Words &words)
     Words all = {QM5SIM_PROGRAM};
     all.insert(all.end(), words.begin(), words.end());
     return run(all);
+}
+
+Json LivePageTest::printed_calls()
+{
+    std::istringstream lines(sim({"calls"}).out);
+    Json calls = Json::array();
+    for (std::string line; std::getline(lines, line);)
+        calls.push_back(Json::parse(line));
+    return calls;
+}
+
+std::string LivePageTest::shown_command(const std::string &program, const std::string &words) const
+{
+    return "QM5SIM_STATE=" + state_ + ' ' + program + ' ' + words;
 }
 
 void LivePageTest::start_application(const HeaderList &parameters) const

@@ -54,14 +54,21 @@ protected:
     Json change_json(const std::string &method, const std::string &path,
                      const Json &body = nullptr) const;
 
-    // The event stream, from where a page was cut off before.
-    EventReader events(const std::string &last_id = "") const;
+    // The event stream, from where a page was cut off before, as its header and its query tell it.
+    EventReader events(const std::string &last_id = "", const std::string &query = "") const;
 
     // Waits until the state meets the condition.
     testing::AssertionResult state_is(const std::function<bool(const Json &)> &condition) const;
 
     // Runs qm5sim.
     static Ended sim(const Words &words);
+
+    // All recorded calls, as qm5sim prints them.
+    static Json printed_calls();
+
+    // A command of the application or of qm5sim as the page shows it, with these words behind its
+    // name.
+    std::string shown_command(const std::string &program, const std::string &words) const;
 
     // Starts, and stops, an OSD server by the page.
     void start_application(const HeaderList &parameters = {}) const;

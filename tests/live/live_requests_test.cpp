@@ -237,7 +237,8 @@ TEST_F(LiveRequests, take_a_request_in_pieces)
         request_text("PUT", "/api/posts/2", own_headers(), R"({"size":"closed"})");
     for (std::size_t at = 0; at < request.size(); at += 7)
         connection.send(request.substr(at, 7));
-    EXPECT_EQ(connection.receive().body, R"({"command":"qm5sim post 2 close"})");
+    EXPECT_EQ(Json::parse(connection.receive().body),
+              (Json{{"command", shown_command(QM5SIM_PROGRAM, "post 2 close")}}));
 }
 
 // ---- JSON ---------------------------------------------------------------------------------------

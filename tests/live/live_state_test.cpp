@@ -78,11 +78,11 @@ TEST_F(LiveState, tells_of_a_folder_that_is_not_there)
                      {{"alignment", {16, 16, 16}}, {"strict", 0}, {"faults", 1}, {"record", 0}}},
                     {"clock", nullptr},
                     {"breaches", 0},
-                    {"log", nullptr}}));
+                    {"log", nullptr},
+                    {"tool", "QM5SIM_STATE=" + state_ + ' ' + QM5SIM_PROGRAM}}));
     const std::string why = "state: there is none yet";
     EXPECT_TRUE(is_error(get("/api/posts/0/osds/0"), 409, why));
     EXPECT_TRUE(is_error(get("/api/posts/0/background"), 409, why));
-    EXPECT_EQ(get_json("/api/calls"), (Json{{"calls", none}}));
     EXPECT_FALSE(fs::exists(state_));
 }
 
@@ -103,7 +103,7 @@ TEST_F(LiveState, passes_over_files_that_make_no_sense)
     EXPECT_EQ(state["faults"]["error"], "/tmp/codec/faults:1: not ID OPERATION WHEN EFFECT");
     EXPECT_TRUE(is_error(get("/api/posts/0/osds/0"), 409,
                          "/tmp/codec/state: no state of a simulated codec"));
-    EXPECT_EQ(get_json("/api/calls")["calls"], Json::array());
+    EXPECT_EQ(events().next("calls").data, R"({"reset":true,"calls":[]})");
 }
 
 TEST_F(LiveState, tells_of_a_state_that_is_damaged_until_it_is_mended)
@@ -346,7 +346,9 @@ TEST_F(LiveState, sends_the_palette_in_force)
     const std::string command = answer["command"];
     std::smatch file;
     ASSERT_TRUE(std::regex_match(
-        command, file, std::regex("qm5sim palette --load (/tmp/codec/page-[0-9a-f]{8}\\.palette)")))
+        command, file,
+        std::regex(shown_command(QM5SIM_PROGRAM,
+                                 "palette --load (/tmp/codec/page-[0-9a-f]{16}\\.palette)"))))
         << command;
     EXPECT_EQ(sim_reader::read_file(file.str(1)), text);
     EXPECT_EQ(change("PUT", "/api/palette", "3 9 9 9 9\n").status, 200);
@@ -355,41 +357,9 @@ TEST_F(LiveState, sends_the_palette_in_force)
     EXPECT_TRUE(is_error(change("PUT", "/api/palette", "3 1 2 3\n"), 400,
                          "palette: line 1: not INDEX RED GREEN BLUE ALPHA, of 0 to 255 each"));
     EXPECT_EQ(get_json("/api/palette")["colors"], colors);
-    EXPECT_EQ(change_json("DELETE", "/api/palette")["command"], "qm5sim palette --default");
+    EXPECT_EQ(change_json("DELETE", "/api/palette")["command"],
+              shown_command(QM5SIM_PROGRAM, "palette --default"));
     EXPECT_EQ(get_json("/api/palette")["default"], true);
-}
-
-// ---- Calls --------------------------------------------------------------------------------------
-
-TEST_F(LiveState, sends_recorded_calls_as_they_are_printed)
-{
-    CallList calls;
-    for (unsigned i = 1; i <= 700; i++) {
-        calls.push_back(call_of(SIM_CLEAR_OSD, {0x50000001, i}));
-        calls.back().thread = i;
-    }
-    fs::create_directory(state_);
-    write_file(state_ + "/calls", record_of(calls));
-    serve();
-    const std::string printed = sim({"calls"}).out;
-    std::vector<Json> lines;
-    std::istringstream in(printed);
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(Json::parse(line));
-    ASSERT_EQ(lines.size(), 700u);
-    const auto from = [&](std::size_t first, std::size_t count) {
-        const auto at = lines.begin() + static_cast<std::ptrdiff_t>(first) - 1;
-        return Json{{"calls", std::vector<Json>(at, at + static_cast<std::ptrdiff_t>(count))}};
-    };
-    EXPECT_EQ(get_json("/api/calls"), from(501, 200));
-    EXPECT_EQ(get_json("/api/calls?from=0"), from(501, 200));
-    EXPECT_EQ(get_json("/api/calls?from=1"), from(1, 500));
-    EXPECT_EQ(get_json("/api/calls?from=698"), from(698, 3));
-    EXPECT_EQ(get_json("/api/calls?from=701")["calls"], Json::array());
-    EXPECT_EQ(get_json("/api/calls?from=18446744073709551615")["calls"], Json::array());
-    for (const char *number : {"x", "", "-1", "1x", "18446744073709551616", "%201"})
-        EXPECT_TRUE(is_error(get(std::string("/api/calls?from=") + number), 400, "from: no number"))
-            << number;
 }
 
 } // namespace

@@ -26,6 +26,15 @@ TEST(Quoting, quotes_what_a_shell_would_read_otherwise)
               "'' 'a b' 'it'\\''s' '$HOME' 'a=b'");
 }
 
+TEST(Quoting, puts_the_folder_of_the_codec_in_front)
+{
+    EXPECT_EQ(live::quote_command("/tmp/it's a=b", {"qm5sim", "clock", "A B"}),
+              "QM5SIM_STATE='/tmp/it'\\''s a=b' qm5sim clock 'A B'");
+    const support::Ended shell = support::run(
+        {"/bin/sh", "-c", live::quote_command("/tmp/it's a=b", {"printenv", "QM5SIM_STATE"})});
+    EXPECT_EQ(shell.out, "/tmp/it's a=b\n");
+}
+
 TEST(Quoting, is_read_back_byte_by_byte)
 {
     std::vector<std::string> words = {"/usr/bin/printf", "[%s]"};

@@ -43,7 +43,10 @@ export class FaultsView {
         find('#fault-clear').addEventListener('click', () => this.#clear());
         find('#faults-on').addEventListener('change', (event) => this.#switch(event.target));
         copyOnClick(find('#fault-copy'), find('#fault-command'));
-        this.#live.addEventListener('state', () => this.#showList());
+        this.#live.addEventListener('state', () => {
+            this.#showList();
+            this.#showCommand();
+        });
     }
 
     // ---- The form ------------------------------------------------------------------------------
@@ -84,9 +87,13 @@ export class FaultsView {
         const when = find('#fault-when').value;
         find('#fault-number-field').hidden = when !== 'nth' && when !== 'percent';
         setText(find('#fault-number-name'), when === 'percent' ? 'Per cent' : 'N');
-        const words = ['qm5sim', 'fault', 'add', ...this.#line.split(' ')];
-        setText(find('#fault-command'), commandLine(words));
+        this.#showCommand();
         showOutcome(find('#fault-outcome'), '');
+    }
+
+    #showCommand() {
+        const words = commandLine(['fault', 'add', ...this.#line.split(' ')]);
+        setText(find('#fault-command'), `${this.#live.state?.tool ?? 'qm5sim'} ${words}`);
     }
 
     #add() {

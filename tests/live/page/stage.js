@@ -3,7 +3,7 @@
 
 import assert from 'node:assert/strict';
 import {spawn, spawnSync} from 'node:child_process';
-import {once} from 'node:events';
+import {EventEmitter, once} from 'node:events';
 import {mkdirSync, mkdtempSync, readFileSync, rmSync} from 'node:fs';
 import {createRequire} from 'node:module';
 import {tmpdir} from 'node:os';
@@ -155,6 +155,11 @@ export class Stage {
         assert.equal(status, 0, stderr);
     }
 
+    // A command as the page shows it, with these words behind the program's name.
+    shownCommand(program, words) {
+        return `QM5SIM_STATE=${this.#folder} ${program} ${words}`;
+    }
+
     async restartServer() {
         const {port} = this.server;
         await this.server.end();
@@ -179,6 +184,40 @@ export class Stage {
         }, `${selector} is to say ${expected}`).catch((error) => {
             throw new Error(`${error.message}, but says: ${last}`);
         });
+    }
+
+    // Puts the page behind another window, or in front again.
+    async turn(isHidden) {
+        await this.page.evaluate((hidden) => {
+            Object.defineProperty(document, 'hidden', {configurable: true, value: hidden});
+            document.dispatchEvent(new Event('visibilitychange'));
+        }, isHidden);
+    }
+
+    // Holds back the first answer to requests of a method and an address, which others pass: {held,
+    // a promise that the server has given it, release, which lets the page have it}.
+    async holdBack(method, address) {
+        const moments = new EventEmitter();
+        const held = once(moments, 'held');
+        const released = once(moments, 'released');
+        let first = null;
+        await this.page.route(address, async (route) => {
+            if (first !== null || route.request().method() !== method) {
+                await route.continue();
+                return;
+            }
+            first = route.request();
+            const response = await route.fetch();
+            moments.emit('held');
+            await released;
+            await route.fulfill({response});
+        });
+        const release = async () => {
+            moments.emit('released');
+            await (await first.response()).finished();
+            await this.page.evaluate(() => new Promise((resolve) => setTimeout(resolve, 100)));
+        };
+        return {held, release};
     }
 
     async click(selector) {
