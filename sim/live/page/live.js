@@ -9,7 +9,8 @@ import {SLOTS} from './slots.js';
 const RETRY_MS = [500, 1000, 2000, 5000];
 
 // Fires: connection, state, parameters, failure (they couldn't be read), palette, picture (detail:
-// number of the post), calls and reports (detail: what the server's event carried).
+// number of the post), calls and reports (detail: what the server's event carried, and for reports
+// whether they are `old`, the end of a log that was there before this page).
 export class Live extends EventTarget {
     connection = 'connecting'; // or 'open', 'lost'
     refusal = ''; // why the server doesn't let the page follow, if it says so
@@ -25,7 +26,8 @@ export class Live extends EventTarget {
     #source = null;
     #retry = 0;
     #failures = 0;
-    #isFresh = true; // nothing of this stream was seen before
+    #lastId = ''; // of the events seen, from which another stream goes on
+    #isFirst = true; // no reports of this stream have come
     #parametersVersion = null;
     #paletteVersion = null;
     #parametersWanted = false;
@@ -34,7 +36,8 @@ export class Live extends EventTarget {
     constructor() {
         super();
         this.pictures = SLOTS.map((_, number) => new PostPicture(
-            number, () => this.palette, () => this.#tell('picture', number)));
+            number, () => this.palette, () => this.connection === 'lost',
+            () => this.#tell('picture', number)));
     }
 
     // The value in force of a parameter; null if none is known.
@@ -59,15 +62,14 @@ export class Live extends EventTarget {
 
     #connect() {
         this.#disconnect();
-        this.#isFresh = true;
-        this.#source = new EventSource('/api/events');
+        this.#source = new EventSource(`/api/events?last=${encodeURIComponent(this.#lastId)}`);
         this.#source.onopen = () => this.#opened();
         this.#source.onerror = () => this.#lost();
         this.#on('state', (state) => this.#takeState(state));
-        this.#on('calls', (event) => this.#tell('calls', {...event, reset: this.#resets(event)}));
+        this.#on('calls', (event) => this.#tell('calls', event));
         this.#on('reports', (event) => {
-            this.#tell('reports', {...event, reset: this.#resets(event)});
-            this.#isFresh = false; // the last one of the three that a stream begins with
+            this.#tell('reports', {...event, old: event.reset && this.#isFirst});
+            this.#isFirst = false;
         });
     }
 
@@ -95,15 +97,14 @@ export class Live extends EventTarget {
     }
 
     #on(name, take) {
-        this.#source.addEventListener(name, (event) => take(JSON.parse(event.data)));
+        this.#source.addEventListener(name, (event) => {
+            this.#lastId = event.lastEventId;
+            take(JSON.parse(event.data));
+        });
     }
 
     #tell(name, detail) {
         this.dispatchEvent(new CustomEvent(name, {detail}));
-    }
-
-    #resets(event) {
-        return event.reset || this.#isFresh;
     }
 
     #setConnection(connection) {
@@ -115,6 +116,7 @@ export class Live extends EventTarget {
 
     #opened() {
         this.#failures = 0;
+        this.#isFirst = true;
         this.refusal = '';
         this.#parametersVersion = null; // another server counts anew
         this.#paletteVersion = null;
@@ -133,10 +135,11 @@ export class Live extends EventTarget {
         this.#retry = setTimeout(() => this.#connect(), wait);
     }
 
-    // A stream doesn't tell why it was refused; any other request does.
+    // A stream doesn't tell why it was refused; the same request made otherwise does.
     async #readRefusal() {
         try {
-            await get('/api/state');
+            const response = await get('/api/events');
+            await response.body.cancel();
         } catch (error) {
             this.refusal = error.status === 0 ? '' : error.message;
             this.#tell('connection');
@@ -158,14 +161,16 @@ export class Live extends EventTarget {
 
     async #readPalette(version) {
         this.#paletteVersion = version;
-        try {
-            const {colors, default: isDefault} = await getJson('/api/palette');
-            this.palette = packPalette(colors);
-            this.hasDefaultPalette = isDefault;
-            this.paletteError = '';
-        } catch (error) {
+        const found = await getJson('/api/palette').catch((error) => ({error}));
+        if (version !== this.#paletteVersion) // a newer one has been asked for
+            return;
+        this.paletteError = '';
+        if (found.error) {
             this.#paletteVersion = null; // asked again with the next state
-            this.paletteError = error.status === 0 ? '' : error.message;
+            this.paletteError = found.error.status === 0 ? '' : found.error.message;
+        } else {
+            this.palette = packPalette(found.colors);
+            this.hasDefaultPalette = found.default;
         }
         this.#tell('palette');
         this.pictures.forEach((picture) => picture.repaint());

@@ -47,16 +47,19 @@ export class PostPicture {
 
     #number;
     #palette;
+    #isLost;
     #repainted;
     #post = null;
     #retry = 0;
     #isBusy = false;
     #backgroundKey = '';
 
-    // `palette` gives the one in force, `repainted` is called when `picture` has changed.
-    constructor(number, palette, repainted) {
+    // `palette` gives the one in force, `isLost` tells whether the server is out of reach, and
+    // `repainted` is called when `picture` has changed.
+    constructor(number, palette, isLost, repainted) {
         this.#number = number;
         this.#palette = palette;
+        this.#isLost = isLost;
         this.#repainted = repainted;
     }
 
@@ -80,10 +83,12 @@ export class PostPicture {
             await this.#update(post);
             this.#setFailure('');
         } catch (error) {
-            // No answer, or the post closed meanwhile: another state is on its way.
-            if (error.status === 0 || error.status === 404)
+            if (error.status === 404) // it closed meanwhile: another state is on its way
                 return;
-            this.#setFailure(error.message);
+            const isLost = error.status === 0 && this.#isLost(); // the next one begins with a state
+            this.#setFailure(isLost ? '' : error.message);
+            if (isLost)
+                return;
             this.#retry = setTimeout(() => this.take(post), RETRY_MS);
         }
     }

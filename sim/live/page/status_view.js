@@ -19,6 +19,7 @@ const NO_SENSE = 'The state of the codec cannot be shown:';
 const NO_STATE = 'No application has used this simulated codec yet. The outputs are as the first ' +
     'will find them.';
 const ACTIONS = {start: 'Start', stop: 'Stop', restart: 'Restart'};
+const DISMISSED = 'qm5sim-dismissed'; // troubles, kept as long as the page's tab
 const NOT_RUNNING = 'No server runs. The pictures change only while the application runs.';
 
 function setLamp(name, text, kind) {
@@ -33,9 +34,11 @@ function setLamp(name, text, kind) {
 export class StatusView {
     #live;
     #actions;
-    #troubles = new Map(); // text of each trouble that the reports tell of, to the moment's handles
+    #troubles = new Map(); // text of each trouble that the reports tell of, to the newest handle then
+    #dismissed = new Set(JSON.parse(sessionStorage.getItem(DISMISSED) ?? '[]'));
     #told = {report: ''};
-    #failure = ''; // of the last button pressed above
+    #failure = null; // of the last button pressed above: its name and text
+    #wasRunning = null;
 
     constructor(live, actions) {
         this.#live = live;
@@ -47,6 +50,10 @@ export class StatusView {
         live.addEventListener('failure', () => this.#showNotices());
         live.addEventListener('reports', (event) => this.#takeReports(event.detail));
         actions.addEventListener('busy', () => this.#showButtons());
+        actions.addEventListener('command', ({detail: {good, request}}) => {
+            if (good && request === 'POST /api/application')
+                this.#setFailure(null);
+        });
         for (const name of Object.keys(ACTIONS))
             find(`#application-${name}`).addEventListener('click', () => this.#carryOut(name));
         this.#showConnection();
@@ -54,14 +61,23 @@ export class StatusView {
     }
 
     async #carryOut(name) {
-        this.#setFailure('');
+        this.#setFailure(null);
         const answer = await this.#actions.application(null, {function: name, parameters: []});
-        this.#setFailure(answer.good ? '' : `${ACTIONS[name]}: ${answer.words}`);
+        if (!answer.good)
+            this.#setFailure({name, text: `${ACTIONS[name]}: ${answer.words}`});
     }
 
-    #setFailure(text) {
-        this.#failure = text;
+    #setFailure(failure) {
+        this.#failure = failure;
         this.#showNotices();
+    }
+
+    // A failure is over when what was asked for has come about by other means.
+    #dropOldFailure(running) {
+        const hasTurned = this.#wasRunning !== null && running !== this.#wasRunning;
+        this.#wasRunning = running;
+        if (hasTurned && this.#failure && running === (this.#failure.name !== 'stop'))
+            this.#failure = null;
     }
 
     #showConnection() {
@@ -88,6 +104,7 @@ export class StatusView {
             const size = post.open ? `has ${post.width} by ${post.height}` : 'has no thread';
             this.#tell(`post${post.number}`, `Post ${post.number} ${size}.`);
         }
+        this.#dropOldFailure(running);
         this.#dropOldTroubles();
         this.#showButtons();
         this.#showNotices();
@@ -126,19 +143,36 @@ export class StatusView {
 
     // ---- Notices -------------------------------------------------------------------------------
 
-    #takeReports({reset, text}) {
-        if (reset)
+    // Old lines say nothing of a trouble where an OSD is open, which may be newer than they are.
+    #takeReports({reset, old, text}) {
+        if (reset && !old)
             this.#troubles.clear();
         const lines = splitReports(text);
         const error = lines.findLast(isError);
         if (error)
             this.#tell('report', `Error report: ${error}`, reset);
-        for (const line of lines) {
-            const trouble = troubleOf(line);
-            if (trouble)
-                this.#troubles.set(trouble, this.#newestHandle());
+        const handle = this.#newestHandle();
+        for (const trouble of lines.map(troubleOf).filter(Boolean)) {
+            if (!old)
+                this.#setDismissed(trouble, false);
+            if (!old || (handle === 0 && !this.#dismissed.has(trouble)))
+                this.#troubles.set(trouble, handle);
         }
         this.#showNotices();
+    }
+
+    // What was dismissed stays so when the page is loaded anew, until it is told again.
+    #setDismissed(trouble, isDismissed) {
+        if (isDismissed)
+            this.#dismissed.add(trouble);
+        else
+            this.#dismissed.delete(trouble);
+        sessionStorage.setItem(DISMISSED, JSON.stringify([...this.#dismissed]));
+    }
+
+    #dismiss(trouble) {
+        this.#troubles.delete(trouble);
+        this.#setDismissed(trouble, true);
     }
 
     #newestHandle() {
@@ -150,7 +184,7 @@ export class StatusView {
     #dropOldTroubles() {
         const newest = this.#newestHandle();
         for (const [text, handle] of this.#troubles) {
-            if (handle > 0 && newest > handle)
+            if (newest > handle)
                 this.#troubles.delete(text);
         }
     }
@@ -161,8 +195,8 @@ export class StatusView {
         if (connection === 'lost')
             notices.push({kind: 'bad', text: LOST, isTold: true});
         if (this.#failure) {
-            const dismiss = () => (this.#failure = '');
-            notices.push({kind: 'bad', text: this.#failure, isTold: true, dismiss});
+            const dismiss = () => (this.#failure = null);
+            notices.push({kind: 'bad', text: this.#failure.text, isTold: true, dismiss});
         }
         if (refusal)
             notices.push({kind: 'bad', text: `The server refuses this page: ${refusal}.`});
@@ -186,7 +220,7 @@ export class StatusView {
             notices.push({kind: 'bad', text});
         }
         for (const text of this.#troubles.keys())
-            notices.push({kind: 'bad', text, dismiss: () => this.#troubles.delete(text)});
+            notices.push({kind: 'bad', text, dismiss: () => this.#dismiss(text)});
         return notices;
     }
 

@@ -9,7 +9,7 @@ import {after, test} from 'node:test';
 
 import {closeBrowser, Stage, until} from './stage.js';
 
-const {QM5OSD_PROGRAM} = process.env;
+const {QM5OSD_PROGRAM, QM5SIM_PROGRAM} = process.env;
 
 after(closeBrowser);
 
@@ -22,7 +22,8 @@ test('a fault is added, happens, is reported, and is removed', async (t) => {
     await stage.page.selectOption('#fault-operation', 'set_osd');
     await stage.page.fill('#fault-value', '0x81E00042');
     await stage.page.selectOption('#fault-post', '0');
-    await stage.text('#fault-command', 'qm5sim fault add set_osd next fail 0x81E00042 post 0');
+    await stage.text('#fault-command', stage.shownCommand(
+        QM5SIM_PROGRAM, 'fault add set_osd next fail 0x81E00042 post 0'));
     await stage.click('#fault-form [type="submit"]');
     await stage.text('#fault-rows tr', /^1set_osd next fail 0x81E00042 post 000Remove$/);
     await stage.text('#text-faults', '1 fault');
@@ -54,7 +55,7 @@ test('a fault that makes no sense is refused with the reason', async (t) => {
     await stage.page.selectOption('#fault-operation', 'set_osd');
     await stage.page.selectOption('#fault-effect', 'change-after');
     await stage.page.selectOption('#fault-changed', '1');
-    await stage.text('#fault-command', 'qm5sim fault add set_osd next change-after 1 640x480');
+    await stage.text('#fault-command', /qm5sim fault add set_osd next change-after 1 640x480$/);
     await stage.page.fill('#fault-value', 'wide');
     await stage.click('#fault-form [type="submit"]');
     await stage.text('#fault-outcome', /set_osd next change-after 1 wide: /);
@@ -90,21 +91,64 @@ test('the application stops and starts while the page is open', async (t) => {
     await stage.text('#text-application', 'No server runs');
 });
 
-test('a font that cannot be opened is told', async (t) => {
+// A parameter file that sets the font.
+function fontFile(stage, font) {
+    const file = path.join(stage.folder, 'font.conf');
+    writeFileSync(file, `[osd]\nOsdFontFile=${font}\n`);
+    return file;
+}
+
+// Waits until the page has taken what the server has told, and sees that the font is no trouble.
+async function seesNoTrouble(stage, size) {
+    stage.setPost(3, size);
+    await stage.text('#post-3 .post-size', size.replace('x', ' × '));
+    await stage.text('#reports', /New_Face error/);
+    assert.doesNotMatch(await stage.page.textContent('#notices'), /font/);
+}
+
+test('a font that cannot be opened is told until it can', async (t) => {
     const stage = await Stage.open(t);
     await stage.startApplication();
+    const font = await stage.page.inputValue('#field-OsdFontFile');
     await stage.choose('');
     await stage.page.fill('#field-OsdFontFile', '/no/such/font.ttf');
     await stage.click('#apply-restart');
     await stage.page.locator('#apply-outcome').waitFor();
     stage.osd('update', '--Post0TypeOn=1'); // an open is what needs the font
     await stage.text('#reports', /New_Face error\. font file: \/no\/such\/font\.ttf/);
-    await stage.text('#notices', /The font cannot be opened: \/no\/such\/font\.ttf/);
+    const trouble = /The font cannot be opened: \/no\/such\/font\.ttf/;
+    await stage.text('#notices', trouble);
     await stage.shot('error');
     await stage.checkAccessibility('a font that cannot be opened');
+    await stage.page.reload();
+    await stage.text('#notices', trouble);
+    assert.equal(stage.osd('update', '-f', fontFile(stage, font)).status, 0);
+    assert.equal(stage.osd('update', '--Post0TypeOn=0').status, 0);
+    assert.equal(stage.osd('update', '--Post0TypeOn=1').status, 0);
+    await stage.text('#slots-rows', /Label/);
+    await until(async () => !/font/.test(await stage.page.textContent('#notices')), 'it is over');
+    await stage.turn(true);
+    await stage.turn(false);
+    await seesNoTrouble(stage, '352x288');
+    await stage.page.reload();
+    await seesNoTrouble(stage, '640x360');
+});
+
+test('a trouble that was dismissed stays so until it is met again', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    const file = fontFile(stage, '/no/such/font.ttf');
+    stage.osd('update', '-f', file, '--Post0TypeOn=1');
+    await stage.text('#notices', /The font cannot be opened/);
     await stage.click('#notices button');
-    await until(async () => !/font/.test(await stage.page.locator('#notices').textContent()),
-                'the notice is dismissed');
+    await seesNoTrouble(stage, '352x288');
+    await stage.turn(true);
+    await stage.turn(false);
+    await seesNoTrouble(stage, '640x360');
+    await stage.page.reload();
+    await seesNoTrouble(stage, '352x288');
+    stage.osd('update', '-f', file, '--Post1TypeOn=1');
+    await stage.text('#notices', /The font cannot be opened/);
 });
 
 test('pictures and safe spaces without room for the texts are told', async (t) => {
@@ -180,7 +224,7 @@ test('the time zone block is set and removed', async (t) => {
     await stage.page.fill('#clock-change', '200');
     await stage.click('#change-submit');
     await stage.text('#clock-state', 'Zone UTC+3, change byte 200.');
-    await stage.text('#commands li:last-child', / qm5sim clock --change 200$/);
+    await stage.text('#commands li:last-child', /qm5sim clock --change 200$/);
     await stage.click('#clock-remove');
     await stage.text('#clock-state', /There is no block/);
     assert.equal(await stage.page.isDisabled('#change-submit'), true);
@@ -249,7 +293,7 @@ test('commands of the page are kept for copying', async (t) => {
     await stage.page.fill('#post-3-size', '320x240');
     await stage.click('#post-3 [type="submit"]');
     const last = stage.page.locator('#commands li:last-child');
-    await stage.text('#commands li:last-child', /  qm5sim post 3 (open|resize) 320x240$/);
+    await stage.text('#commands li:last-child', /qm5sim post 3 (open|resize) 320x240$/);
     const [, command] = (await last.textContent()).split(/  (.*)/);
     await stage.click('#commands-copy');
     await stage.text('#commands-copy', 'Copied');

@@ -1,136 +1,13 @@
-// Whether anybody can use the live page: enlarged, on a narrow screen, in the dark, with a screen
-// reader; and what it does when the connection breaks.
+// What the live page tells a screen reader, and what it does when the connection breaks.
 
 import assert from 'node:assert/strict';
+import path from 'node:path';
 import {after, test} from 'node:test';
 
 import {pressHere, tabTo} from './keyboard.js';
 import {closeBrowser, Stage, until} from './stage.js';
 
 after(closeBrowser);
-
-const TABS = ['parameters', 'file', 'faults', 'palette', 'codec'];
-
-// A page with something of everything: texts, a rectangle, a fault, recorded calls, a loaded file.
-async function openBusyPage(t, options) {
-    const stage = await Stage.open(t, options);
-    stage.sim('setting', 'record', '1');
-    await stage.startApplication();
-    stage.sim('fault', 'add', 'clear_osd', '25%', 'delay', '1', 'post', '1');
-    assert.equal(stage.osd('update', '--Post0DateOn=1', '--Post0StringOn=1', '--Post0String=hello',
-                           '--Post1TypeOn=1', '--Post1Rectangle2On=1', '--Post1Osd2X=500',
-                           '--Post1Osd2W=300', '--Post1Osd2H=200').status, 0);
-    await stage.click('#tab-file');
-    await stage.page.setInputFiles('#file-load', {
-        name: 'other.conf', mimeType: 'text/plain',
-        buffer: Buffer.from('[osd]\nPost0DateOn=0\nPost0String=a longer one\n'),
-    });
-    await stage.text('#file-verdict', '2 differences.');
-    await stage.click('#tab-parameters');
-    await stage.page.fill('#field-Post0StringColor', '7');
-    await stage.page.check('#guide-frames');
-    return stage;
-}
-
-async function forEachTab(stage, run) {
-    for (const tab of TABS) {
-        await stage.click(`#tab-${tab}`);
-        await run(tab);
-    }
-    await stage.click('#tab-parameters');
-}
-
-// ---- Rules of accessibility --------------------------------------------------------------------
-
-for (const colorScheme of ['light', 'dark']) {
-    test(`the empty page breaks no rule of accessibility, ${colorScheme}`, async (t) => {
-        const stage = await Stage.open(t, {colorScheme});
-        await stage.text('#notices', /No application has used this simulated codec yet/);
-        await forEachTab(stage, (tab) => stage.checkAccessibility(`empty, ${tab}`));
-    });
-
-    test(`the busy page breaks no rule of accessibility, ${colorScheme}`, async (t) => {
-        const stage = await openBusyPage(t, {colorScheme});
-        await forEachTab(stage, async (tab) => {
-            await stage.checkAccessibility(`busy, ${tab}`);
-            await stage.shot(`${tab}-${colorScheme}`);
-        });
-        await stage.page.locator('#post-0').getByText('Pixels').click();
-        await stage.checkAccessibility('pixels');
-        await stage.shot(`pixels-${colorScheme}`);
-        await stage.page.keyboard.press('Escape');
-        stage.setPost(3, 'closed');
-        await stage.text('#post-3 .empty', 'Post 3 has no thread.');
-        await stage.page.fill('#field-Post0StringColor', 'blue');
-        assert.match(await stage.update(), /^It failed/);
-        await stage.text('#error-Post0StringColor', /invalid value 'blue'/);
-        await stage.checkAccessibility('a refused value');
-        await stage.shot(`refused-${colorScheme}`);
-        await stage.server.end();
-        stage.server = null;
-        await stage.text('#text-connection', 'Connection lost');
-        await stage.checkAccessibility('connection lost');
-        await stage.shot(`lost-${colorScheme}`);
-    });
-}
-
-test('dark and light are what the user prefers', async (t) => {
-    const stage = await Stage.open(t);
-    const ground = () => stage.page.evaluate(() => getComputedStyle(document.body).backgroundColor);
-    const brightness = (color) => color.match(/\d+/g).slice(0, 3).reduce((sum, each) =>
-        sum + Number(each), 0);
-    assert.ok(brightness(await ground()) > 3 * 200);
-    await stage.page.emulateMedia({colorScheme: 'dark'});
-    assert.ok(brightness(await ground()) < 3 * 60);
-});
-
-test('nothing moves for who wants it so', async (t) => {
-    const stage = await Stage.open(t);
-    await stage.startApplication();
-    assert.equal(stage.osd('update', '--Post0TypeOn=1').status, 0);
-    await stage.page.locator('#slots-rows tr').first().waitFor();
-    const moves = () => stage.page.evaluate(() => [...new Set([...document.querySelectorAll('*')]
-        .flatMap((each) => [getComputedStyle(each).transitionDuration,
-            getComputedStyle(each).animationName]))].sort());
-    assert.deepEqual(await moves(), ['0.6s', '0s', 'none'], 'marks fade away for others');
-    await stage.page.emulateMedia({reducedMotion: 'reduce'});
-    assert.deepEqual(await moves(), ['0s', 'none']);
-});
-
-// ---- Sizes -------------------------------------------------------------------------------------
-
-for (const [name, options] of [
-    ['360 pixels wide', {viewport: {width: 360, height: 740}}],
-    ['at 200 per cent', {viewport: {width: 720, height: 450}, deviceScaleFactor: 2}],
-]) {
-    test(`nothing sticks out ${name}`, async (t) => {
-        const stage = await openBusyPage(t, options);
-        await forEachTab(stage, async (tab) => {
-            assert.equal(await stage.overhang(), 0, tab);
-            await stage.shot(`${tab}-${options.viewport.width}`);
-        });
-        await stage.page.locator('#post-0').getByText('Pixels').click();
-        assert.equal(await stage.overhang(), 0, 'pixels');
-        await stage.shot(`pixels-${options.viewport.width}`);
-        await stage.checkAccessibility(name);
-    });
-
-    test(`nothing covers what has the focus ${name}`, async (t) => {
-        const stage = await openBusyPage(t, options);
-        await stage.page.focus('#tab-parameters');
-        await tabTo(stage, '#apply-submit');
-        await tabTo(stage, '#calls-pause');
-    });
-}
-
-test('letters of twice the size still fit', async (t) => {
-    const stage = await openBusyPage(t);
-    await stage.page.evaluate(() => (document.documentElement.style.fontSize = '200%'));
-    await forEachTab(stage, async (tab) => {
-        assert.equal(await stage.overhang(), 0, tab);
-        await stage.shot(`${tab}-large`, false);
-    });
-});
 
 // ---- Announcements -----------------------------------------------------------------------------
 
@@ -192,6 +69,28 @@ test('a start that fails is told where it was asked for', async (t) => {
     assert.equal(await stage.page.evaluate(() => document.activeElement.id), 'outputs-heading');
 });
 
+test('a failure is told no longer than it lasts', async (t) => {
+    const stage = await Stage.open(t);
+    const failToStart = async () => {
+        stage.sim('fault', 'add', 'open_device', 'next', 'fail', 'gone1');
+        await stage.click('#application-start');
+        await stage.text('#notices', /Start: It failed with exit status 1\./);
+        await stage.idle();
+    };
+    const isOver = () => until(async () => !/Start:/.test(await stage.page.textContent('#notices')),
+                               'the failure is over');
+    await failToStart();
+    await stage.page.check('#field-Post0DateOn');
+    assert.equal(await stage.update(), 'Done.');
+    await isOver();
+    assert.equal(stage.osd('stop').status, 0);
+    await stage.text('#text-application', 'No server runs');
+    await failToStart();
+    assert.equal(stage.osd('start', '-l', path.join(stage.folder, 'server.log')).status, 0);
+    await stage.text('#text-application', 'Server runs');
+    await isOver();
+});
+
 // ---- Connection --------------------------------------------------------------------------------
 
 test('a server that comes back is followed, and obeys the page again', async (t) => {
@@ -219,6 +118,20 @@ test('what cannot be carried out without a connection says so', async (t) => {
     await stage.text('#apply-count', '1 change');
 });
 
+test('a command that is under way when the page is served no longer says so', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    stage.sim('fault', 'add', 'set_osd', 'next', 'delay', '3000');
+    await stage.page.check('#field-Post0DateOn');
+    await stage.click('#apply-submit');
+    await stage.text('#text-command', 'Running update …');
+    await until(() => /happened 1/.test(stage.sim('fault').stdout), 'it has begun');
+    await stage.server.end();
+    stage.server = null;
+    await stage.text('#apply-outcome',
+                     'application: qm5sim serve has ended without waiting for it');
+});
+
 test('a page that has to show the token of a new server says so', async (t) => {
     const stage = await Stage.open(t, {}, 'nobody-guesses-this-token');
     await stage.startApplication();
@@ -229,21 +142,52 @@ test('a page that has to show the token of a new server says so', async (t) => {
 
 test('a page that nobody sees leaves its connection to others', async (t) => {
     const stage = await Stage.open(t);
-    const turn = (isHidden) => stage.page.evaluate((hidden) => {
-        Object.defineProperty(document, 'hidden', {configurable: true, value: hidden});
-        document.dispatchEvent(new Event('visibilitychange'));
-    }, isHidden);
     await stage.page.fill('#field-Post0String', 'still here');
-    await turn(true);
+    await stage.turn(true);
     stage.setPost(2, '352x288');
     const other = await stage.page.context().newPage();
     await other.goto(stage.server.address);
     await other.getByText('352 × 288').waitFor();
     assert.equal(await stage.page.locator('#post-2 .post-size').textContent(), '640 × 360');
-    await turn(false);
+    await stage.turn(false);
     await stage.text('#post-2 .post-size', '352 × 288');
     await stage.showsSnapshot(2);
     assert.equal(await stage.page.inputValue('#field-Post0String'), 'still here');
+});
+
+test('a page goes on with its logs where it was hidden', async (t) => {
+    const stage = await Stage.open(t);
+    stage.sim('setting', 'record', '1');
+    await stage.startApplication();
+    const recorded = () => stage.sim('calls').stdout.split('\n').length - 1;
+    const before = recorded();
+    await stage.text('#calls-count', `${before} of ${before}`);
+    await stage.turn(true);
+    assert.equal(stage.osd('update', ...[0, 1, 2, 3].map((post) => `--Post${post}TimeOn=1`)).status,
+                 0);
+    await until(() => recorded() > before + 250, 'more calls than a new page is sent');
+    assert.equal(stage.osd('stop').status, 0);
+    const all = recorded();
+    await stage.turn(false);
+    await stage.text('#calls-count', `${all} of ${all}`);
+    const lines = await stage.page.locator('#calls li').allInnerTexts();
+    assert.deepEqual(lines.map((line) => parseInt(line, 10)),
+                     Array.from({length: all}, (_, at) => at + 1));
+});
+
+test('a page for which there is no stream left says so, until there is one', async (t) => {
+    const stage = await Stage.open(t);
+    const others = new AbortController();
+    const {signal} = others;
+    const streams = await Promise.all(Array.from({length: 31}, () =>
+        fetch(`${stage.server.address}api/events`, {signal})));
+    assert.ok(streams.every(({status}) => status === 200));
+    const page = await stage.page.context().newPage();
+    await page.goto(stage.server.address);
+    await page.getByText('The server refuses this page: events: 32 streams are open.').waitFor();
+    others.abort();
+    await page.locator('#text-connection', {hasText: /^Live$/}).waitFor();
+    assert.doesNotMatch(await page.textContent('#notices'), /refuses/);
 });
 
 test('a request that nobody answers is given up with a word about windows', async (t) => {
