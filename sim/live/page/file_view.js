@@ -20,6 +20,7 @@ export class FileView {
     #preview = new Preview('file', false);
     #loaded = null; // the file's bytes in base64
     #loads = 0;
+    #comparisons = 0;
 
     constructor(live, actions) {
         this.#live = live;
@@ -95,18 +96,18 @@ export class FileView {
         find('#file-load').focus();
     }
 
-    // Compares the loaded file with what is in force, unless it is another one by then.
+    // Compares the loaded file with what is in force, unless either is another one by then.
     async #compare() {
         if (this.#loaded === null)
             return;
-        const loads = this.#loads;
+        const number = ++this.#comparisons;
         let found;
         try {
             found = await change('POST', '/api/parameters/compare', {file_base64: this.#loaded});
         } catch (error) {
             found = {differences: [], error: error.message};
         }
-        if (loads !== this.#loads)
+        if (number !== this.#comparisons)
             return;
         this.#showVerdict(found);
         find('#file-differences').hidden = found.differences.length === 0;

@@ -20,7 +20,9 @@ export class PaletteView {
     #at = 0; // the chosen index
     #loaded; // the palette without what was set here, and whether it is the built-in one
     #isBuiltIn = true;
-    #expected = null; // what is to come of the change that is being carried out
+    #own = []; // the palette that the last change here has made, and those still to come
+    #turn = Promise.resolve(); // of the changes, which are carried out one after the other
+    #filled = ''; // what the form was filled with
 
     constructor(live, actions) {
         this.#live = live;
@@ -68,18 +70,24 @@ export class PaletteView {
             showOutcome(find('#palette-outcome'), 'Alpha is a number of 0 to 255.');
     }
 
-    // Gives the chosen index a colour.
+    // Gives the chosen index a colour, on top of the changes that are still to come.
     #change(color) {
-        const palette = withColor(this.#live.palette, this.#at, color);
-        this.#expected = palette;
-        return this.#isBuiltIn && isSamePalette(palette, this.#loaded)
-            ? this.#remove() : this.#put(paletteFile(palette));
+        const palette = withColor(this.#own.at(-1) ?? this.#live.palette, this.#at, color);
+        this.#own.push(palette);
+        const isLoaded = this.#isBuiltIn && isSamePalette(palette, this.#loaded);
+        this.#turn = this.#turn.then(async () => {
+            const {good} = await (isLoaded ? this.#remove() : this.#put(paletteFile(palette)));
+            if (!good)
+                this.#own = this.#own.filter((each) => each !== palette);
+        });
     }
 
-    // Another palette than the one that a change here has made is a loaded one.
+    // Another palette than those that changes here have made is a loaded one.
     #take() {
         const {palette, hasDefaultPalette} = this.#live;
-        if (this.#expected === null || !isSamePalette(palette, this.#expected)) {
+        const at = this.#own.findIndex((each) => isSamePalette(palette, each));
+        this.#own = at === -1 ? [] : this.#own.slice(at);
+        if (at === -1) {
             this.#loaded = palette;
             this.#isBuiltIn = hasDefaultPalette;
         }
@@ -155,15 +163,19 @@ export class PaletteView {
         this.#fill();
     }
 
-    // Has the form show the chosen colour.
+    // Has the form show the chosen colour, but leaves alone what was typed while it stays the same.
     #fill() {
         const color = this.#color(this.#at);
+        const loaded = this.#color(this.#at, this.#loaded);
+        setOff(find('#palette-back'), color.every((part, at) => part === loaded[at]));
+        const filled = [this.#at, ...color].join();
+        if (filled === this.#filled)
+            return;
+        this.#filled = filled;
         setText(find('#palette-name'), `Colour ${this.#at}`);
         find('#palette-color').value = colorCode(color);
         find('#palette-alpha').value = String(color[3]);
         find('#palette-alpha').removeAttribute('aria-invalid');
-        const loaded = this.#color(this.#at, this.#loaded);
-        setOff(find('#palette-back'), color.every((part, at) => part === loaded[at]));
     }
 
     #key(event) {

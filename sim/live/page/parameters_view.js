@@ -87,9 +87,16 @@ class Field {
     }
 
     set #value(value) {
-        if (isSwitch(this.#row))
+        if (isSwitch(this.#row)) {
             this.#input.checked = Number(value) !== 0;
-        else if (this.#input.value !== value)
+            return;
+        }
+        // The application takes 01 for 1: the choice of the same number has the same spelling.
+        const choice = [...this.#input.options ?? []].find((each) =>
+            Number(each.value) === Number(value));
+        if (choice)
+            choice.value = value;
+        if (this.#input.value !== value)
             this.#input.value = value;
     }
 

@@ -43,6 +43,24 @@ test('parameters are saved, loaded, compared and applied', async (t) => {
     await stage.showsSnapshot(1);
 });
 
+test('a comparison that comes late is dropped', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    assert.equal(stage.osd('update', '--Post0String=a').status, 0);
+    await stage.click('#tab-file');
+    await loadFile(stage, '[osd]\nPost0String=a\n');
+    const same = 'It says nothing else than what is in force.';
+    await stage.text('#file-verdict', same);
+    const {held, release} = await stage.holdBack('POST', '**/api/parameters/compare');
+    assert.equal(stage.osd('update', '--Post0String=b').status, 0);
+    await held;
+    const asked = stage.page.waitForResponse('**/api/parameters/compare');
+    assert.equal(stage.osd('update', '--Post0String=a').status, 0);
+    await asked;
+    await release();
+    assert.equal(await stage.page.textContent('#file-verdict'), same);
+});
+
 test('a file that the application refuses is told in its words', async (t) => {
     const stage = await Stage.open(t);
     await stage.startApplication();

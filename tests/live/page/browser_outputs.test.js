@@ -29,7 +29,8 @@ test('a date that the form switches on comes into the picture', async (t) => {
         document.querySelector('#canvas-1').toDataURL());
     await stage.click('#parameter-groups [data-group="1"]');
     await stage.page.check('#field-Post1DateOn');
-    await stage.text('#apply-commands code', `${QM5OSD_PROGRAM} update --Post1DateOn=1`);
+    await stage.text('#apply-commands code',
+                     stage.shownCommand(QM5OSD_PROGRAM, 'update --Post1DateOn=1'));
     assert.equal(await stage.update(), 'Done.');
     await stage.text('#commands li:last-child', /qm5osd update --Post1DateOn=1$/);
     await stage.showsSnapshot(1);
@@ -187,6 +188,59 @@ test('a single colour is set, and given back what the loaded palette has', async
     assert.equal(stage.sim('palette').stdout, own);
 });
 
+test('a palette that comes late is dropped', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await stage.click('#tab-palette');
+    await stage.page.locator('#palette-rows td').nth(3).click();
+    const load = (line) => {
+        const file = path.join(stage.folder, 'own');
+        writeFileSync(file, `${line}\n`);
+        assert.equal(stage.sim('palette', '--load', file).status, 0);
+    };
+    const {held, release} = await stage.holdBack('GET', '**/api/palette');
+    load('3 10 200 30 255');
+    await held;
+    load('3 200 10 30 255');
+    await stage.text('#palette-readout', /^3: red 200, /);
+    await release();
+    assert.match(await stage.page.textContent('#palette-readout'), /^3: red 200, /);
+});
+
+test('colours that are set one soon after the other are all kept', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await stage.click('#tab-palette');
+    const {release} = await stage.holdBack('GET', '**/api/palette');
+    const cells = stage.page.locator('#palette-rows td');
+    await cells.nth(3).click();
+    await setColor(stage, '#0ac81e', '128');
+    await cells.nth(5).click();
+    await setColor(stage, '#010203', '4');
+    await stage.text('#palette-readout', /^5: red 1, green 2, blue 3, alpha 4 /);
+    await release();
+    assert.match(stage.sim('palette').stdout, /^ *3 +10 +200 +30 +128$[^]*^ *5 +1 +2 +3 +4$/m);
+    await stage.click('#palette-back');
+    await until(() => /^ *5 /m.test(stage.sim('palette').stdout) &&
+        !/^ *5 +1 +2 +3 +4$/m.test(stage.sim('palette').stdout), 'it has its own again');
+    assert.match(stage.sim('palette').stdout, /^ *3 +10 +200 +30 +128$/m);
+});
+
+test('a colour that is being typed stays while the page is hidden', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.click('#tab-palette');
+    await stage.page.fill('#palette-color', '#123456');
+    await stage.page.fill('#palette-alpha', '77');
+    await stage.turn(true);
+    const read = stage.page.waitForResponse('**/api/palette');
+    await stage.turn(false);
+    await (await read).finished();
+    stage.setPost(2, '352x288');
+    await stage.text('#post-2 .post-size', '352 × 288');
+    assert.equal(await stage.page.inputValue('#palette-color'), '#123456');
+    assert.equal(await stage.page.inputValue('#palette-alpha'), '77');
+});
+
 test('a picture of the user comes below the OSDs', async (t) => {
     const stage = await Stage.open(t);
     stage.setPost(2, '64x36');
@@ -338,4 +392,41 @@ test('only what has changed is fetched, and nothing without a change', async (t)
     assert.deepEqual([...new Set(asked)], ['/api/posts/0/osds/3']);
     assert.equal(stage.osd('update', '--Post0TimeOn=0').status, 0);
     await stage.showsSnapshot(0);
+});
+
+test('pixels that got lost on their way are told and fetched again', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    let lost = 0;
+    await stage.page.route('**/api/posts/0/osds/*', (route) =>
+        (lost++ === 0 ? route.abort('connectionreset') : route.continue()));
+    assert.equal(stage.osd('update', '--Post0TypeOn=1').status, 0);
+    await stage.text('#post-0 .error',
+                     'This picture is not up to date: The server does not answer.');
+    await stage.showsSnapshot(0);
+    await until(() => stage.page.locator('#post-0 .error').isHidden(), 'it is there');
+});
+
+test('what is set is painted within a quarter of a second', async (t) => {
+    const stage = await Stage.open(t);
+    stage.sim('setting', 'record', '1');
+    await stage.startApplication();
+    await stage.page.evaluate(() => {
+        globalThis.paints = [];
+        const put = CanvasRenderingContext2D.prototype.putImageData;
+        CanvasRenderingContext2D.prototype.putImageData = function (...words) {
+            put.apply(this, words);
+            if (this.canvas.id === 'canvas-1')
+                globalThis.paints.push(Date.now());
+        };
+    });
+    assert.equal(stage.osd('update', '--Post1TimeOn=1').status, 0);
+    const paints = await until(() => stage.page.evaluate(() =>
+        globalThis.paints.length >= 9 && globalThis.paints), 'the time goes on');
+    const sets = stage.sim('calls').stdout.trim().split('\n').map((line) => JSON.parse(line))
+        .filter(({call}) => call === 'set_osd').map(({time}) => Date.parse(time));
+    const late = sets.filter((set) => set <= paints.at(-1))
+        .map((set) => paints.find((paint) => paint >= set) - set).sort((one, other) => one - other);
+    assert.ok(late.length >= 8, `${late.length} sets`);
+    assert.ok(late[late.length >> 1] < 250, `milliseconds: ${late.join(' ')}`);
 });

@@ -56,7 +56,8 @@ test('what a shell would touch reaches the application untouched', async (t) => 
     const text = `it's $HOME "&" \\;`;
     await stage.page.fill('#field-Post0String', text);
     await stage.text('#apply-commands code',
-                     `${QM5OSD_PROGRAM} update '--Post0String=it'\\''s $HOME "&" \\;'`);
+                     stage.shownCommand(QM5OSD_PROGRAM,
+                                        `update '--Post0String=it'\\''s $HOME "&" \\;'`));
     assert.equal(await stage.update(), 'Done.');
     assert.equal(stage.inForce('Post0String'), text);
     await stage.page.fill('#field-Post0String', '');
@@ -71,7 +72,7 @@ test('a parameter of files alone is changed through a file', async (t) => {
     await stage.choose('');
     assert.equal(await stage.page.locator('#panel-parameters .tag:visible').count(), 12);
     await stage.page.fill('#field-OsdDateFgColor', '2');
-    await stage.text('#apply-commands code', /\/qm5osd update -f \/\S+\/page-[0-9a-f]{8}\.conf$/);
+    await stage.text('#apply-commands code', /\/qm5osd update -f \/\S+\/page-[0-9a-f]{16}\.conf$/);
     await stage.text('#apply-commands pre', '[osd]\nOsdDateFgColor=2');
     assert.equal(await stage.update(), 'Done.');
     assert.match(readFileSync('/tmp/osd_tmp_param.txt', 'utf8'), /^OsdDateFgColor=2$/m);
@@ -103,10 +104,32 @@ test('a copied command does by itself what the page would do', async (t) => {
     await stage.text('#apply-commands code', /copied/);
     await stage.click('#apply-commands button');
     await stage.text('#apply-commands button', 'Copied');
-    const command = await stage.page.evaluate(() => navigator.clipboard.readText());
-    const env = {...process.env, QM5SIM_STATE: stage.folder};
-    assert.equal(spawnSync('sh', ['-c', command], {env}).status, 0);
+    const run = async () => {
+        const command = await stage.page.evaluate(() => navigator.clipboard.readText());
+        const env = {...process.env, QM5SIM_STATE: '/nobody/uses/this'}; // the shell's own
+        assert.equal(spawnSync('sh', ['-c', command], {env, cwd: '/'}).status, 0);
+    };
+    await run();
     assert.equal(stage.inForce('Post0String'), 'it\'s "copied"');
+    await stage.click('#tab-faults');
+    await stage.click('#fault-copy');
+    await stage.text('#fault-copy', 'Copied');
+    await run();
+    assert.match(stage.sim('fault').stdout, /open_osd next fail gone1/);
+});
+
+test('a number that is spelt otherwise is shown as what it is', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    assert.equal(stage.osd('update', '--Post0Osd0ColorType=01', '--Post0Rectangle0On=02').status, 0);
+    const chosen = (key) => stage.page.locator(`#field-Post0${key} option:checked`);
+    await stage.text('#field-Post0Rectangle0On option:checked', '2: yes');
+    assert.match(await chosen('Osd0ColorType').textContent(), /^1: /);
+    const type = stage.page.locator('#field-Post0Osd0ColorType');
+    await type.selectOption({index: 2});
+    await stage.text('#apply-count', '1 change');
+    await type.selectOption({index: 1});
+    await stage.text('#apply-count', 'No change.');
 });
 
 test('changes are saved as a file, which tells what it cannot hold', async (t) => {
