@@ -34,8 +34,8 @@ function setLamp(name, text, kind) {
 export class StatusView {
     #live;
     #actions;
-    #troubles = new Map(); // text of each trouble that the reports tell of, to the newest handle then
-    #dismissed = new Set(JSON.parse(sessionStorage.getItem(DISMISSED) ?? '[]'));
+    #troubles = new Map(); // text of each that the reports tell of, to the newest handle then
+    #dismissed = new Map(JSON.parse(sessionStorage.getItem(DISMISSED) ?? '[]')); // likewise
     #told = {report: ''};
     #failure = null; // of the last button pressed above: its name and text
     #wasRunning = null;
@@ -146,33 +146,38 @@ export class StatusView {
     // Old lines say nothing of a trouble where an OSD is open, which may be newer than they are.
     #takeReports({reset, old, text}) {
         if (reset && !old)
-            this.#troubles.clear();
+            this.#forgetTroubles(() => true);
         const lines = splitReports(text);
         const error = lines.findLast(isError);
         if (error)
             this.#tell('report', `Error report: ${error}`, reset);
         const handle = this.#newestHandle();
         for (const trouble of lines.map(troubleOf).filter(Boolean)) {
-            if (!old)
-                this.#setDismissed(trouble, false);
-            if (!old || (handle === 0 && !this.#dismissed.has(trouble)))
+            if (!this.#dismissed.has(trouble) && (!old || handle === 0))
                 this.#troubles.set(trouble, handle);
         }
         this.#showNotices();
     }
 
-    // What was dismissed stays so when the page is loaded anew, until it is told again.
-    #setDismissed(trouble, isDismissed) {
-        if (isDismissed)
-            this.#dismissed.add(trouble);
-        else
-            this.#dismissed.delete(trouble);
+    // It stays dismissed though the server tells it with each attempt, and the page is loaded anew.
+    #dismiss(trouble) {
+        this.#dismissed.set(trouble, this.#newestHandle());
+        this.#troubles.delete(trouble);
+        this.#keepDismissed();
+    }
+
+    #keepDismissed() {
         sessionStorage.setItem(DISMISSED, JSON.stringify([...this.#dismissed]));
     }
 
-    #dismiss(trouble) {
-        this.#troubles.delete(trouble);
-        this.#setDismissed(trouble, true);
+    #forgetTroubles(isOver) {
+        for (const troubles of [this.#troubles, this.#dismissed]) {
+            for (const [text, handle] of troubles) {
+                if (isOver(handle))
+                    troubles.delete(text);
+            }
+        }
+        this.#keepDismissed();
     }
 
     #newestHandle() {
@@ -183,10 +188,7 @@ export class StatusView {
     // An OSD that was opened since says that the trouble is over.
     #dropOldTroubles() {
         const newest = this.#newestHandle();
-        for (const [text, handle] of this.#troubles) {
-            if (newest > handle)
-                this.#troubles.delete(text);
-        }
+        this.#forgetTroubles((handle) => newest > handle);
     }
 
     #notices() {

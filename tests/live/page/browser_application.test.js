@@ -98,10 +98,18 @@ function fontFile(stage, font) {
     return file;
 }
 
-// Waits until the page has taken what the server has told, and sees that the font is no trouble.
-async function seesNoTrouble(stage, size) {
-    stage.setPost(3, size);
-    await stage.text('#post-3 .post-size', size.replace('x', ' × '));
+// Has the application open an OSD with this font, which the page sees.
+async function useFont(stage, font) {
+    assert.equal(stage.osd('update', '-f', fontFile(stage, font)).status, 0);
+    assert.equal(stage.osd('update', '--Post0TypeOn=0').status, 0);
+    assert.equal(stage.osd('update', '--Post0TypeOn=1').status, 0);
+    await stage.text('#slots-rows', /Label/);
+}
+
+// Waits until the page knows of one more fault, and sees that by then the font is no trouble.
+async function seesNoTrouble(stage, faults) {
+    stage.sim('fault', 'add', 'library_init', 'next', 'delay', '1');
+    await stage.text('#text-faults', faults);
     await stage.text('#reports', /New_Face error/);
     assert.doesNotMatch(await stage.page.textContent('#notices'), /font/);
 }
@@ -122,32 +130,35 @@ test('a font that cannot be opened is told until it can', async (t) => {
     await stage.checkAccessibility('a font that cannot be opened');
     await stage.page.reload();
     await stage.text('#notices', trouble);
-    assert.equal(stage.osd('update', '-f', fontFile(stage, font)).status, 0);
-    assert.equal(stage.osd('update', '--Post0TypeOn=0').status, 0);
-    assert.equal(stage.osd('update', '--Post0TypeOn=1').status, 0);
-    await stage.text('#slots-rows', /Label/);
+    await useFont(stage, font);
     await until(async () => !/font/.test(await stage.page.textContent('#notices')), 'it is over');
     await stage.turn(true);
     await stage.turn(false);
-    await seesNoTrouble(stage, '352x288');
+    await seesNoTrouble(stage, '1 fault');
     await stage.page.reload();
-    await seesNoTrouble(stage, '640x360');
+    await seesNoTrouble(stage, '2 faults');
 });
 
-test('a trouble that was dismissed stays so until it is met again', async (t) => {
+test('a trouble that was dismissed stays so until it is over', async (t) => {
     const stage = await Stage.open(t);
     await stage.startApplication();
-    const file = fontFile(stage, '/no/such/font.ttf');
-    stage.osd('update', '-f', file, '--Post0TypeOn=1');
+    const font = await stage.page.inputValue('#field-OsdFontFile');
+    const spoil = (option) =>
+        stage.osd('update', '-f', fontFile(stage, '/no/such/font.ttf'), option);
+    spoil('--Post0TypeOn=1');
     await stage.text('#notices', /The font cannot be opened/);
     await stage.click('#notices button');
-    await seesNoTrouble(stage, '352x288');
+    spoil('--Post0DateOn=1'); // which tells it once more
+    const told = stage.page.locator('#reports li', {hasText: 'New_Face'});
+    await until(async () => await told.count() > 3, 'it has been told again');
+    await seesNoTrouble(stage, '1 fault');
     await stage.turn(true);
     await stage.turn(false);
-    await seesNoTrouble(stage, '640x360');
+    await seesNoTrouble(stage, '2 faults');
     await stage.page.reload();
-    await seesNoTrouble(stage, '352x288');
-    stage.osd('update', '-f', file, '--Post1TypeOn=1');
+    await seesNoTrouble(stage, '3 faults');
+    await useFont(stage, font);
+    spoil('--Post1TypeOn=1');
     await stage.text('#notices', /The font cannot be opened/);
 });
 
