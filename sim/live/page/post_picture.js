@@ -118,17 +118,20 @@ export class PostPicture {
             this.#close();
             return;
         }
-        const isNew = await this.#updateBackground(post);
+        const key = `${post.width}x${post.height} ${post.background}`;
+        const isNew = await this.#updateBackground(post, key);
         if (!fits(this.picture, post))
             return;
         const old = this.layers;
         const shown = post.osds.filter((osd) => osd.shown);
         const layers = await Promise.all(shown.map((osd) => this.#updateLayer(osd)));
         this.layers = layers.filter((layer) => layer !== null);
-        if (isNew)
-            this.repaint();
-        else
+        if (!isNew) {
             this.#repaintChanged(old);
+            return;
+        }
+        this.repaint();
+        this.#backgroundKey = key; // not before: a layer that was lost has all of it made again
     }
 
     #close() {
@@ -140,15 +143,13 @@ export class PostPicture {
         this.#repainted();
     }
 
-    async #updateBackground(post) {
-        const key = `${post.width}x${post.height} ${post.background}`;
+    async #updateBackground(post, key) {
         if (key === this.#backgroundKey)
             return false;
         const background = await fetchBackground(this.#number);
         if (!fits(background, post)) // it has another size by now
             return false;
         this.background = background;
-        this.#backgroundKey = key;
         this.picture = newPicture(post.width, post.height);
         return true;
     }

@@ -405,6 +405,10 @@ test('pixels that got lost on their way are told and fetched again', async (t) =
                      'This picture is not up to date: The server does not answer.');
     await stage.showsSnapshot(0);
     await until(() => stage.page.locator('#post-0 .error').isHidden(), 'it is there');
+    lost = 0;
+    await stage.page.reload();
+    await until(() => lost > 1, 'the first of a new page was lost, too');
+    await stage.showsSnapshot(0);
 });
 
 test('what is set is painted within a quarter of a second', async (t) => {
