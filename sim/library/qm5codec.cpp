@@ -247,11 +247,16 @@ static bool sim_is_excuse(std::uint32_t error)
     return sim_tells_gone(error) || error == QM5_CL_ERROR_OPEN_REFUSED;
 }
 
+// Of a post an open has failed, and none has succeeded since. The pass that met the failure still
+// draws on what is open, and then forgets it all the same.
+static bool sim_is_forgotten[SIM_POSTS];
+
 // Keeps errno.
 static void sim_excuse_post(std::uint32_t post)
 {
     if (post == SIM_ANY_POST || !sim_is_excuse(static_cast<std::uint32_t>(errno)))
         return;
+    sim_is_forgotten[post] = true;
     sim_lock();
     for (std::uint32_t number = 0; number < SIM_OSDS; number++) {
         if (sim->post[post].osd[number].handle != 0)
@@ -352,7 +357,8 @@ static int sim_reach_osd(std::uint32_t res_id, std::uint32_t handle, sim_call *c
         if (call->post->osd[i].handle == handle) {
             call->osd = &call->post->osd[i];
             call->osd_number = i;
-            sim_note_gone(call->post_number, i, 0);
+            if (!sim_is_forgotten[call->post_number])
+                sim_note_gone(call->post_number, i, 0);
             return 0;
         }
     }
@@ -441,6 +447,7 @@ static int sim_try_open(std::uint32_t res_id, const qm5_cl_osd_param *param, std
     if (sim_make_osd(call, param) != 0)
         return sim_end_call(call, -1);
     const sim_osd *osd = &call->post->osd[param->number];
+    sim_is_forgotten[call->post_number] = false;
     sim_note_gone(call->post_number, param->number, 0); // the application knows another one now
     *handle = osd->handle;
     *aux = 0xA0000000 + param->number;
