@@ -45,10 +45,10 @@ TEST_F(LiveDemo, shows_the_page_until_it_is_interrupted)
     })) << text;
     // The command that the demo prints has any shell work on its codec.
     ASSERT_TRUE(wait_until([&] { return printed_by(demo).find("Ctrl-C") != std::string::npos; }));
-    text = printed_by(demo);
+    const std::string all = printed_by(demo); // `found` is still in the other one
     const std::regex commands("For commands of your own: (export [^\n]*)\n");
     std::smatch export_line;
-    ASSERT_TRUE(std::regex_search(text, export_line, commands)) << text;
+    ASSERT_TRUE(std::regex_search(all, export_line, commands)) << all;
     const std::string line = export_line[1];
     const Ended shell =
         run({"/bin/sh", "-c", "cd / && " + line + " && qm5sim setting && qm5osd status"});
