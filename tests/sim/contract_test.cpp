@@ -765,7 +765,11 @@ TEST_F(DownContract, write_after_set_is_told_by_the_end_of_the_process_at_the_la
 // A cut off file can't be written to through its mapping.
 TEST_F(DownContract, file_that_is_cut_off_is_named_before_that_ends_the_process)
 {
-    for (const char *file : {"post2-osd3", "state"}) {
+    std::vector<const char *> files = {"post2-osd3"};
+#ifndef __arm__ // whose emulator ends the process without the line
+    files.push_back("state");
+#endif
+    for (const char *file : files) {
         testing::internal::CaptureStderr();
         EXPECT_EQ(signal_of([this, file] {
                       std::signal(SIGBUS, SIG_DFL); // a sanitizer would have it
