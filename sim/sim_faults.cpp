@@ -183,10 +183,16 @@ const char *sim_parse_fault(const char *line, sim_fault *fault)
     return sim_has_post(fault->operation) ? nullptr : "the operation is no post's";
 }
 
-bool sim_parse_loaded(const char *line, std::uint32_t *number)
+bool sim_parse_loaded(const char *line, std::int64_t *number)
 {
+    char word[32];
+    long long read = 0;
     int end = 0;
-    return sscanf(line, "loaded %9u %n", number, &end) == 1 && end != 0 && line[end] == '\0';
+    if (sscanf(line, "loaded %31s %n", word, &end) != 1 || line[end] != '\0' ||
+        !sim_parse_number(word, 0, INT64_MAX, &read))
+        return false;
+    *number = read;
+    return true;
 }
 
 const char *sim_add_fault(const char *line, sim_fault_list *list)

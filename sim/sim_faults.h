@@ -25,7 +25,8 @@
 // is a call of the application's callback. `post N` limits a fault to one post's calls.
 //
 // All faults of a list begin to count their calls, also those that were there already, if it is
-// `loaded` with another number than the list before it; without that line the number is 0.
+// `loaded` with another number than the list before it; without that line the number is 0. The
+// tool takes the time for it.
 #pragma once
 
 #include <cstddef>
@@ -89,8 +90,9 @@ struct sim_fault {
 constexpr std::size_t SIM_FAULTS = 32; // at a time
 constexpr std::size_t SIM_FAULT_LINE = 128;
 
-// The most bytes that a file of faults, or one of settings, may have.
-constexpr std::size_t SIM_LONGEST_TEXT = SIM_FAULTS * SIM_FAULT_LINE - 1;
+// The most bytes that a file of faults, or one of settings, may have: room for the longest faults
+// and a line that tells when they were loaded.
+constexpr std::size_t SIM_LONGEST_TEXT = (SIM_FAULTS + 1) * SIM_FAULT_LINE - 1;
 
 // Reads a line, with or without its line feed. NULL, or why it can't be understood.
 const char *sim_parse_fault(const char *line, sim_fault *fault);
@@ -98,11 +100,11 @@ const char *sim_parse_fault(const char *line, sim_fault *fault);
 struct sim_fault_list {
     sim_fault fault[SIM_FAULTS];
     std::size_t count;
-    std::uint32_t loaded;
+    std::int64_t loaded;
 };
 
 // Reads a line as the next of a list. NULL, or why the list can't have it; it is of no use then.
 const char *sim_add_fault(const char *line, sim_fault_list *list);
 
 // Reads `loaded NUMBER`, without a line feed; false for any other line.
-bool sim_parse_loaded(const char *line, std::uint32_t *number);
+bool sim_parse_loaded(const char *line, std::int64_t *number);

@@ -347,23 +347,32 @@ static int sim_reach_post(std::uint32_t res_id, sim_call *call)
     return 0;
 }
 
+// The number of a post's OSD, or SIM_OSDS if none has this handle.
+static std::uint32_t sim_find_osd(std::uint32_t post, std::uint32_t handle)
+{
+    for (std::uint32_t i = 0; i < SIM_OSDS && handle != 0; i++) {
+        if (sim->post[post].osd[i].handle == handle)
+            return i;
+    }
+    return SIM_OSDS;
+}
+
 // And its OSD, which is in use then, whatever has failed before.
 static int sim_reach_osd(std::uint32_t res_id, std::uint32_t handle, sim_call *call)
 {
     sim_check_given(call->operation, res_id, handle);
+    const std::uint32_t post = sim_find_post(res_id);
+    if (post != SIM_ANY_POST && sim_find_osd(post, handle) == SIM_OSDS)
+        sim_check_handle(call->operation, handle);
     if (sim_reach_post(res_id, call) != 0)
         return -1;
-    for (std::uint32_t i = 0; i < SIM_OSDS && handle != 0; i++) {
-        if (call->post->osd[i].handle == handle) {
-            call->osd = &call->post->osd[i];
-            call->osd_number = i;
-            if (!sim_is_forgotten[call->post_number])
-                sim_note_gone(call->post_number, i, 0);
-            return 0;
-        }
-    }
-    sim_check_handle(call->operation, handle);
-    return sim_end_call(call, sim_fail(QM5_CL_ERROR_GONE_2));
+    call->osd_number = sim_find_osd(call->post_number, handle);
+    if (call->osd_number == SIM_OSDS)
+        return sim_end_call(call, sim_fail(QM5_CL_ERROR_GONE_2));
+    call->osd = &call->post->osd[call->osd_number];
+    if (!sim_is_forgotten[call->post_number])
+        sim_note_gone(call->post_number, call->osd_number, 0);
+    return 0;
 }
 
 static int sim_thread_get_status(std::uint32_t res_id, qm5_cl_post_status *status)
@@ -420,16 +429,13 @@ static bool sim_check_param(const sim_call *call, const qm5_cl_osd_param *param)
 }
 
 // Is an OSD free to be opened, or forgotten by an application that may? If not, that's a breach.
-static bool sim_free_osd(const sim_call *call, std::uint32_t number)
+static bool sim_check_free(sim_operation operation, std::uint32_t post, std::uint32_t number)
 {
-    const std::uint32_t handle = call->post->osd[number].handle;
-    if (handle != 0 && !sim_has_gone(handle)) {
-        sim_breach(call->operation, "param: OSD %u of post %u is open", number, call->post_number);
-        return false;
-    }
-    if (handle != 0)
-        sim_end_osd(call->post_number, number, call->operation);
-    return true;
+    const std::uint32_t handle = post != SIM_ANY_POST ? sim->post[post].osd[number].handle : 0;
+    if (handle == 0 || sim_has_gone(handle))
+        return true;
+    sim_breach(operation, "param: OSD %u of post %u is open", number, post);
+    return false;
 }
 
 static int sim_try_open(std::uint32_t res_id, const qm5_cl_osd_param *param, std::uint32_t *handle,
@@ -440,10 +446,12 @@ static int sim_try_open(std::uint32_t res_id, const qm5_cl_osd_param *param, std
     sim_check_old_handle(call->operation, *handle);
     if (!sim_check_param(call, param))
         return sim_end_call(call, sim_fail(SIM_ERROR_ARGUMENT));
+    if (!sim_check_free(call->operation, sim_find_post(res_id), param->number))
+        return sim_end_call(call, sim_fail(SIM_ERROR_BUSY));
     if (sim_reach_post(res_id, call) != 0)
         return -1;
-    if (!sim_free_osd(call, param->number))
-        return sim_end_call(call, sim_fail(SIM_ERROR_BUSY));
+    if (call->post->osd[param->number].handle != 0) // a forgotten one
+        sim_end_osd(call->post_number, param->number, call->operation);
     if (sim_make_osd(call, param) != 0)
         return sim_end_call(call, -1);
     const sim_osd *osd = &call->post->osd[param->number];

@@ -76,10 +76,11 @@ static bool sim_require_text(const sim_control_file *file)
     return file->is_read;
 }
 
-// Takes both texts, or neither; false if one can't be understood. The first list of faults may be
-// the one of the process before.
-static bool sim_take_texts(const sim_control_file *settings, const sim_control_file *faults,
-                           bool is_first)
+// Has this process taken a list of faults? The first one may be that of the process before.
+static bool sim_has_taken;
+
+// Takes both texts, or neither; false if one can't be understood.
+static bool sim_take_texts(const sim_control_file *settings, const sim_control_file *faults)
 {
     sim_settings setting = sim_setting;
     sim_fault_list list = {};
@@ -91,10 +92,11 @@ static bool sim_take_texts(const sim_control_file *settings, const sim_control_f
                         [&list](const char *line) { return sim_add_fault(line, &list); });
     if (!settings_are_good || !faults_are_good)
         return false;
-    if (!is_first && list.loaded != sim_faults.loaded) {
+    if (sim_has_taken && list.loaded != sim_faults.loaded) {
         sim_forget_counts();
         sim_faults.count = 0;
     }
+    sim_has_taken = true;
     sim_setting = setting;
     sim_take_faults(&list);
     return true;
@@ -117,6 +119,7 @@ static bool sim_has_looked;
 void sim_forget_control()
 {
     sim_has_looked = false;
+    sim_has_taken = false;
     sim_begin();
     sim->control = 0;
     sim_end();
@@ -142,7 +145,7 @@ void sim_read_control()
     if (is_first && sim->faults_time != faults_time)
         sim_forget_counts();
     sim->faults_time = faults_time;
-    if (is_new && sim_take_texts(&settings, &faults, is_first))
+    if (is_new && sim_take_texts(&settings, &faults))
         sim->control = hash;
     sim_end();
 }

@@ -1,6 +1,7 @@
 // OSD memory as the application gets it, and who touches it where or when nobody may: that ends the
 // process by a signal, and before it the breach is told.
 #include "sim_library.h"
+#include "sim_record.h"
 
 #include <cerrno>
 #include <csignal>
@@ -195,6 +196,8 @@ static void sim_tell_cut(const std::uint8_t *address)
     const std::size_t head = line.length;
     if (sim_is_mapped_at(sim, sizeof *sim, address))
         sim_put(&line, "state");
+    else if (sim_has_recorded_at(address))
+        sim_put(&line, "calls");
     for (std::uint32_t i = 0; i < SIM_POSTS * SIM_OSDS; i++) {
         const sim_memory *memory = sim_get_memory(i / SIM_OSDS, i % SIM_OSDS);
         if (!sim_is_mapped_at(memory->shown, memory->guarded.size, address))

@@ -286,6 +286,19 @@ void sim_record_stop()
     pthread_mutex_unlock(&sim_record_mutex);
 }
 
+static bool sim_is_in(const void *map, std::size_t size, const void *address)
+{
+    const auto *first = static_cast<const std::uint8_t *>(map);
+    const auto *at = static_cast<const std::uint8_t *>(address);
+    return first && at >= first && at < first + size;
+}
+
+bool sim_has_recorded_at(const void *address)
+{
+    return sim_is_in(sim_head, sizeof *sim_head, address) ||
+           sim_is_in(sim_window, SIM_WINDOW, address);
+}
+
 static void sim_let_rest()
 {
     if (sim_record_stage != SIM_RECORD_OPEN)

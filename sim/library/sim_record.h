@@ -17,6 +17,9 @@ void sim_record_stop();
 // opened again for a call that comes all the same.
 void sim_record_rest();
 
+// Is an address in a mapping of the file of calls? A signal handler may ask.
+bool sim_has_recorded_at(const void *address);
+
 // Is there anything to be recorded? Costs nothing.
 bool sim_is_recording();
 

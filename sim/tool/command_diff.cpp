@@ -3,6 +3,8 @@
 // the calls of two threads, or on two posts, fall between each other.
 #include "commands.h"
 
+#include "file_io.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -48,6 +50,8 @@ private:
 
 // ---- Reading ------------------------------------------------------------------------------------
 
+constexpr std::size_t LONGEST_CALL = std::size_t{1} << 20;
+
 // The lines of one run, as `qm5sim calls` has printed them; a pipe will do.
 class Lines
 {
@@ -57,8 +61,11 @@ public:
         std::ifstream in(file_);
         if (!in)
             throw std::runtime_error(file_ + ": " + std::strerror(errno));
-        for (std::string line; std::getline(in, line);)
+        for (std::string line; sim_reader::read_line(in, line, LONGEST_CALL);) {
             lines_.push_back(std::move(line));
+            if (count() == 1)
+                call(1); // what has no calls may have no end
+        }
         if (in.bad())
             throw std::runtime_error(file_ + ": it can't be read");
     }
@@ -75,6 +82,8 @@ public:
     // The call of a line, counted from 1 on.
     Json call(std::size_t number) const
     {
+        if (lines_[number - 1].size() > LONGEST_CALL)
+            fail(number, "longer than " + std::to_string(LONGEST_CALL) + " bytes");
         Json call = Json::parse(lines_[number - 1], nullptr, false);
         if (call.is_discarded())
             fail(number, "no JSON");

@@ -37,7 +37,7 @@ constexpr const char *WORDS =
     "no\n"
     "                         longer in force\n"
     "post N     for this post's calls alone\n"
-    "There are 32 faults at most.\n";
+    "There are 32 faults at most, with those that don't happen again.\n";
 static_assert(SIM_FAULTS == 32);
 
 // ---- List ---------------------------------------------------------------------------------------
@@ -97,10 +97,9 @@ void load_faults(const Context &context, const fs::path &file)
     if (!sim_reader::is_there(file))
         throw std::runtime_error(file.string() + ": there is no such file");
     const std::string text = sim_reader::read_file(file);
-    control_files::parse_faults(file, text);
-    control_files::change_faults(context.folder, [&text](const std::string &before) {
-        return control_files::mark_loaded(text, before);
-    });
+    control_files::parse_faults(file, text, control_files::LONGEST_LIST);
+    control_files::change_faults(
+        context.folder, [&text](const std::string &) { return control_files::mark_loaded(text); });
     fault_list::wait_until_in_force(context.folder);
 }
 

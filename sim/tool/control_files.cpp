@@ -47,10 +47,10 @@ std::vector<std::string> split_lines(const std::string &text)
 
 // Hands `take` each line that says something; it gives nullptr, or why it refuses the line.
 template <typename Take>
-void take_lines(const fs::path &file, const std::string &text, Take take)
+void take_lines(const fs::path &file, const std::string &text, std::size_t longest, Take take)
 {
-    if (text.size() > SIM_LONGEST_TEXT)
-        fail(file, "longer than " + std::to_string(SIM_LONGEST_TEXT) + " bytes");
+    if (text.size() > longest)
+        fail(file, "longer than " + std::to_string(longest) + " bytes");
     if (text.find('\0') != std::string::npos)
         fail(file, "no text");
     std::size_t number = 0;
@@ -80,11 +80,11 @@ std::string join_words(const std::string &text)
     return joined;
 }
 
-std::vector<Fault> parse_faults(const fs::path &file, const std::string &text)
+std::vector<Fault> parse_faults(const fs::path &file, const std::string &text, std::size_t longest)
 {
     sim_fault_list list{};
     std::vector<Fault> faults;
-    take_lines(file, text, [&](const std::string &line) {
+    take_lines(file, text, longest, [&](const std::string &line) {
         const char *why = sim_add_fault(line.c_str(), &list);
         if (!why && list.count > faults.size())
             faults.push_back({list.fault[list.count - 1], join_words(line)});
@@ -93,22 +93,21 @@ std::vector<Fault> parse_faults(const fs::path &file, const std::string &text)
     return faults;
 }
 
-std::string mark_loaded(const std::string &text, const std::string &before)
+std::string mark_loaded(const std::string &text)
 {
-    std::uint32_t last = 0;
-    std::uint32_t none = 0;
-    for (const std::string &line : split_lines(before))
-        sim_parse_loaded(line.c_str(), &last);
-    std::string marked = "loaded " + std::to_string(last + 1) + '\n';
+    // A count would come again behind a list without one that the library hasn't seen.
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    std::string marked = "loaded " + std::to_string(std::chrono::nanoseconds(now).count()) + '\n';
+    std::int64_t before = 0;
     for (const std::string &line : split_lines(text))
-        marked += sim_parse_loaded(line.c_str(), &none) ? "" : line + '\n';
+        marked += sim_parse_loaded(line.c_str(), &before) ? "" : line + '\n';
     return marked;
 }
 
 sim_settings parse_settings(const fs::path &file, const std::string &text)
 {
     sim_settings settings = SIM_DEFAULT_SETTINGS;
-    take_lines(file, text, [&settings](const std::string &line) {
+    take_lines(file, text, SIM_LONGEST_TEXT, [&settings](const std::string &line) {
         return sim_parse_setting(line.c_str(), &settings);
     });
     return settings;
@@ -154,7 +153,8 @@ void change(const fs::path &folder, const char *name, const Edit &edit, Parse pa
 
 void change_faults(const fs::path &folder, const Edit &edit)
 {
-    change(folder, "faults", edit, parse_faults);
+    change(folder, "faults", edit,
+           [](const fs::path &file, const std::string &text) { parse_faults(file, text); });
 }
 
 void change_settings(const fs::path &folder, const Edit &edit)

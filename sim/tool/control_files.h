@@ -20,13 +20,17 @@ struct Fault {
     std::string line;
 };
 
+// The most bytes that a list of faults may have before it is marked as loaded.
+constexpr std::size_t LONGEST_LIST = SIM_LONGEST_TEXT - sizeof "loaded 9223372036854775807";
+
 // What a text says that was found in `file`; the first line that the library would refuse is told
 // as "file:line: why".
-std::vector<Fault> parse_faults(const std::filesystem::path &file, const std::string &text);
+std::vector<Fault> parse_faults(const std::filesystem::path &file, const std::string &text,
+                                std::size_t longest = SIM_LONGEST_TEXT);
 sim_settings parse_settings(const std::filesystem::path &file, const std::string &text);
 
-// A text of faults that begin to count their calls when they take the place of the text `before`.
-std::string mark_loaded(const std::string &text, const std::string &before);
+// The text of faults that begin to count their calls when they take the place of any others.
+std::string mark_loaded(const std::string &text);
 
 // A file's text; empty for no file.
 std::string read(const std::filesystem::path &file);

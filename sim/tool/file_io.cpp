@@ -151,6 +151,16 @@ std::string read_file(const fs::path &file, std::size_t longest)
     return read_open_file(file, in.get(), longest);
 }
 
+bool read_line(std::istream &in, std::string &line, std::size_t longest)
+{
+    line.clear();
+    for (char c; line.size() <= longest && in.get(c); line += c) {
+        if (c == '\n')
+            return true;
+    }
+    return !line.empty();
+}
+
 void write_regular_file(const fs::path &file, std::string_view bytes)
 {
     struct stat there {

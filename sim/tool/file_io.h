@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <filesystem>
+#include <istream>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -45,6 +46,10 @@ std::string read_file(const std::filesystem::path &file, std::size_t longest = L
 // Reads a regular file, and waits for nobody; nothing if there is no such file. No longer one than
 // a text.
 std::optional<std::string> read_file_if_there(const std::filesystem::path &file);
+
+// Reads a line; false at the end. Of one that is longer than `longest` bytes, which may have no
+// end, it is the first `longest` + 1.
+bool read_line(std::istream &in, std::string &line, std::size_t longest);
 
 // Writes a file whole or not at all: a draft beside it takes its place once it is complete. A link
 // is followed, and what is no regular file, as a device or a pipe, is written to as it stands.

@@ -1,5 +1,6 @@
 #include "scenario.h"
 
+#include "file_io.h"
 #include "misuse.h"
 
 #include <CLI/CLI.hpp>
@@ -113,7 +114,7 @@ void read(const std::string &file, const std::function<void(const Line &)> &take
         fail(file);
     double before = 0;
     std::size_t number = 0;
-    for (std::string text; std::getline(in, text);) {
+    for (std::string text; sim_reader::read_line(in, text, LONGEST_LINE);) {
         const std::string place = file + ':' + std::to_string(++number);
         try {
             require_text(text);

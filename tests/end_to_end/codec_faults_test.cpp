@@ -585,6 +585,19 @@ TEST_P(FailingCall, in_the_open_of_a_text_that_is_switched_on)
     finish();
 }
 
+// The server forgets the slots of a post whose open was refused, and can't close them.
+TEST_F(FaultyCodec, post_whose_open_was_refused_ends_with_the_device_and_breaks_no_rule)
+{
+    bring_up({"--Post1TypeOn=1", "--Post1TimeOn=1", "--Post3TimeOn=1"}, {"", "13", "", "3"});
+    const Code &open = REFUSED.codes.front();
+    put_faults({"open_osd next fail " + open.word + " post 1"});
+    expect_good({"--Post1StringOn=1"});
+    expect_log({slot_failed("post_open_osd", open, "Post1Osd0", "osd_do_callback_open_one")});
+    EXPECT_TRUE(have_happened(1));
+    finish();
+    EXPECT_FALSE(fs::exists(state_ + "/breaches"));
+}
+
 TEST_F(FaultyCodec, post_that_goes_while_the_slots_below_a_failed_open_are_closed)
 {
     bring_up({"--Post2TypeOn=1", "--Post3TimeOn=1"}, {"", "", "1", "3"});

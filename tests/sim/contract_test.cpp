@@ -217,6 +217,34 @@ TEST_F(Contract, arguments_are_looked_at_also_if_a_fault_fails_the_call)
     EXPECT_EQ(breach_of([&] { call_all(0); }), told) << "behind an errno that told of its end";
 }
 
+TEST_F(Contract, handles_and_open_osds_are_looked_at_also_if_a_fault_fails_the_call)
+{
+    const std::uint32_t closed = open_osd(ids_[0], {1, 16, 1, 0}).handle;
+    EXPECT_EQ(lib_.close_osd(ids_[0], closed), 0);
+    const Opened others = open_osd(ids_[1], {2, 16, 1, 0});
+    const Opened opened = open_osd(ids_[0], {2, 16, 1, 0});
+    take_up_faults("1 clear_osd every fail 0x81E00042\n2 open_osd every fail gone1\n");
+    EXPECT_EQ(breach_of([&] {
+                  EXPECT_TRUE(failed(lib_.clear_osd(ids_[0], closed), 0x81E00042));
+                  EXPECT_TRUE(failed(lib_.clear_osd(ids_[0], others.handle), 0x81E00042));
+                  EXPECT_TRUE(failed(lib_.clear_osd(ids_[0], opened.handle), 0x81E00042));
+                  std::uint32_t handle = 0;
+                  std::uint32_t word = 0;
+                  const qm5_cl_osd_param param = {2, 16, 1, 0};
+                  read_size(ids_[0]);
+                  EXPECT_TRUE(
+                      failed(lib_.open_osd(ids_[0], &param, &handle, &word, &word), 0x81E03201));
+              }),
+              "qm5sim: breach: clear_osd: handle " + hex(closed) +
+                  ": it has been closed\n"
+                  "qm5sim: breach: clear_osd: handle " +
+                  hex(others.handle) +
+                  ": it is another post's\n"
+                  "qm5sim: breach: open_osd: param: OSD 2 of post 0 is open\n");
+    EXPECT_EQ(lib_.close_osd(ids_[0], opened.handle), 0);
+    EXPECT_EQ(lib_.close_osd(ids_[1], others.handle), 0);
+}
+
 TEST_F(Contract, handle_that_was_closed_is_known_however_long_ago)
 {
     const std::uint32_t first = open_osd(ids_[0], {2, 16, 1, 0}).handle;
@@ -765,7 +793,9 @@ TEST_F(DownContract, write_after_set_is_told_by_the_end_of_the_process_at_the_la
 // A cut off file can't be written to through its mapping.
 TEST_F(DownContract, file_that_is_cut_off_is_named_before_that_ends_the_process)
 {
-    std::vector<const char *> files = {"post2-osd3"};
+    fs::create_directory(STATE);
+    write_file(std::string(STATE) + "/settings", "record 1\n");
+    std::vector<const char *> files = {"post2-osd3", "calls"};
 #ifndef __arm__ // whose emulator ends the process without the line
     files.push_back("state");
 #endif

@@ -76,6 +76,18 @@ TEST(FaultLine, is_refused_whole_for_one_wrong_word)
     EXPECT_EQ(why_not(std::string(200, 'x').c_str()), "line is too long");
 }
 
+TEST(FaultList, tells_as_what_it_was_loaded)
+{
+    std::int64_t number = 0;
+    EXPECT_TRUE(sim_parse_loaded("loaded 9223372036854775807", &number));
+    EXPECT_EQ(number, INT64_MAX);
+    EXPECT_TRUE(sim_parse_loaded("loaded\t0 ", &number));
+    EXPECT_EQ(number, 0);
+    for (const char *line : {"loaded", "loaded x", "loaded -1", "loaded 1x", "loaded 1 2",
+                             "loaded 9223372036854775808", " loaded 1", "load 1"})
+        EXPECT_FALSE(sim_parse_loaded(line, &number)) << line;
+}
+
 TEST(Setting, is_understood_whole_or_not_at_all)
 {
     sim_settings settings = SIM_DEFAULT_SETTINGS;
@@ -364,6 +376,24 @@ TEST_F(Faults, text_that_was_refused_before_a_restart_does_not_count_as_taken)
     EXPECT_EQ(failures(ids[0], 1), "x");
 }
 
+TEST_F(Faults, go_on_counting_when_settings_that_were_wrong_at_the_start_are_mended)
+{
+    const std::string faults = "loaded 7\n1 thread_get_status 3 fail gone1\n";
+    std::vector<std::uint32_t> ids = bring_up_with(faults);
+    EXPECT_EQ(failures(ids[0], 1), ".");
+    take_down();
+    write_file(std::string(STATE) + "/settings", "fast 1\n");
+    notices.clear();
+    testing::internal::CaptureStderr();
+    ids = bring_up_with_posts();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "qm5sim: /tmp/codec/settings:1: no setting, or not its values\n");
+    fs::remove(std::string(STATE) + "/settings");
+    EXPECT_TRUE(
+        wait_until([&] { return control() == sim_hash("", 0, faults.data(), faults.size()); }));
+    EXPECT_EQ(failures(ids[0], 3), ".x.");
+}
+
 TEST_F(Faults, sizes_and_lines_are_told_wrong)
 {
     const std::vector<std::uint32_t> ids =
@@ -380,12 +410,13 @@ TEST_F(Faults, what_a_failure_has_left_open_is_no_breach)
 {
     const std::vector<std::uint32_t> ids =
         bring_up_with("1 close_osd next fail 0x81E00042\n2 open_osd 4 fail refused\n");
-    const qm5_cl_osd_param param = {0, 64, 2, 0};
+    qm5_cl_osd_param param = {0, 64, 2, 0};
     const Opened lost = open_osd(ids[0], param);
     EXPECT_TRUE(failed(lib_.close_osd(ids[0], lost.handle), 0x81E00042));
     const Opened other = open_osd(ids[0], param);
     EXPECT_NE(other.handle, lost.handle);
     open_osd(ids[1], param);
+    param.number = 1;
     std::uint32_t handle = 0;
     std::uint32_t word = 0;
     EXPECT_TRUE(
@@ -406,8 +437,9 @@ TEST_F(Faults, what_a_failure_has_left_open_and_is_in_use_again_is_a_breach)
     const Opened lost = {};
     std::uint32_t handle = 0;
     std::uint32_t word = 0;
+    const qm5_cl_osd_param next = {1, 64, 2, 0};
     EXPECT_TRUE(
-        failed(lib_.open_osd(ids[1], &param, &handle, &word, &word), QM5_CL_ERROR_OPEN_REFUSED));
+        failed(lib_.open_osd(ids[1], &next, &handle, &word, &word), QM5_CL_ERROR_OPEN_REFUSED));
     EXPECT_TRUE(failed(lib_.close_osd(ids[0], kept.handle), 0x81E00042));
     EXPECT_EQ(lib_.clear_osd(ids[0], kept.handle), 0);
     qm5_cl_osd_mem mem{};
@@ -442,8 +474,8 @@ TEST_F(Faults, close_of_another_post_excuses_nothing)
 TEST_F(Faults, open_that_fails_for_another_reason_excuses_nothing)
 {
     const std::vector<std::uint32_t> ids = bring_up_with("1 open_osd 2 fail 0x81E00042\n");
-    const qm5_cl_osd_param param = {0, 64, 2, 0};
-    const Opened left = open_osd(ids[0], param);
+    const qm5_cl_osd_param param = {1, 64, 2, 0};
+    const Opened left = open_osd(ids[0], {0, 64, 2, 0});
     std::uint32_t handle = 0;
     std::uint32_t word = 0;
     EXPECT_TRUE(failed(lib_.open_osd(ids[0], &param, &handle, &word, &word), 0x81E00042));
@@ -458,7 +490,7 @@ TEST_F(Faults, text_that_is_too_long_is_refused_whole)
 {
     const std::vector<std::uint32_t> ids = bring_up_with("1 thread_get_status every fail gone1\n");
     testing::internal::CaptureStderr();
-    write_file(std::string(STATE) + "/faults", "; " + std::string(4096, 'x') + "\n");
+    write_file(std::string(STATE) + "/faults", std::string(SIM_LONGEST_TEXT + 1, '\n'));
     sim_reader::write_size(STATE, 3, 0, 0); // its notice comes behind the look at the faults
     wait_for_notice(5);
     const std::string told = testing::internal::GetCapturedStderr();

@@ -281,6 +281,14 @@ TEST_F(SimDiff, tells_file_and_line_of_what_is_no_call)
     EXPECT_TRUE(failed_with(diff(), 1, "/tmp/codec/a.jsonl: line 3: no JSON"));
 }
 
+TEST_F(SimDiff, fails_for_a_file_without_an_end)
+{
+    write_file(A, "");
+    EXPECT_TRUE(failed_with(sim({"diff", A, "/dev/zero"}), 1,
+                            "/dev/zero: line 1: longer than 1048576 bytes"));
+    EXPECT_EQ(sim({"diff", A, "/dev/urandom"}).status, 1);
+}
+
 TEST_F(SimDiff, fails_for_a_file_that_cannot_be_read)
 {
     write_file(A, "");

@@ -260,6 +260,14 @@ TEST_F(SimPlay, whole_file_is_checked_before_anything_is_done)
     expect_refused("1 clock " + zone, zone + ": longer than 63 bytes");
 }
 
+TEST_F(SimPlay, refuses_a_file_without_an_end)
+{
+    const Ended ended = run_sim({"play", "/dev/zero"});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.err, "qm5sim: /dev/zero:1: longer than 4096 bytes\n");
+    EXPECT_EQ(run_sim({"play", "/dev/urandom"}).status, 1);
+}
+
 TEST_F(SimPlay, dry_run_does_nothing)
 {
     expect_good(play("0 run touch /tmp/play/done\n"
