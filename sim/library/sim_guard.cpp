@@ -188,9 +188,11 @@ static bool sim_is_mapped_at(const void *map, std::size_t size, const std::uint8
     return map && address >= first && address < first + sim_pages_of(size);
 }
 
-// Tells which file of the folder has been cut off below its mapping, if it is one of those.
+// Tells which file of the folder has been cut off below its mapping, if it is one of those; once,
+// for the other thread may meet it at the same moment.
 static void sim_tell_cut(const std::uint8_t *address)
 {
+    static bool is_told;
     sim_line line = {};
     sim_put(&line, "qm5sim: ");
     const std::size_t head = line.length;
@@ -209,6 +211,10 @@ static void sim_tell_cut(const std::uint8_t *address)
     }
     if (line.length == head)
         return;
+    if (__atomic_exchange_n(&is_told, true, __ATOMIC_RELAXED)) {
+        sim_sleep(100); // the other thread is telling it, and the process must not end before
+        return;
+    }
     sim_put(&line, ": somebody has cut off the file, and the server ends\n");
     sim_tell_line(line.text, line.length);
 }

@@ -796,7 +796,7 @@ TEST_F(DownContract, file_that_is_cut_off_is_named_before_that_ends_the_process)
     fs::create_directory(STATE);
     write_file(std::string(STATE) + "/settings", "record 1\n");
     std::vector<const char *> files = {"post2-osd3", "calls"};
-#ifndef __arm__ // whose emulator ends the process without the line
+#ifndef __arm__ // whose emulator tells an address a page further on
     files.push_back("state");
 #endif
     for (const char *file : files) {
