@@ -408,6 +408,21 @@ TEST_F(Service, failed_start_is_no_success_to_the_unit)
     expect_good(service("stop"));
 }
 
+// A number of a unit's line, without a word for what it counts.
+int unit_number(const std::string &name)
+{
+    const std::string text = unit_words(name).at(0);
+    EXPECT_EQ(text.find_first_not_of("0123456789"), std::string::npos) << name << '=' << text;
+    return std::stoi(text);
+}
+
+TEST_F(Service, unit_counts_starts_that_fail_however_long_they_take)
+{
+    EXPECT_GE(unit_number("StartLimitIntervalSec"),
+              unit_number("StartLimitBurst") *
+                  (unit_number("TimeoutStartSec") + unit_number("RestartSec")));
+}
+
 TEST_F(Service, unit_has_no_fault_of_form)
 {
     const Ended ended = run({"/usr/bin/systemd-analyze", "verify", "--man=no",
