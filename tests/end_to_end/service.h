@@ -5,6 +5,7 @@
 #include "support/application.h"
 #include "support/files.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
@@ -84,6 +85,18 @@ protected:
     static void set_limit(int seconds)
     {
         write_file(APPLIANCE_SETTINGS, "limit=" + std::to_string(seconds) + '\n');
+    }
+
+    // Has the server hang, and run a file that the script doesn't know. It goes by a signal to its
+    // ID.
+    pid_t keep_server_from_being_ended() const
+    {
+        const pid_t pid = server();
+        kill(pid, SIGSTOP);
+        const std::string away = std::string(APPLIANCE_PROGRAM) + ".away";
+        std::filesystem::rename(APPLIANCE_PROGRAM, away);
+        std::filesystem::copy(away, APPLIANCE_PROGRAM);
+        return pid;
     }
 
     // Has the script and what it calls run a few lines of the shell in a command's place.

@@ -344,11 +344,7 @@ TEST_F(Service, server_of_a_replaced_file_is_killed_too)
 TEST_F(Service, stop_and_restart_fail_if_a_server_cant_be_ended)
 {
     expect_good(service("start"));
-    const pid_t pid = server();
-    kill(pid, SIGSTOP);
-    const std::string away = std::string(APPLIANCE_PROGRAM) + ".away";
-    fs::rename(APPLIANCE_PROGRAM, away);
-    fs::copy(away, APPLIANCE_PROGRAM);
+    const pid_t pid = keep_server_from_being_ended();
     set_limit(2);
     for (const auto &[word, status] : {std::pair("stop", 1), std::pair("restart", 7)}) {
         const Ended stopped = service(word);

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <ranges>
 #include <sys/mount.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace
@@ -202,6 +203,25 @@ TEST_F(Systemd, start_that_fails_is_not_tried_for_ever)
     fs::rename("/opt/away", "/opt/qm5/conf/qm5_app_comm.conf");
     EXPECT_EQ(systemctl("start").status, 1); // one more would be too many
     expect_good(service("start"));
+    expect_server_of_unit();
+}
+
+TEST_F(Systemd, start_fails_until_another_server_that_cant_be_ended_is_gone)
+{
+    EXPECT_EQ(tool({"start", "-l", "/var/log/by_hand"}).status, 0);
+    const pid_t another = keep_server_from_being_ended();
+    set_limit(2);
+    EXPECT_EQ(service("restart").status, 1);
+    EXPECT_TRUE(wait_until([] {
+        return property("SubState") == "auto-restart" && property("Result") == "exit-code" &&
+               property("ExecStart").find(" status=7 ") != std::string::npos;
+    })) << property("SubState")
+        << property("Result") << property("ExecStart");
+    EXPECT_EQ(property("ActiveState"), "activating");
+    kill(another, SIGKILL);
+    EXPECT_EQ(waitpid(another, nullptr, 0), another);
+    set_limit(20);
+    EXPECT_TRUE(comes_to("active"));
     expect_server_of_unit();
 }
 
