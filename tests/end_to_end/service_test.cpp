@@ -268,6 +268,35 @@ TEST_F(Service, start_fails_if_no_server_comes_up)
     expect_good(service("stop"));
 }
 
+TEST_F(Service, start_that_fails_twice_keeps_what_both_tries_said)
+{
+    write_file(APPLIANCE_SAVED, "[osd]\nPost0TypeOn=1\n");
+    sim({"fault", "add", "open_device", "every", "fail", "1"});
+    const std::string between = "qm5osd: without the saved parameters:\n";
+    for (int time = 0; time < 2; time++) { // the second start has nothing of the first one
+        EXPECT_EQ(service("start").status, 7);
+        const std::string said = read_file(std::string(APPLIANCE_LOG) + ".failed");
+        const std::string first = said.substr(0, said.find(between));
+        EXPECT_NE(first.find("qm5_cl_sys_open_device() failed"), std::string::npos) << said;
+        EXPECT_EQ(said, first + between + first);
+    }
+    EXPECT_FALSE(fs::exists(APPLIANCE_LOG));
+    expect_good(service("stop"));
+}
+
+TEST_F(Service, start_that_fails_leaves_a_log_that_is_a_device)
+{
+    write_file(support::APPLIANCE_SETTINGS, "log=/opt/nothing\n");
+    fs::create_symlink("/dev/null", "/opt/nothing");
+    sim({"fault", "add", "open_device", "every", "fail", "1"});
+    EXPECT_EQ(service("start").status, 7);
+    EXPECT_TRUE(fs::is_symlink("/opt/nothing"));
+    write_file(APPLIANCE_SAVED, "[osd]\nPost0TypeOn=1\n"); // for two tries
+    EXPECT_EQ(service("start").status, 7);
+    EXPECT_TRUE(fs::is_symlink("/opt/nothing"));
+    expect_good(service("stop"));
+}
+
 TEST_F(Service, starts_that_fail_keep_the_log_of_the_server_before)
 {
     write_file(APPLIANCE_LOG, "why it ended\n");
