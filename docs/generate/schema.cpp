@@ -16,6 +16,12 @@ using Json = nlohmann::ordered_json;
 // a byte. Readers differ in the escapes and anchors that they know, so there are none.
 constexpr const char *NO_BYTES = "[^\x01-\x09\x0b-\u00ff]";
 
+// A line holds the key, "=" and the value; what is more of the value is lost.
+std::size_t longest_on_a_line(const std::string &key)
+{
+    return PARAM_LINE_SIZE - 1 - (key + '=').size();
+}
+
 Json make_values(const Parameter &parameter)
 {
     if (parameter.range.kind == OSD_VALUE_NUMBER)
@@ -25,7 +31,8 @@ Json make_values(const Parameter &parameter)
                 {"default", std::stoul(parameter.default_text)}};
     Json values = {{"type", "string"}, {"not", {{"pattern", NO_BYTES}}}};
     if (parameter.range.kind == OSD_VALUE_PATH)
-        values["minLength"] = 1; // and so the empty default isn't one of its values
+        // The empty default isn't one of its values.
+        values.update({{"minLength", 1}, {"maxLength", longest_on_a_line(parameter.key)}});
     else
         values.update({{"maxLength", parameter.range.limit}, {"default", parameter.default_text}});
     return values;

@@ -6,7 +6,9 @@
 #include <rapidjson/document.h>
 #include <rapidjson/schema.h>
 
+#include <cstdio>
 #include <string>
+#include <utility>
 
 namespace
 {
@@ -51,6 +53,21 @@ public:
     bool program_takes_it() const
     {
         return osd_check_section(pairs_) == 0;
+    }
+    // Is the first value still the same once it was in a file?
+    bool file_keeps_it() const
+    {
+        constexpr const char *path = "/tmp/section.conf";
+        const auto value_of = [](const param_section *section) {
+            return static_cast<const param_parampair *>(section->pairs->head->data)->value;
+        };
+        EXPECT_EQ(param_section_write_file(pairs_, path), 0);
+        param_seclist *read = param_seclist_new(path);
+        const bool kept = std::string(value_of(pairs_)) ==
+                          value_of(param_seclist_search_section(read, OSD_SECTION_NAME));
+        param_seclist_free(read);
+        std::remove(path);
+        return kept;
     }
     bool schema_takes_it() const
     {
@@ -164,6 +181,17 @@ TEST(Schema, path_needs_a_byte)
 {
     EXPECT_TRUE(both_say(true, "OsdFontFile", std::string("x")));
     EXPECT_TRUE(both_say(false, "OsdFontFile", std::string()));
+}
+
+TEST(Schema, path_is_no_longer_than_what_a_file_keeps_of_it)
+{
+    const auto judge = [](std::size_t length) {
+        Section section;
+        section.add("OsdFontFile", std::string(length, 'x'));
+        return std::pair(section.file_keeps_it(), section.schema_takes_it());
+    };
+    EXPECT_EQ(judge(2036), std::pair(true, true));
+    EXPECT_EQ(judge(2037), std::pair(false, false));
 }
 
 TEST(Schema, unknown_key_is_refused)
