@@ -388,4 +388,15 @@ TEST(Tab, completes_an_option_and_then_its_value)
     EXPECT_TRUE(terminal.shows("--Post0DateOn=1 -")) << terminal.shown();
 }
 
+TEST(Tab, leaves_variables_to_bash)
+{
+    setenv("TAB_FOLDER", "/tmp", 1);
+    for (const std::string words : {"qm5osd start -f ", "qm5sim play "}) {
+        Terminal terminal(FOLDER + words.substr(0, words.find(' ')));
+        terminal.type(words + "$TAB_F\t");
+        EXPECT_TRUE(terminal.shows("$TAB_FOLDER/")) << terminal.shown();
+    }
+    unsetenv("TAB_FOLDER");
+}
+
 } // namespace
