@@ -231,21 +231,21 @@ std::vector<fs::path> source_files(const std::string &extension)
     return files;
 }
 
-// Those of the service script, each with the function that makes it.
-Reports reports_of_the_script()
+// Those of a script, each with the function that makes it.
+Reports reports_of_the_script(const std::string &name)
 {
     const std::regex function("(\\w+)\\(\\) \\{");
     const std::regex report(R"re(\b(?:say|complain) (?:"([^"]*)"|'([^']*)'))re");
     const std::string passed_on = "$@";
     Reports all;
-    std::string place = "the script";
-    std::istringstream in(support::read_file(QM5OSD_SOURCES "/packaging/qm5osd-service"));
+    std::string place = name;
+    std::istringstream in(support::read_file(QM5OSD_SOURCES "/packaging/" + name));
     for (std::string line; std::getline(in, line);) {
         std::smatch found;
         if (std::regex_match(line, found, function))
             place = found[1];
         else if (line == "}")
-            place = "the script";
+            place = name;
         for (; std::regex_search(line, found, report); line = found.suffix()) {
             const std::string text = found[1].matched ? found[1] : found[2];
             if (text != passed_on)
@@ -258,7 +258,8 @@ Reports reports_of_the_script()
 
 Reports reports_of_the_sources()
 {
-    Reports all = reports_of_the_script();
+    Reports all = reports_of_the_script("qm5osd-service");
+    all.merge(reports_of_the_script("qm5osd.init"));
     for (const fs::path &file : source_files(".cpp"))
         all.merge(Source(file).reports());
     return all;
@@ -335,8 +336,9 @@ TEST(Errors, reports_by_macros_and_for_callers_are_found)
              Report{"qm5_cl_post_clear_osd() failed. errno=0x%08X", "osd_clear"},
              Report{"qm5_cl_sys_open_device() failed. errno=0x%08X", "osd_server_init_process"},
              Report{"cannot open file %s", "param_seclist_new", true},
-             Report{"no server came up; see $log.failed", "start"},
-             Report{"reload: it is not known; try restart", "the script"},
+             Report{"no server came up", "start"},
+             Report{"reload: it is not known; try restart", "qm5osd-service"},
+             Report{"$service: it isn't there", "qm5osd.init"},
              Report{"video height is not enough to display OSD.(height=%d W/H=%d/%d)",
                     "osd_do_callback_open"},
          })

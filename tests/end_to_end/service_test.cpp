@@ -75,6 +75,13 @@ TEST_F(Service, nobody_but_root_may_change_anything)
     EXPECT_FALSE(fs::exists(support::APPLIANCE_LOCK));
 }
 
+// The script of init, with these words.
+Ended init(Words words)
+{
+    words.insert(words.begin(), PACKAGING + "/qm5osd.init");
+    return run(words);
+}
+
 std::string link_of(pid_t pid, const std::string &name)
 {
     std::error_code none;
@@ -84,8 +91,9 @@ std::string link_of(pid_t pid, const std::string &name)
 TEST_F(Service, server_keeps_nothing_of_the_terminal_that_started_it)
 {
     // A pipe that a server holds keeps its reader for ever.
-    const Ended started =
-        run({"/bin/sh", "-c", std::string("cd /opt && ") + APPLIANCE_SERVICE + " start | cat"});
+    const Ended started = run({"/bin/sh", "-c",
+                               std::string("cd /opt && ") + APPLIANCE_SERVICE +
+                                   " start 3>&1 4>&1 5>&1 6>&1 7>&1 8>&1 9>&1 | cat"});
     expect_good(started);
     const pid_t pid = server();
     EXPECT_EQ(link_of(pid, "fd/0"), "/dev/null");
@@ -121,14 +129,44 @@ TEST_F(Service, start_tells_what_is_missing)
     EXPECT_EQ(absent.err, "qm5osd: /opt/qm5/osd/bin/qm5osd: it isn't there\n");
 }
 
-TEST_F(Service, script_of_a_removed_package_does_nothing_at_boot)
+TEST_F(Service, init_script_hands_its_words_on)
 {
-    fs::remove(APPLIANCE_PROGRAM);
-    const std::string source = std::string(". ") + APPLIANCE_SERVICE;
-    for (const char *name : {"/etc/init.d/qm5osd", "/etc/rc2.d/S01qm5osd"}) {
-        for (const char *word : {"start", "stop"})
-            expect_good(run({"/bin/sh", "-c", source, name, word}));
-        EXPECT_EQ(run({"/bin/sh", "-c", source, name, "status"}).status, 4);
+    expect_good(init({"start"}));
+    expect_good(init({"status"}), "qm5osd: a server runs\n");
+    expect_good(init({"stop"}));
+    EXPECT_EQ(init({"status"}).status, 3);
+    EXPECT_EQ(init({"begin"}).status, 2);
+    EXPECT_EQ(init({}).status, 2);
+
+    write_file(support::APPLIANCE_SETTINGS, "root=/opt/elsewhere\n");
+    const Ended astray = init({"start"});
+    EXPECT_EQ(astray.status, 5);
+    EXPECT_EQ(astray.err, "qm5osd: /opt/elsewhere/osd/bin/qm5osd: it isn't there\n");
+}
+
+TEST_F(Service, init_script_of_a_removed_package_does_nothing_at_boot)
+{
+    fs::remove(APPLIANCE_SERVICE);
+    for (const char *word : {"start", "stop"})
+        expect_good(init({word}));
+    EXPECT_EQ(init({"status"}).status, 4);
+    for (const Words &words :
+         {Words{"save"}, Words{"restart"}, Words{"reload"}, Words{"begin"}, Words{}}) {
+        const Ended ended = init(words);
+        EXPECT_EQ(ended.status, 5);
+        EXPECT_EQ(ended.err, "qm5osd: /opt/qm5/osd/bin/qm5osd-service: it isn't there\n");
+    }
+}
+
+TEST_F(Service, settings_that_are_no_shell_script_are_refused)
+{
+    write_file(support::APPLIANCE_SETTINGS, "limit=$(\n");
+    for (const auto &[word, status] : {std::pair("start", 6), std::pair("status", 4)}) {
+        const Ended ended = service(word);
+        EXPECT_EQ(ended.status, status);
+        EXPECT_TRUE(
+            ended.err.ends_with("\nqm5osd: /etc/default/qm5osd: the shell finds no sense in it\n"))
+            << ended.err;
     }
 }
 
@@ -213,15 +251,18 @@ TEST_F(Service, save_fails_if_a_folder_is_in_its_way)
     expect_good(service("stop"));
 }
 
-TEST_F(Service, try_restart_starts_no_server)
+TEST_F(Service, try_restart_and_force_reload_start_no_server)
 {
-    expect_good(service("try-restart"));
-    EXPECT_EQ(service("status").status, 3);
+    for (const char *word : {"try-restart", "force-reload"}) {
+        expect_good(service(word));
+        EXPECT_EQ(service("status").status, 3);
+    }
     expect_good(service("start"));
-    const pid_t before = server();
-    expect_good(service("try-restart"));
-    EXPECT_NE(server(), before);
-    expect_good(service("force-reload"));
+    for (const char *word : {"try-restart", "force-reload"}) {
+        const pid_t before = server();
+        expect_good(service(word));
+        EXPECT_NE(server(), before);
+    }
     expect_good(service("stop"));
 }
 
@@ -247,7 +288,8 @@ TEST_F(Service, saved_parameters_that_end_the_server_are_left_out)
     const Ended started = service("start");
     EXPECT_EQ(started.status, 0);
     EXPECT_EQ(started.err, "qm5osd: /opt/qm5/conf/saved.conf: no server came up with it, so one is "
-                           "started without it; see /var/log/qm5osd.log.failed\n");
+                           "started without it\n"
+                           "qm5osd: /var/log/qm5osd.log.failed: what that server said\n");
     EXPECT_EQ(in_force("Post0Rectangle0On"), "0");
     expect_good(service("stop"));
     while (waitpid(-1, nullptr, WNOHANG) > 0)
@@ -260,12 +302,28 @@ TEST_F(Service, start_fails_if_no_server_comes_up)
     sim({"fault", "add", "open_device", "every", "fail", "1"});
     const Ended started = service("start");
     EXPECT_EQ(started.status, 7);
-    EXPECT_EQ(started.err, "qm5osd: no server came up; see /var/log/qm5osd.log.failed\n");
+    EXPECT_EQ(started.err, "qm5osd: no server came up\n"
+                           "qm5osd: /var/log/qm5osd.log.failed: what that server said\n");
     EXPECT_NE(
         read_file(std::string(APPLIANCE_LOG) + ".failed").find("qm5_cl_sys_open_device() failed"),
         std::string::npos);
     EXPECT_EQ(service("status").status, 3);
     expect_good(service("stop"));
+}
+
+TEST_F(Service, start_that_fails_leads_to_no_log_that_is_not_of_it)
+{
+    for (const char *log : {"/opt/missing/log", APPLIANCE_LOG}) {
+        write_file(support::APPLIANCE_SETTINGS, std::string("log=") + log + '\n');
+        if (log == std::string(APPLIANCE_LOG)) {
+            write_file(std::string(APPLIANCE_LOG) + ".failed", "why another start failed\n");
+            setenv("LD_LIBRARY_PATH", "/opt/missing", 1); // in which no codec library is
+        }
+        const Ended started = service("start");
+        EXPECT_EQ(started.status, 7);
+        EXPECT_TRUE(started.err.ends_with("\nqm5osd: no server came up\n")) << started.err;
+        EXPECT_FALSE(fs::exists(std::string(log) + ".failed"));
+    }
 }
 
 TEST_F(Service, start_that_fails_twice_keeps_what_both_tries_said)
@@ -375,9 +433,9 @@ TEST_F(Service, stop_and_restart_fail_if_a_server_cant_be_ended)
     expect_good(service("start"));
     const pid_t pid = keep_server_from_being_ended();
     set_limit(2);
-    for (const auto &[word, status] : {std::pair("stop", 1), std::pair("restart", 7)}) {
+    for (const char *word : {"stop", "restart"}) {
         const Ended stopped = service(word);
-        EXPECT_EQ(stopped.status, status);
+        EXPECT_EQ(stopped.status, 7); // to the unit 1 is a good end
         EXPECT_EQ(stopped.out, "");
         EXPECT_TRUE(stopped.err.ends_with("qm5osd: a server runs still\n")) << stopped.err;
     }
@@ -517,12 +575,14 @@ TEST_F(Service, components_put_everything_in_its_place)
             files.push_back(fs::relative(entry.path(), "/opt/new"));
     }
     std::ranges::sort(files);
-    EXPECT_EQ(files, (Words{"lib/systemd/system/qm5osd.service", "lib/tmpfiles.d/qm5osd.conf",
-                            "osd/bin/qm5osd-service", "share/bash-completion/completions/qm5osd",
+    EXPECT_EQ(files, (Words{"etc/init.d/qm5osd", "lib/systemd/system/qm5osd.service",
+                            "lib/tmpfiles.d/qm5osd.conf", "osd/bin/qm5osd-service",
+                            "share/bash-completion/completions/qm5osd",
                             "share/bash-completion/completions/qm5sim", "share/man/man1/qm5osd.1",
                             "share/man/man1/qm5sim.1", "share/man/man5/qm5_app_comm.conf.5",
                             "share/qm5osd/qm5osd.schema.json"}));
-    EXPECT_EQ(access("/opt/new/osd/bin/qm5osd-service", X_OK), 0);
+    for (const char *script : {"/opt/new/osd/bin/qm5osd-service", "/opt/new/etc/init.d/qm5osd"})
+        EXPECT_EQ(access(script, X_OK), 0) << script;
 }
 
 } // namespace
