@@ -1,5 +1,5 @@
-// What is delivered: the libraries that the executable needs and where it finds them, its size, and
-// the installed tree.
+// What is delivered: the libraries that the executable needs and where it finds them, its size and
+// memory, and the installed tree.
 #include "support/application.h"
 #include "support/files.h"
 
@@ -8,6 +8,8 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace
 {
@@ -134,6 +136,101 @@ TEST_F(Delivery, has_no_instruction_that_the_appliance_has_not)
         for (const char *later : {"Advanced_SIMD_arch", "MPextension_use", "DIV_use"})
             EXPECT_EQ(attribute(later), "") << file << ' ' << later;
     }
+}
+#endif
+
+#if defined(__arm__)
+// ---- The figures of the document about the appliance
+// ----------------------------------------------
+
+typedef std::vector<double> Figures;
+
+// The numbers behind the first `what` of a text, in its line. They may have a comma behind the
+// thousands.
+Figures figures_behind(const std::string &text, const std::string &what)
+{
+    const std::size_t at = text.find(what);
+    if (at == std::string::npos) {
+        ADD_FAILURE() << "nothing is told of " << what;
+        return {};
+    }
+    const std::size_t behind = at + what.size();
+    const std::string rest = text.substr(behind, text.find('\n', behind) - behind);
+    const std::regex number("\\d+(?:,\\d{3})*");
+    Figures found;
+    for (auto it = std::sregex_iterator(rest.begin(), rest.end(), number);
+         it != std::sregex_iterator(); ++it)
+        found.push_back(std::stod(std::regex_replace(it->str(), std::regex(","), "")));
+    return found;
+}
+
+void expect_told(const std::string &what, const Figures &measured)
+{
+    const Figures told = figures_behind(support::read_file(QM5OSD_DOCS "/appliance.md"), what);
+    ASSERT_EQ(told.size(), measured.size()) << what;
+    for (std::size_t i = 0; i < told.size(); i++)
+        EXPECT_NEAR(told[i], measured[i], measured[i] * 0.03) << what;
+}
+
+// What the sections of a file that have one of these names take of memory, in all.
+double size_of_sections(const std::string &file, const Set &names)
+{
+    const std::string text = run({"/usr/bin/readelf", "-S", "-W", file}).out;
+    const std::regex section("\\] (\\.\\S+) +\\S+ +[0-9a-f]{8} [0-9a-f]{6} ([0-9a-f]{6}) ");
+    double bytes = 0;
+    for (auto it = std::sregex_iterator(text.begin(), text.end(), section);
+         it != std::sregex_iterator(); ++it) {
+        if (names.contains((*it)[1]))
+            bytes += static_cast<double>(std::stoul((*it)[2], nullptr, 16));
+    }
+    return bytes;
+}
+
+TEST_F(Delivery, document_tells_the_size_and_the_static_data)
+{
+    ASSERT_EQ(
+        run({STRIP_PROGRAM, "--remove-section=.comment", "-o", "/tmp/stripped", delivered_}).status,
+        0);
+    expect_told("Stripped, the executable has",
+                {static_cast<double>(fs::file_size("/tmp/stripped")), 64 * 1024});
+    fs::remove("/tmp/stripped");
+
+    const Set data = {".data", ".bss"};
+    expect_told("the application's static data (`.data` and `.bss`) |",
+                {size_of_sections(delivered_, data)});
+
+    const std::string root = getenv("QEMU_LD_PREFIX") + std::string("/lib/arm-linux-gnueabi/");
+    const std::string usr = getenv("QEMU_LD_PREFIX") + std::string("/usr/lib/arm-linux-gnueabi/");
+    Set libraries; // of FreeType, without libc, which the application itself needs
+    for (Set left = {"libfreetype.so.6"}; !left.empty();) {
+        const std::string name = left.extract(left.begin()).value();
+        const std::string file = (fs::exists(usr + name) ? usr : root) + name;
+        if (name == "libc.so.6" || name == "ld-linux.so.3" || !libraries.insert(file).second)
+            continue;
+        left.merge(dynamic_entries(file, "NEEDED"));
+    }
+    EXPECT_EQ(libraries.size(), 6u);
+    double own = 0;
+    double loaders = 0;
+    for (const std::string &file : libraries) {
+        own += size_of_sections(file, data);
+        loaders += size_of_sections(file, {".data.rel.ro"});
+    }
+    expect_told("FreeType's static data, with that of its libraries (`.data` and `.bss`) |", {own});
+    expect_told("written by the loader before the start (`.data.rel.ro`) |", {loaders});
+}
+
+TEST_F(Delivery, document_tells_the_memory_after_an_hour)
+{
+    const support::Ended measured = run({MEMORY_PROGRAM});
+    EXPECT_EQ(measured.status, 0);
+    for (const auto &[told, name] : {
+             std::pair("the application's heap |", "the application's heap"),
+             std::pair("libc's heap |", "libc's"),
+             std::pair("the stack |", "the stack"),
+             std::pair("and the letters kept of it |", "FreeType's"),
+         })
+        expect_told(told, figures_behind(measured.out, std::string("\n") + name + ' '));
 }
 #endif
 
