@@ -132,6 +132,18 @@ TEST(Manuals, table_of_keys_is_what_the_program_takes)
     EXPECT_EQ(rows, OSD_PARAMS);
 }
 
+TEST(Manuals, numbers_are_told_as_the_program_reads_them)
+{
+    const std::string words =
+        std::regex_replace(rendered("qm5_app_comm.conf.5"), std::regex("\\s+"), " ");
+    for (const char *told : {"may have white space and a sign before them", "-4294967295 passes"})
+        EXPECT_NE(words.find(told), std::string::npos) << told;
+    for (const char *number : {" 1", "\t1", "+1", " +1", "-4294967295", " -4294967295"})
+        EXPECT_TRUE(program_takes("Post0DateOn", number)) << number;
+    for (const char *number : {"1 ", "-1", "- 1", "0x1", " "})
+        EXPECT_FALSE(program_takes("Post0DateOn", number)) << number;
+}
+
 // Puts each digit in the place of X and of Y, or tells the pattern if it has neither.
 Set keys_of(const std::string &pattern)
 {
@@ -147,6 +159,68 @@ Set keys_of(const std::string &pattern)
         }
     }
     return keys;
+}
+
+// A row of the tables in README.md, whose first cell may be several patterns. The second one's
+// "...Down" stands for the first with another last word.
+struct Row {
+    std::vector<std::string> patterns;
+    std::vector<std::string> defaults; // one for all, one for each pattern, or one for each Y
+    std::string values;
+};
+
+std::vector<std::string> parts_of(const std::string &text, const char *pattern)
+{
+    const std::regex regex(pattern);
+    std::vector<std::string> found;
+    for (auto it = std::sregex_iterator(text.begin(), text.end(), regex);
+         it != std::sregex_iterator(); ++it)
+        found.push_back(it->str(it->size() - 1));
+    return found;
+}
+
+std::vector<Row> rows_of_the_readme()
+{
+    const std::regex form("\\| (`(?:Osd|PostX)[^|]*) \\| ([^|]*) \\| ([^|]*) \\| [^|]* \\|");
+    std::vector<Row> rows;
+    std::smatch cell;
+    for (const std::string &line : split(support::read_file(QM5OSD_SOURCES "/README.md"))) {
+        if (!std::regex_match(line, cell, form))
+            continue;
+        Row row = {parts_of(cell[1], "`([^`]*)`"),
+                   parts_of(std::regex_replace(cell[2].str(), std::regex(" for Y .*"), ""), "\\w+"),
+                   cell[3]};
+        const std::string begin =
+            std::regex_replace(row.patterns[0], std::regex("[A-Z][a-z]*$"), "");
+        for (std::string &pattern : row.patterns)
+            pattern = std::regex_replace(pattern, std::regex("^\\.\\.\\."), begin);
+        rows.push_back(row);
+    }
+    return rows;
+}
+
+TEST(Manuals, tables_of_the_readme_are_what_the_program_takes)
+{
+    std::map<std::string, std::string> told; // defaults by their keys
+    for (const Row &row : rows_of_the_readme()) {
+        for (std::size_t i = 0; i < row.patterns.size(); i++) {
+            for (const std::string &key : keys_of(row.patterns[i])) {
+                const std::size_t y =
+                    row.defaults.size() == 4 ? static_cast<std::size_t>(key.at(8) - '0') : i;
+                told[key] = row.defaults.at(row.defaults.size() == 1 ? 0 : y);
+                EXPECT_TRUE(takes_just(key, row.values));
+            }
+        }
+    }
+    EXPECT_EQ(told.size(), OSD_PARAMS);
+    for (std::size_t row = 0; row < OSD_PARAMS; row++) {
+        const std::string value = osd_default_values[row];
+        const std::string key = osd_option_table[row].name;
+        EXPECT_EQ(told[key], !value.empty()         ? value
+                             : key == "OsdFontFile" ? "none"
+                                                    : "empty")
+            << key;
+    }
 }
 
 // The keys of all patterns of the form BEFORE PATTERN=... in a manual.
