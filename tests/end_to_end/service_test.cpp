@@ -506,6 +506,19 @@ TEST_F(Service, unit_counts_starts_that_fail_however_long_they_take)
                   (unit_number("TimeoutStartSec") + unit_number("RestartSec")));
 }
 
+TEST_F(Service, unit_waits_for_the_script_as_long_as_the_document_tells)
+{
+    const std::string document = read_file(QM5OSD_DOCS "/operations.md");
+    const int stop = unit_number("TimeoutStopSec");
+    EXPECT_NE(document.find("`TimeoutStopSec` of " + std::to_string(stop) +
+                            " seconds suffices up "
+                            "to a `limit` of 29."),
+              std::string::npos);
+    EXPECT_GT(stop, 60 + 3 * 29);
+    EXPECT_NE(document.find("five minutes suffice for a `limit` of 26:"), std::string::npos);
+    EXPECT_GT(unit_number("TimeoutStartSec"), 60 + 9 * 26);
+}
+
 TEST_F(Service, unit_has_no_fault_of_form)
 {
     const Ended ended = run({"/usr/bin/systemd-analyze", "verify", "--man=no",
