@@ -137,11 +137,20 @@ TEST_F(Service, init_script_hands_its_words_on)
     EXPECT_EQ(init({"status"}).status, 3);
     EXPECT_EQ(init({"begin"}).status, 2);
     EXPECT_EQ(init({}).status, 2);
+}
 
+TEST_F(Service, settings_with_another_root_touch_no_server)
+{
+    expect_good(init({"start"}));
     write_file(support::APPLIANCE_SETTINGS, "root=/opt/elsewhere\n");
-    const Ended astray = init({"start"});
-    EXPECT_EQ(astray.status, 5);
-    EXPECT_EQ(astray.err, "qm5osd: /opt/elsewhere/osd/bin/qm5osd: it isn't there\n");
+    for (const char *word : {"start", "stop", "restart"}) {
+        const Ended ended = init({word});
+        EXPECT_EQ(ended.status, 5);
+        EXPECT_EQ(ended.err, "qm5osd: /opt/elsewhere/osd/bin/qm5osd: it isn't there\n");
+    }
+    fs::remove(support::APPLIANCE_SETTINGS);
+    expect_good(init({"status"}), "qm5osd: a server runs\n");
+    expect_good(init({"stop"}));
 }
 
 TEST_F(Service, init_script_of_a_removed_package_does_nothing_at_boot)
