@@ -103,15 +103,7 @@ TEST_F(Record, holds_what_was_shown_once_if_it_is_the_same)
 
 TEST_F(Record, size_that_a_fault_tells_does_not_reach_into_what_was_shown)
 {
-    write_file(std::string(STATE) + "/faults", "1 get_osd_mem every size 1000000\n");
-    const std::vector<std::uint32_t> ids = bring_up_with_posts();
-    const Opened opened = open_osd(ids[0], {1, 64, 2, 0});
-    qm5_cl_osd_mem mem{};
-    ASSERT_EQ(lib_.get_osd_mem(ids[0], opened.handle, &mem), 0);
-    std::memset(mem.memory, 7, 32);
-    ASSERT_EQ(lib_.set_osd(ids[0], opened.handle, {5, 6}), 0);
-    EXPECT_EQ(lib_.close_osd(ids[0], opened.handle), 0);
-    EXPECT_EQ(read_file(DATA), std::string(32, '\7'));
+    expect_data_within_the_memory();
 }
 
 TEST_F(Record, is_not_made_unless_asked_for)

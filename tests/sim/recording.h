@@ -102,6 +102,20 @@ protected:
         std::memset(mem.memory, byte, mem.size);
         ASSERT_EQ(lib_.set_osd(res_id, opened.handle, {x, 6}), 0);
     }
+
+    // A size that is told too large doesn't lead the recorder out of the memory.
+    void expect_data_within_the_memory()
+    {
+        write_file(std::string(STATE) + "/faults", "1 get_osd_mem every size 1000000\n");
+        const std::vector<std::uint32_t> ids = bring_up_with_posts();
+        const Opened opened = open_osd(ids[0], {1, 64, 2, 0});
+        qm5_cl_osd_mem mem{};
+        ASSERT_EQ(lib_.get_osd_mem(ids[0], opened.handle, &mem), 0);
+        std::memset(mem.memory, 7, 32);
+        ASSERT_EQ(lib_.set_osd(ids[0], opened.handle, {5, 6}), 0);
+        EXPECT_EQ(lib_.close_osd(ids[0], opened.handle), 0);
+        EXPECT_EQ(read_file(DATA), std::string(32, '\7'));
+    }
 };
 
 } // namespace support
