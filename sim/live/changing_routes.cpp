@@ -53,11 +53,11 @@ void change_post(Call &call)
 void change_frame(Call &call)
 {
     const unsigned post = post_of(call);
-    const std::optional<sim_state> state = control_files::read_state(call.site.folder);
-    if (!state || !sim_reader::has_thread(state->post[post]))
+    const sim_post record = post_now(call);
+    if (!sim_reader::has_thread(record))
         throw ApiError(409, "post " + std::to_string(post) + ": it has no post thread");
     try {
-        call.site.frames.put(post, call.body, state->post[post].width, state->post[post].height);
+        call.site.frames.put(post, call.body, record.width, record.height);
     } catch (const std::runtime_error &error) {
         throw ApiError(400, error.what());
     }
@@ -73,18 +73,6 @@ void remove_frame(Call &call)
 }
 
 // ---- Faults and settings ------------------------------------------------------------------------
-
-// Makes a change of a control file and waits until it is in force. That can't be done while the
-// file makes no sense or is full, or a server that hangs has the device open.
-template <typename Change>
-auto change_control(Change change)
-{
-    try {
-        return change();
-    } catch (const std::runtime_error &error) {
-        throw ApiError(409, error.what());
-    }
-}
 
 // The words of a line behind others.
 Words with_words(Words words, const std::string &line)
@@ -102,7 +90,7 @@ void add_fault(Call &call)
     const std::string line = control_files::join_words(text_of(read_object(call), "fault"));
     if (const char *why = fault_list::refusal_of(line))
         throw ApiError(400, line + ": " + why);
-    const std::uint32_t id = change_control([&] {
+    const std::uint32_t id = or_conflict([&] {
         const std::uint32_t added = fault_list::add(call.site.folder, line);
         fault_list::wait_until_in_force(call.site.folder);
         return added;
@@ -113,7 +101,7 @@ void add_fault(Call &call)
 void remove_fault(Call &call)
 {
     const unsigned id = call.numbers.at(0);
-    const bool found = change_control([&] {
+    const bool found = or_conflict([&] {
         const bool removed = fault_list::remove(call.site.folder, id);
         fault_list::wait_until_in_force(call.site.folder);
         return removed;
@@ -125,7 +113,7 @@ void remove_fault(Call &call)
 
 void clear_faults(Call &call)
 {
-    change_control([&] {
+    or_conflict([&] {
         fault_list::clear(call.site.folder);
         fault_list::wait_until_in_force(call.site.folder);
     });
@@ -140,7 +128,7 @@ void change_setting(Call &call)
     sim_settings settings = SIM_DEFAULT_SETTINGS;
     if (const char *why = sim_parse_setting(line.c_str(), &settings))
         throw ApiError(400, line + ": " + why);
-    change_control([&] {
+    or_conflict([&] {
         control_files::change_settings(call.site.folder, [&line](const std::string &text) {
             return control_files::replace_setting(text, line);
         });
@@ -153,11 +141,7 @@ void change_setting(Call &call)
 
 void require_block()
 {
-    try {
-        time_zone_block::read();
-    } catch (const std::runtime_error &error) {
-        throw ApiError(409, error.what());
-    }
+    or_conflict(time_zone_block::read);
 }
 
 void change_zone(Call &call, const std::string &zone)

@@ -12,13 +12,13 @@ void Frames::put(unsigned post, std::string png, unsigned width, unsigned height
 {
     sim_reader::require_possible("background", width, height);
     const std::lock_guard lock(mutex_); // one at a time: a decoded picture is large
-    sim_reader::PngFile file("frame", png);
+    sim_reader::PngFile file("frame", std::move(png));
     if (file.width() != width || file.height() != height)
         sim_reader::fail("frame", sim_reader::size_text(file.width(), file.height()) +
                                       ", but post " + std::to_string(post) + " is " +
                                       sim_reader::size_text(width, height));
-    file.read_picture(); // all of it has to be good
-    kept_.at(post).frame = {std::make_shared<const std::string>(std::move(png)), width, height};
+    // As the tool reads it; a browser would have its own view of alpha and gamma.
+    kept_.at(post).frame = encode(file.read_picture());
     kept_.at(post).size = Size{width, height};
     kept_.at(post).version++;
 }
@@ -31,6 +31,12 @@ void Frames::remove(unsigned post)
     kept_.at(post).version++;
 }
 
+Frames::Sized Frames::encode(const sim_reader::Picture &picture)
+{
+    return {std::make_shared<const std::string>(sim_reader::encode_png(picture, "background")),
+            picture.width, picture.height};
+}
+
 Frames::Png Frames::background(unsigned post, unsigned width, unsigned height)
 {
     sim_reader::require_possible("background", width, height);
@@ -41,12 +47,8 @@ Frames::Png Frames::background(unsigned post, unsigned width, unsigned height)
     Kept &kept = kept_.at(post);
     if (fits(kept.frame))
         return kept.frame.png;
-    if (!fits(kept.pattern)) {
-        const sim_reader::Picture pattern = sim_reader::test_pattern(width, height);
-        kept.pattern = {
-            std::make_shared<const std::string>(sim_reader::encode_png(pattern, "background")),
-            width, height};
-    }
+    if (!fits(kept.pattern))
+        kept.pattern = encode(sim_reader::test_pattern(width, height));
     return kept.pattern.png;
 }
 

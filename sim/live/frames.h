@@ -1,6 +1,7 @@
 // What stands below the OSDs on the page: frames that it was given, and a test pattern otherwise.
 #pragma once
 
+#include "picture.h"
 #include "sim_state.h"
 
 #include <array>
@@ -19,8 +20,8 @@ public:
     // A PNG file, shared by all who send it.
     typedef std::shared_ptr<const std::string> Png;
 
-    // Keeps a PNG file as the post's frame. Throws std::runtime_error, "what: why", unless it is a
-    // good one of this size.
+    // Keeps the picture of a PNG file as the post's frame. Throws std::runtime_error, "what: why",
+    // unless it is a good one of this size.
     void put(unsigned post, std::string png, unsigned width, unsigned height);
     void remove(unsigned post);
 
@@ -50,6 +51,8 @@ private:
         unsigned width = 0;
         unsigned height = 0;
     };
+    static Sized encode(const sim_reader::Picture &picture);
+
     struct Kept {
         Sized frame;
         Sized pattern;

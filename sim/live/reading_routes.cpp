@@ -5,7 +5,6 @@
 #include "parameters.h"
 #include "sim_reader.h"
 
-#include <filesystem>
 #include <memory>
 
 namespace live
@@ -14,8 +13,6 @@ namespace live
 namespace
 {
 
-namespace fs = std::filesystem;
-
 // ---- State and pictures -------------------------------------------------------------------------
 
 void send_state(Call &call)
@@ -23,25 +20,12 @@ void send_state(Call &call)
     call.response.set_content(call.site.watcher.look(), "application/json");
 }
 
-// What `read` makes of the state, if there is one that stands still.
-template <typename Read>
-auto read_now(const Call &call, Read read)
-{
-    if (!fs::exists(call.site.folder))
-        throw ApiError(409, "state: there is none yet");
-    try {
-        return read();
-    } catch (const std::runtime_error &error) {
-        throw ApiError(409, error.what());
-    }
-}
-
 void send_osd(Call &call)
 {
     const unsigned post = post_of(call);
     const unsigned number = osd_of(call);
     const sim_reader::Osd osd =
-        read_now(call, [&] { return sim_reader::read_osd(call.site.folder, post, number); });
+        or_conflict([&] { return sim_reader::read_osd(call.site.folder, post, number); });
     if (osd.record.handle == 0 || osd.record.shown == 0)
         throw ApiError(404, "OSD " + std::to_string(number) + " of post " + std::to_string(post) +
                                 ": it is not shown");
@@ -59,8 +43,7 @@ void send_osd(Call &call)
 void send_background(Call &call)
 {
     const unsigned post = post_of(call);
-    const sim_post record =
-        read_now(call, [&] { return sim_reader::read_state(call.site.folder).post[post]; });
+    const sim_post record = post_now(call);
     if (!sim_reader::has_thread(record))
         throw ApiError(404, "post " + std::to_string(post) + ": it has no post thread");
     send_bytes(call, call.site.frames.background(post, record.width, record.height), "image/png");

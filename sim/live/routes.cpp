@@ -1,5 +1,8 @@
 #include "routes.h"
 
+#include "control_files.h"
+#include "state_reader.h"
+
 #include <algorithm>
 #include <optional>
 #include <string_view>
@@ -133,6 +136,18 @@ unsigned osd_of(const Call &call)
     if (osd >= SIM_OSDS)
         throw ApiError(404, "OSD " + std::to_string(osd) + ": there is none");
     return osd;
+}
+
+sim_post post_now(const Call &call)
+{
+    const std::filesystem::path &folder = call.site.folder;
+    return or_conflict([&] {
+        const std::optional<sim_state> state = control_files::read_state(folder);
+        sim_state fresh{};
+        if (!state)
+            sim_reader::follow_sizes(folder, fresh);
+        return state.value_or(fresh).post[post_of(call)];
+    });
 }
 
 } // namespace live

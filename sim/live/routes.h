@@ -103,4 +103,20 @@ std::string text_of(const Json &object, const char *name);
 unsigned post_of(const Call &call);
 unsigned osd_of(const Call &call);
 
+// This post as it is now; before the first application it has its default size. ApiError if the
+// state can't be read.
+sim_post post_now(const Call &call);
+
+// What `attempt` makes; ApiError if something stands in the way of a request that isn't wrong, as a
+// file that makes no sense, or a server that hangs and has the device open.
+template <typename Attempt>
+auto or_conflict(Attempt attempt)
+{
+    try {
+        return attempt();
+    } catch (const std::runtime_error &error) {
+        throw ApiError(409, error.what());
+    }
+}
+
 } // namespace live

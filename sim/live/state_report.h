@@ -17,7 +17,7 @@ namespace live
 struct Facts {
     std::optional<sim_state> state; // none: the folder holds none, or none that can be read:
     std::optional<std::string> state_error; // why not
-    sim_state shown{}; // it, with the posts as they are while no process has the device
+    sim_state shown{}; // it, with the posts as they are while no process has the device, or before
     bool device_open = false;
     bool running = false; // an OSD server
     std::array<std::optional<std::string>, SIM_POSTS> wanted;

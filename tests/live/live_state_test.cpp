@@ -9,8 +9,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
+#include <random>
 #include <regex>
 #include <sys/file.h>
 #include <thread>
@@ -37,6 +39,37 @@ protected:
         return {picture.indices.begin(), picture.indices.end()};
     }
 
+    struct PngForm {
+        int color_type;
+        int depth;
+        double gamma; // told in the file, unless it is 0
+    };
+
+    // A picture of random samples.
+    static void write_noise(const std::string &path, unsigned width, unsigned height,
+                            const PngForm &form)
+    {
+        FILE *file = std::fopen(path.c_str(), "wb");
+        ASSERT_NE(file, nullptr);
+        png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+        png_infop info = png_create_info_struct(png);
+        png_init_io(png, file); // an error ends the test program
+        png_set_IHDR(png, info, width, height, form.depth, form.color_type, PNG_INTERLACE_NONE,
+                     PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+        if (form.gamma > 0)
+            png_set_gAMA(png, info, form.gamma);
+        png_write_info(png, info);
+        std::mt19937 random(1);
+        std::vector<png_byte> row(png_get_rowbytes(png, info));
+        for (unsigned y = 0; y < height; y++) {
+            std::generate(row.begin(), row.end(), [&] { return static_cast<png_byte>(random()); });
+            png_write_row(png, row.data());
+        }
+        png_write_end(png, info);
+        png_destroy_write_struct(&png, &info);
+        std::fclose(file);
+    }
+
     static const Json *find_osd(const Json &state, unsigned post, unsigned number)
     {
         for (const Json &osd : state["posts"][post]["osds"]) {
@@ -54,12 +87,14 @@ TEST_F(LiveState, tells_of_a_folder_that_is_not_there)
     serve();
     const Json none = Json::array();
     Json posts = none;
+    const std::vector<std::pair<int, int>> sizes = {
+        {720, 576}, {1920, 1080}, {640, 360}, {1280, 720}}; // as the first application finds them
     for (unsigned i = 0; i < SIM_POSTS; i++)
         posts.push_back({{"number", i},
-                         {"open", false},
+                         {"open", true},
                          {"resource_id", 0},
-                         {"width", 0},
-                         {"height", 0},
+                         {"width", sizes[i].first},
+                         {"height", sizes[i].second},
                          {"osds", none},
                          {"wanted", nullptr},
                          {"background", 1},
@@ -80,9 +115,13 @@ TEST_F(LiveState, tells_of_a_folder_that_is_not_there)
                     {"breaches", 0},
                     {"log", nullptr},
                     {"tool", "QM5SIM_STATE=" + state_ + ' ' + QM5SIM_PROGRAM}}));
-    const std::string why = "state: there is none yet";
-    EXPECT_TRUE(is_error(get("/api/posts/0/osds/0"), 409, why));
-    EXPECT_TRUE(is_error(get("/api/posts/0/background"), 409, why));
+    EXPECT_TRUE(is_error(get("/api/posts/0/osds/0"), 409, "/tmp/codec: No such file or directory"));
+    EXPECT_EQ(get("/api/posts/2/background").body,
+              sim_reader::encode_png(sim_reader::test_pattern(640, 360), "background"));
+    const std::string frame =
+        sim_reader::encode_png({640, 360, std::vector<std::uint8_t>(640 * 360 * 3, 77)}, "frame");
+    EXPECT_EQ(change("PUT", "/api/posts/2/frame", frame).status, 200);
+    EXPECT_EQ(get("/api/posts/2/background").body, frame);
     EXPECT_FALSE(fs::exists(state_));
 }
 
@@ -319,8 +358,27 @@ TEST_F(LiveState, sends_the_frame_that_it_was_given)
     EXPECT_EQ(without["background"], 3);
     EXPECT_EQ(without["frame"], nullptr);
     stop();
-    fs::remove_all(state_);
+    change_json("PUT", "/api/posts/2", {{"size", "closed"}});
     refused(png, 409, "post 2: it has no post thread");
+}
+
+TEST_F(LiveState, sends_a_frame_as_the_tool_shows_it)
+{
+    serve();
+    const std::vector<PngForm> forms = {
+        {PNG_COLOR_TYPE_RGBA, 8, 0},  {PNG_COLOR_TYPE_GRAY_ALPHA, 8, 0},
+        {PNG_COLOR_TYPE_RGB, 16, 0},  {PNG_COLOR_TYPE_RGBA, 16, 0},
+        {PNG_COLOR_TYPE_RGB, 8, 1.0}, {PNG_COLOR_TYPE_GRAY, 8, 0.2}};
+    change_json("PUT", "/api/posts/2", {{"size", "64x48"}});
+    for (const PngForm &form : forms) {
+        write_noise("/tmp/work/frame.png", 64, 48, form);
+        ASSERT_EQ(sim({"snapshot", "2", "--over", "/tmp/work/frame.png", "/tmp/work/post.png"}).err,
+                  "");
+        const std::string png = read_file("/tmp/work/frame.png");
+        EXPECT_EQ(change("PUT", "/api/posts/2/frame", png).body, "{}");
+        EXPECT_EQ(get("/api/posts/2/background").body, read_file("/tmp/work/post.png"))
+            << form.color_type << ' ' << form.depth << ' ' << form.gamma;
+    }
 }
 
 // ---- Palette ------------------------------------------------------------------------------------
