@@ -144,7 +144,7 @@ std::optional<Application::Saved> Application::save()
     const Finished &finished = done->finished;
     Saved saved;
     saved.good = finished.status == 0;
-    saved.text = saved.good ? sim_reader::read_file(file) : finished.error;
+    saved.text = saved.good ? sim_reader::read_file(file) : failure_of(finished);
     std::error_code none;
     fs::remove(file, none);
     return saved;

@@ -45,7 +45,8 @@ public:
     // Throws std::runtime_error.
     std::optional<Done> run(const Task &task);
 
-    // The parameters in force as `save` writes them, or the client's own words for why not.
+    // The parameters in force as `save` writes them, or why not, in the client's own words if it
+    // has any.
     struct Saved {
         bool good = false;
         std::string text;

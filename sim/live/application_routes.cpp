@@ -6,6 +6,7 @@
 #include "parameters.h"
 
 #include <algorithm>
+#include <system_error>
 
 namespace live
 {
@@ -108,7 +109,7 @@ void move_to_file(Task &task)
 // keeps every byte; but for an empty value, which only an option gives.
 void keep_in_force(Task &task)
 {
-    const std::optional<Values> values = read_values_in_force();
+    const std::optional<Values> values = or_conflict(read_values_in_force);
     if (!values)
         throw ApiError(409, "keep: no server runs");
     std::string file = FILE_HEAD;
@@ -142,6 +143,17 @@ Task read_task(const Json &object)
     return task;
 }
 
+std::optional<Done> run_task(const Call &call, const Task &task)
+{
+    try {
+        return call.site.application.run(task);
+    } catch (const std::system_error &error) {
+        if (error.code() == std::errc::argument_list_too_long)
+            throw ApiError(400, "parameters: longer than a program's words may be");
+        throw;
+    }
+}
+
 void run_application(Call &call)
 {
     const Json object = read_object(call);
@@ -151,7 +163,7 @@ void run_application(Call &call)
                          {"file", task.file ? Json(*task.file) : Json()}});
         return;
     }
-    const std::optional<Done> done = call.site.application.run(task);
+    const std::optional<Done> done = run_task(call, task);
     if (!done)
         throw ApiError(409, HAS_ENDED);
     call.site.watcher.look();

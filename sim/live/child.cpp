@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <sys/mman.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace live
@@ -100,7 +101,7 @@ public:
         const int error =
             posix_spawnp(&pid, pointers[0], &files_, &attributes_, pointers.data(), environ);
         if (error != 0)
-            throw std::runtime_error(words.front() + ": " + std::strerror(error));
+            throw std::system_error(error, std::generic_category(), words.front());
         return pid;
     }
 
@@ -129,6 +130,19 @@ Wait wait_for(pid_t pid, std::chrono::milliseconds patience, int stop, int *stat
 }
 
 } // namespace
+
+std::string failure_of(const Finished &finished)
+{
+    if (!finished.error.empty())
+        return finished.error;
+    if (finished.timeout)
+        return "the command took too long, and was ended";
+    if (finished.signal)
+        return "the command was ended by signal " + std::to_string(*finished.signal) + " (" +
+               strsignal(*finished.signal) + ')';
+    return "the command ended with status " + std::to_string(finished.status.value_or(0)) +
+           ", without a word";
+}
 
 std::optional<Finished> run_child(const std::vector<std::string> &words, const std::string &input,
                                   std::chrono::milliseconds patience, int stop)

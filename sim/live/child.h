@@ -19,6 +19,9 @@ struct Finished {
     std::string error;
 };
 
+// Why it has failed: its own words on standard error, or how it has ended.
+std::string failure_of(const Finished &finished);
+
 constexpr std::size_t MAX_OUTPUT = std::size_t{1} << 20;
 
 // A file that has no name and goes with its last descriptor. Throws std::runtime_error.
@@ -51,7 +54,8 @@ private:
 // that have taken a session of their own. If the descriptor `stop` becomes readable
 // first, the program is left to itself: nothing.
 //
-// Throws std::runtime_error, as "NAME: why", for a program that can't be started.
+// Throws std::runtime_error; for a program that can't be started it is a std::system_error, as
+// "NAME: why".
 std::optional<Finished> run_child(const std::vector<std::string> &words, const std::string &input,
                                   std::chrono::milliseconds patience, int stop);
 

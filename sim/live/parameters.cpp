@@ -6,7 +6,6 @@
 #include "file_io.h"
 #include "server/channel.h"
 
-#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <stdexcept>
@@ -23,21 +22,21 @@ namespace
 
 // ---- In force -----------------------------------------------------------------------------------
 
-constexpr int ATTEMPTS = 10;
+constexpr int ATTEMPTS = 100;
 constexpr std::chrono::milliseconds SETTLING_PACE{10};
 
-// What stands in the temporary parameter file, which the application writes itself.
+// What stands in the temporary parameter file, which the application writes itself: a line for each
+// parameter, so that one without an end is cut off.
 Values read_values()
 {
     Values values;
-    std::string text = sim_reader::read_file_if_there(OSD_TMP_PARAM).value_or("");
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t end = std::min(text.find('\n', at), text.size());
+    const std::string text = sim_reader::read_file_if_there(OSD_TMP_PARAM).value_or("");
+    std::size_t end = 0;
+    for (std::size_t at = 0; (end = text.find('\n', at)) != std::string::npos; at = end + 1) {
         const std::string line = text.substr(at, end - at);
         const std::size_t separator = line.find('=');
         if (separator != std::string::npos)
             values[line.substr(0, separator)] = line.substr(separator + 1);
-        at = end + 1;
     }
     return values;
 }
@@ -47,14 +46,15 @@ Values read_values()
 // A client may be writing them just now.
 std::optional<Values> read_values_in_force()
 {
-    if (!is_server_running())
-        return std::nullopt;
-    Values values = read_values();
-    for (int i = 0; i < ATTEMPTS && values.size() < OSD_PARAMS; i++) {
+    for (int i = 0; i < ATTEMPTS; i++) {
+        if (!is_server_running())
+            return std::nullopt;
+        Values values = read_values();
+        if (values.size() >= OSD_PARAMS)
+            return values;
         std::this_thread::sleep_for(SETTLING_PACE);
-        values = read_values();
     }
-    return values;
+    sim_reader::fail(OSD_TMP_PARAM, "not all parameters are there");
 }
 
 namespace

@@ -1,5 +1,6 @@
 // The application's parameters: what there are, what is in force, and whether a file of them is
-// good. The catalogue and the rules are the application's own.
+// good. The catalogue and the rules are the application's own. What fails throws
+// std::runtime_error, as what is in force does while a server runs and it can't be read in full.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -20,8 +21,7 @@ std::optional<Values> read_values_in_force();
 nlohmann::ordered_json describe_parameters();
 
 // Where a parameter file says something else than what is in force, or the application's own words
-// for why it is no good. Nothing if the descriptor `stop` becomes readable first. Throws
-// std::runtime_error.
+// for why it is no good. Nothing if the descriptor `stop` becomes readable first.
 std::optional<nlohmann::ordered_json> compare_parameters(const std::string &file, int stop);
 
 // Checks the parameter file on standard input by the application's own code: its values as a CBOR

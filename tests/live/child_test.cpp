@@ -18,6 +18,7 @@
 namespace
 {
 
+using live::failure_of;
 using live::Finished;
 using live::run_child;
 using namespace std::chrono_literals;
@@ -123,6 +124,17 @@ TEST_F(Child, is_killed_when_it_takes_too_long)
             .value();
     EXPECT_TRUE(finished.timeout);
     EXPECT_EQ(finished.signal, SIGKILL);
+}
+
+TEST_F(Child, has_failed_by_its_own_words_or_its_end)
+{
+    EXPECT_EQ(failure_of(shell("echo why >&2; exit 1")), "why\n");
+    EXPECT_EQ(failure_of(shell("echo why >&2; kill -TERM $$")), "why\n");
+    EXPECT_EQ(failure_of(shell("exit 7")), "the command ended with status 7, without a word");
+    EXPECT_EQ(failure_of(shell("kill -TERM $$")),
+              "the command was ended by signal 15 (Terminated)");
+    EXPECT_EQ(failure_of(run_child({"sleep", "1000"}, "", 100ms, stop_).value()),
+              "the command took too long, and was ended");
 }
 
 TEST_F(Child, is_killed_with_what_it_has_started)

@@ -361,6 +361,16 @@ TEST_F(LiveApplication, refuses_tasks_that_make_no_sense)
     refused(R"({"function":"update","parameters":[["A","\u0000"]]})", "parameters: A: a zero byte");
 }
 
+TEST_F(LiveApplication, refuses_what_no_list_of_words_holds)
+{
+    serve();
+    const std::string longest(std::size_t{128} << 10, 'x');
+    const Json task = {{"function", "update"},
+                       {"parameters", HeaderList{{"Post0String", longest}}}};
+    EXPECT_TRUE(is_error(change("POST", "/api/application", task.dump()), 400,
+                         "parameters: longer than a program's words may be"));
+}
+
 TEST_F(LiveApplication, tells_why_a_program_can_not_be_started)
 {
     program_ = "/tmp/work/none";
@@ -481,7 +491,58 @@ TEST_F(LiveApplication, sends_the_file_that_save_writes)
     EXPECT_EQ(answer.headers.at("content-disposition"),
               "attachment; filename=\"qm5_app_comm.conf\"");
     EXPECT_EQ(answer.body, read_file("/tmp/work/saved"));
-    EXPECT_FALSE(fs::exists("/tmp/codec/saved.conf"));
+    for (const auto &entry : fs::directory_iterator(state_))
+        EXPECT_FALSE(entry.path().filename().string().starts_with("saved")) << entry.path();
+    stop_application();
+}
+
+TEST_F(LiveApplication, tells_how_a_save_without_words_has_ended)
+{
+    program_ = make_program("#!/bin/sh\nkill -SEGV $$\n");
+    serve();
+    EXPECT_TRUE(is_error(change("POST", "/api/parameters/file"), 409,
+                         "the command was ended by signal 11 (Segmentation fault)"));
+    make_program("#!/bin/sh\nexit 3\n");
+    EXPECT_TRUE(is_error(change("POST", "/api/parameters/file"), 409,
+                         "the command ended with status 3, without a word"));
+}
+
+TEST_F(LiveApplication, tells_that_what_is_in_force_can_not_be_read)
+{
+    const std::string file = "/tmp/osd_tmp_param.txt";
+    serve();
+    start_application({{"Post0String", "here"}});
+    const std::string whole = read_file(file);
+    const std::string why = file + ": not all parameters are there";
+    const auto refused = [&](const Json &task, const std::string &text) {
+        EXPECT_TRUE(is_error(get("/api/parameters"), 500, text));
+        EXPECT_TRUE(is_error(
+            change("POST", "/api/parameters/compare", R"({"file":"[osd]\nPost0DateOn=0\n"})"), 500,
+            text));
+        EXPECT_TRUE(is_error(change("POST", "/api/application", task.dump()), 409, text));
+    };
+    const Json restart = {{"function", "restart"}, {"keep", true}, {"preview", true}};
+    remove_file(file);
+    refused(restart, why);
+    for (const std::string &part :
+         {std::string(), whole.substr(0, whole.size() / 2), whole.substr(0, whole.size() - 1)}) {
+        write_file(file, part);
+        refused(restart, why);
+    }
+    remove_file(file);
+    fs::create_directory(file);
+    refused(restart, file + ": Is a directory");
+    fs::remove(file);
+
+    // A client is about to write it.
+    std::jthread client([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        write_file(file, whole);
+    });
+    EXPECT_EQ(value("Post0String"), "here");
+    const std::string kept = run(restart)["file"];
+    EXPECT_NE(kept.find("\nPost0String=here\n"), std::string::npos) << kept;
+    client.join();
     stop_application();
 }
 
