@@ -139,7 +139,8 @@ std::string url_of(const std::string &address, unsigned port)
 bool is_access_token(const std::string &text)
 {
     return text.size() >= SHORTEST_TOKEN &&
-           std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < 0x7F; });
+           text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+                                  "0123456789._~-") == std::string::npos;
 }
 
 void serve(const Options &options)

@@ -16,7 +16,7 @@ struct Options {
     std::filesystem::path log; // the application's; empty: server.log in the state folder
 };
 
-// An access token is a word of so many characters at least, none of them a blank.
+// An access token has so many characters at least, all of them such as a URL carries as they are.
 constexpr std::size_t SHORTEST_TOKEN = 16;
 bool is_access_token(const std::string &text);
 

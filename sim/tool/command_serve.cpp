@@ -19,8 +19,9 @@ constexpr const char *SERVE_FOOTER =
     "The page's address is printed when the server listens, and what other commands need to work\n"
     "on the same codec; SIGINT, SIGTERM or SIGHUP ends it.\n"
     "Other machines reach it only at an --address of its own, and then only with a token, which\n"
-    "the page takes as http://ADDRESS:PORT/?token=TEXT. Nothing is encrypted, and --token shows\n"
-    "among this machine's processes, which --token-file doesn't.\n"
+    "the page takes as http://ADDRESS:PORT/?token=TEXT: at least 16 characters of A-Z a-z 0-9\n"
+    ". _ ~ -. Nothing is encrypted, and --token shows among this machine's processes, which\n"
+    "--token-file doesn't.\n"
     "\n"
     "Examples: qm5sim serve\n"
     "          qm5sim serve --port 0 --qm5osd build/stage/osd/bin/qm5osd\n"
@@ -38,6 +39,11 @@ std::string read_token(const std::string &file)
     return text;
 }
 
+std::string no_token()
+{
+    return "not " + std::to_string(live::SHORTEST_TOKEN) + " characters of A-Z a-z 0-9 . _ ~ -";
+}
+
 void check(const ServeArguments &arguments)
 {
     const live::Options &options = arguments.options;
@@ -48,8 +54,7 @@ void check(const ServeArguments &arguments)
         throw CLI::ValidationError("--address " + options.address,
                                    "others could reach it, so it needs --token or --token-file");
     if (!options.token.empty() && !live::is_access_token(options.token))
-        throw CLI::ValidationError("--token", "not " + std::to_string(live::SHORTEST_TOKEN) +
-                                                  " characters without a blank");
+        throw CLI::ValidationError("--token", no_token());
 }
 
 void serve(const Context &context, const ServeArguments &arguments)
@@ -59,8 +64,7 @@ void serve(const Context &context, const ServeArguments &arguments)
     if (!arguments.token_file.empty()) {
         options.token = read_token(arguments.token_file);
         if (!live::is_access_token(options.token))
-            sim_reader::fail(arguments.token_file, "not " + std::to_string(live::SHORTEST_TOKEN) +
-                                                       " characters without a blank");
+            sim_reader::fail(arguments.token_file, no_token());
     }
     live::serve(options);
 }

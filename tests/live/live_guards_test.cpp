@@ -178,10 +178,12 @@ TEST_F(LiveGuards, take_a_cookie_for_the_access_token)
 
 TEST_F(LiveGuards, take_the_access_token_from_a_file)
 {
-    write_file("/tmp/work/token", std::string(TOKEN) + "\n");
+    const std::string token = "AZaz09._~-AZaz09"; // all that a URL carries as it is
+    write_file("/tmp/work/token", token + "\n");
     serve({"--token-file", "/tmp/work/token", "--address", "0.0.0.0"});
     EXPECT_TRUE(is_error(get("/"), 401, NO_ACCESS));
-    const std::string bearer = std::string("Bearer ") + TOKEN;
+    EXPECT_EQ(get("/?token=" + token).status, 303);
+    const std::string bearer = "Bearer " + token;
     for (const std::string &name : {host(), "10.1.2.3:" + std::to_string(port())})
         EXPECT_EQ(get_as({{"Host", name}, {"Authorization", bearer}}).status, 200) << name;
     EXPECT_TRUE(is_error(
@@ -205,9 +207,11 @@ TEST_F(LiveGuards, refuse_to_listen_to_others_without_an_access_token)
     for (const std::string address : {"0.0.0.0", "192.0.2.1", "::"})
         refused({"--address", address}, 2, "--address " + address + needed);
     refused({"--address", "example.com"}, 2, "--address example.com: no IP address");
-    const std::string what = "not 16 characters without a blank";
+    const std::string what = "not 16 characters of A-Z a-z 0-9 . _ ~ -";
     refused({"--token", "short"}, 2, "--token: " + what);
-    refused({"--token", "long enough but with blanks"}, 2, "--token: " + what);
+    // A URL would carry other characters in another form, or as something else.
+    for (const std::string other : {" ", "+", "=", "%41", "&", "#", "/", "\xC3\xA9", "\x7F"})
+        refused({"--token", "long-enough-but-" + other + "-in-it"}, 2, "--token: " + what);
     write_file("/tmp/work/token", "short\n");
     refused({"--token-file", "/tmp/work/token"}, 1, "/tmp/work/token: " + what);
     refused({"--token-file", "/tmp/work/none"}, 1, "/tmp/work/none: No such file or directory");
