@@ -3,6 +3,7 @@
 #include "live_page.h"
 
 #include "support/files.h"
+#include "time_zone_block.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -33,50 +34,100 @@ protected:
     }
 };
 
+// Starts the demo and waits for all that it prints.
+class Demo
+{
+public:
+    Demo() : process_({"/bin/bash", QM5OSD_DEMO, "--live"})
+    {
+        EXPECT_TRUE(wait_until([&] {
+            printed_ = printed_by(process_);
+            return printed_.find("Ctrl-C") != std::string::npos;
+        })) << printed_;
+    }
+
+    // What the expression's group finds in what is printed.
+    std::string find(const std::string &expression) const
+    {
+        std::smatch found;
+        if (!std::regex_search(printed_, found, std::regex(expression)))
+            throw std::runtime_error("not printed: " + expression + " in " + printed_);
+        return found[1];
+    }
+
+    Answer ask(const std::string &method, const std::string &path, HeaderList headers = {},
+               const std::string &body = "") const
+    {
+        const std::string port = find("The live page: http://127\\.0\\.0\\.1:([0-9]+)/\n");
+        headers.push_back({"Host", "127.0.0.1:" + port});
+        HttpConnection connection(static_cast<unsigned>(std::stoul(port)));
+        connection.send(request_text(method, path, headers, body));
+        return connection.receive();
+    }
+
+    // Sets a time zone as the page does.
+    void set_zone(const std::string &zone) const
+    {
+        const std::string page = ask("GET", "/").body;
+        std::smatch token;
+        ASSERT_TRUE(std::regex_search(page, token, std::regex("content=\"([0-9a-f]{32})\"")));
+        const Json body = {{"zone", zone}};
+        EXPECT_EQ(ask("PUT", "/api/clock", {{"X-Qm5sim-Token", token[1]}}, body.dump()).status,
+                  200);
+    }
+
+    Ended interrupt()
+    {
+        kill(process_.pid(), SIGINT);
+        return process_.wait();
+    }
+
+private:
+    Process process_;
+    std::string printed_;
+};
+
+void expect_no_zone()
+{
+    EXPECT_THROW(time_zone_block::read(), std::runtime_error);
+}
+
 TEST_F(LiveDemo, shows_the_page_until_it_is_interrupted)
 {
-    Process demo({"/bin/bash", QM5OSD_DEMO, "--live"});
-    const std::regex url("The live page: http://127\\.0\\.0\\.1:([0-9]+)/\n");
-    std::smatch found;
-    std::string text;
-    ASSERT_TRUE(wait_until([&] {
-        text = printed_by(demo);
-        return std::regex_search(text, found, url);
-    })) << text;
+    expect_no_zone();
+    Demo demo;
     // The command that the demo prints has any shell work on its codec.
-    ASSERT_TRUE(wait_until([&] { return printed_by(demo).find("Ctrl-C") != std::string::npos; }));
-    const std::string all = printed_by(demo); // `found` is still in the other one
-    const std::regex commands("For commands of your own: (export [^\n]*)\n");
-    std::smatch export_line;
-    ASSERT_TRUE(std::regex_search(all, export_line, commands)) << all;
-    const std::string line = export_line[1];
+    const std::string line = demo.find("For commands of your own: (export [^\n]*)\n");
     const Ended shell =
         run({"/bin/sh", "-c", "cd / && " + line + " && qm5sim setting && qm5osd status"});
     EXPECT_NE(shell.out.find("record 1"), std::string::npos) << shell.out << shell.err;
     EXPECT_NE(shell.out.find("OSD server is running"), std::string::npos) << shell.out;
 
-    const auto port = static_cast<unsigned>(std::stoul(found[1]));
-    const auto get = [port](const std::string &path) {
-        HttpConnection connection(port);
-        connection.send(request_text("GET", path, {{"Host", "127.0.0.1:" + std::to_string(port)}}));
-        return connection.receive();
-    };
-    EXPECT_EQ(get("/").status, 200);
+    EXPECT_EQ(demo.ask("GET", "/").status, 200);
     EXPECT_TRUE(wait_until([&] {
-        const Json state = Json::parse(get("/api/state").body);
+        const Json state = Json::parse(demo.ask("GET", "/api/state").body);
         std::size_t shown = 0;
         for (const Json &post : state["posts"])
             shown += post["osds"].size();
         return shown == 16 && state["application"]["running"] == true;
     })) << "not all texts are on the outputs";
+    demo.set_zone("EAST-9");
+    EXPECT_EQ(time_zone_block::read().text, "EAST-9");
 
-    kill(demo.pid(), SIGINT);
-    const Ended ended = demo.wait();
+    const Ended ended = demo.interrupt();
     EXPECT_EQ(ended.status, 128 + SIGINT) << ended.err;
-    EXPECT_THROW(get("/"), std::runtime_error) << "the page is still served";
+    EXPECT_EQ(ended.err, "");
+    EXPECT_THROW(demo.ask("GET", "/"), std::runtime_error) << "the page is still served";
     EXPECT_EQ(processes_of(fs::path(QM5OSD_BUILT) / "stage/osd/bin/qm5osd"), std::vector<pid_t>{});
     EXPECT_EQ(processes_of(QM5SIM_PROGRAM), std::vector<pid_t>{});
     EXPECT_EQ(temporary_files(), std::vector<std::string>{});
+    expect_no_zone();
+
+    // A block that the machine had before is its own.
+    time_zone_block::write("CET-1");
+    EXPECT_EQ(Demo().interrupt().status, 128 + SIGINT);
+    EXPECT_EQ(time_zone_block::read().text, "CET-1");
+    time_zone_block::remove();
 }
 
 } // namespace
