@@ -10,12 +10,14 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <thread>
 #include <vector>
 
 namespace
 {
 
 using namespace support;
+using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 constexpr int MOST_STREAMS = 32;
@@ -167,6 +169,14 @@ TEST_F(LiveReaders, of_events_find_all_calls_after_a_rest)
 TEST_F(LiveReaders, do_not_hold_up_the_end)
 {
     put_noise();
+    // One that goes on sending is never let go of; it is the first, which finds a thread.
+    const HttpConnection slow = send("GET / HTTP/1.1\r\nX: ");
+    const std::jthread sender([&slow](const std::stop_token &end) {
+        while (!end.stop_requested()) {
+            slow.send("x");
+            std::this_thread::sleep_for(200ms);
+        }
+    });
     std::vector<HttpConnection> readers;
     for (int i = 0; i < MOST_STREAMS; i++) {
         readers.push_back(send(get_request("/api/events")));
