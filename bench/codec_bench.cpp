@@ -214,7 +214,7 @@ void snapshot(benchmark::State &state)
     }
     const fs::path file = fs::temp_directory_path() / "codec-bench.png";
     for (auto _ : state)
-        sim_reader::write_png(sim_reader::compose(post), file);
+        sim_reader::write_png(sim_reader::compose(post, sim_reader::palette()), file);
     fs::remove(file);
 }
 BENCHMARK(snapshot)->Unit(benchmark::kMillisecond);

@@ -46,7 +46,7 @@ constexpr std::uint32_t SIM_POSTS = 4;
 constexpr std::uint32_t SIM_OSDS = 4;
 
 constexpr std::uint32_t SIM_MAGIC = 0x6D697335; // "5sim"
-constexpr std::uint32_t SIM_VERSION = 3;
+constexpr std::uint32_t SIM_VERSION = 4;
 
 struct sim_osd {
     std::uint32_t handle; // 0: not open
@@ -86,10 +86,13 @@ struct sim_state {
     // while no server runs, the counts begin anew.
     std::uint64_t faults_time;
 
+    // As what the list of faults was loaded that has been counted.
+    std::int64_t loaded;
+
     sim_post post[SIM_POSTS];
     sim_fault_count fault[SIM_FAULTS];
 };
-static_assert(sizeof(sim_osd) == 36 && sizeof(sim_post) == 156 && sizeof(sim_state) == 1040);
+static_assert(sizeof(sim_osd) == 36 && sizeof(sim_post) == 156 && sizeof(sim_state) == 1048);
 
 constexpr std::size_t SIM_PATH_SIZE = 4096;
 

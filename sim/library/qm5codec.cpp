@@ -276,9 +276,10 @@ static void sim_excuse_osd(std::uint32_t post, std::uint32_t handle)
     sim_unlock();
 }
 
-// Closes an OSD of the state.
+// Closes an OSD of the state, and looks at its memory for the last time.
 static void sim_end_osd(std::uint32_t post, std::uint32_t number, sim_operation by)
 {
+    sim_check_memory(by, sim_get_memory(post, number));
     sim_begin();
     sim->post[post].osd[number] = {};
     sim_end();
@@ -350,7 +351,7 @@ static int sim_reach_post(std::uint32_t res_id, sim_call *call)
 // The number of a post's OSD, or SIM_OSDS if none has this handle.
 static std::uint32_t sim_find_osd(std::uint32_t post, std::uint32_t handle)
 {
-    for (std::uint32_t i = 0; i < SIM_OSDS && handle != 0; i++) {
+    for (std::uint32_t i = 0; i < SIM_OSDS && post != SIM_ANY_POST && handle != 0; i++) {
         if (sim->post[post].osd[i].handle == handle)
             return i;
     }
@@ -361,8 +362,8 @@ static std::uint32_t sim_find_osd(std::uint32_t post, std::uint32_t handle)
 static int sim_reach_osd(std::uint32_t res_id, std::uint32_t handle, sim_call *call)
 {
     sim_check_given(call->operation, res_id, handle);
-    const std::uint32_t post = sim_find_post(res_id);
-    if (post != SIM_ANY_POST && sim_find_osd(post, handle) == SIM_OSDS)
+    // One that has been told that the thread is gone may go on with 0, and what it has open.
+    if (res_id != 0 && sim_find_osd(sim_find_post(res_id), handle) == SIM_OSDS)
         sim_check_handle(call->operation, handle);
     if (sim_reach_post(res_id, call) != 0)
         return -1;
@@ -488,7 +489,6 @@ static int sim_close_osd(std::uint32_t res_id, std::uint32_t handle)
             sim_excuse_osd(call.post_number, handle);
         return -1;
     }
-    sim_check_memory(call.operation, sim_get_memory(call.post_number, call.osd_number));
     sim_end_osd(call.post_number, call.osd_number, call.operation);
     return sim_end_call(&call, 0);
 }

@@ -76,9 +76,6 @@ static bool sim_require_text(const sim_control_file *file)
     return file->is_read;
 }
 
-// Has this process taken a list of faults? The first one may be that of the process before.
-static bool sim_has_taken;
-
 // Takes both texts, or neither; false if one can't be understood.
 static bool sim_take_texts(const sim_control_file *settings, const sim_control_file *faults)
 {
@@ -92,11 +89,11 @@ static bool sim_take_texts(const sim_control_file *settings, const sim_control_f
                         [&list](const char *line) { return sim_add_fault(line, &list); });
     if (!settings_are_good || !faults_are_good)
         return false;
-    if (sim_has_taken && list.loaded != sim_faults.loaded) {
+    if (list.loaded != sim->loaded) {
         sim_forget_counts();
         sim_faults.count = 0;
+        sim->loaded = list.loaded;
     }
-    sim_has_taken = true;
     sim_setting = setting;
     sim_take_faults(&list);
     return true;
@@ -119,7 +116,6 @@ static bool sim_has_looked;
 void sim_forget_control()
 {
     sim_has_looked = false;
-    sim_has_taken = false;
     sim_begin();
     sim->control = 0;
     sim_end();

@@ -70,7 +70,7 @@ constexpr PostAction ACTIONS[] = {
     {"open", "Open a post thread.", "Example: qm5sim post 1 open 640x360", true, open_post},
     {"close", "Close a post thread, if it is open.", "Example: qm5sim post 1 close", false,
      write_size},
-    {"resize", "End a post thread, and open another with this size.",
+    {"resize", "End a post thread, and open another with another size.",
      "Example: qm5sim post 1 resize 640x360", true, resize_post},
 };
 

@@ -26,7 +26,8 @@ void replay(const Context &context, const ReplayArguments &arguments)
     const std::filesystem::path record =
         arguments.file.empty() ? context.folder / "calls" : std::filesystem::path(arguments.file);
     const sim_reader::Post post = call_reader::rebuild_post(record, arguments.call, arguments.post);
-    sim_reader::write_png(sim_reader::compose(post), arguments.png);
+    const sim_reader::Palette palette = sim_reader::read_palette(context.folder);
+    sim_reader::write_png(sim_reader::compose(post, palette), arguments.png);
 }
 
 } // namespace

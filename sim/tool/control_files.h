@@ -20,8 +20,9 @@ struct Fault {
     std::string line;
 };
 
-// The most bytes that a list of faults may have before it is marked as loaded.
-constexpr std::size_t LONGEST_LIST = SIM_LONGEST_TEXT - sizeof "loaded 9223372036854775807";
+// The most bytes that a list of faults may have before it is marked as loaded, and its last line
+// ended.
+constexpr std::size_t LONGEST_LIST = SIM_LONGEST_TEXT - sizeof "loaded 9223372036854775807" - 1;
 
 // What a text says that was found in `file`; the first line that the library would refuse is told
 // as "file:line: why".

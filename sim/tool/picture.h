@@ -39,7 +39,7 @@ Picture test_pattern(unsigned width, unsigned height);
 void lay_over(Picture &picture, const Post &post, const Palette &palette);
 
 // The post's picture over the test pattern.
-Picture compose(const Post &post, const Palette &palette = sim_reader::palette());
+Picture compose(const Post &post, const Palette &palette);
 
 // A shown OSD, with all pixels of its lines.
 IndexedPicture take_osd(const Osd &osd, const Palette &palette);

@@ -232,7 +232,9 @@ TEST_F(Lifecycle, saved_parameters_bring_the_same_pictures_back)
               0);
     const std::string in_force = read_file(OSD_TMP_PARAM);
     ASSERT_EQ(tool({"save", "-f", "/tmp/saved.conf"}).status, 0);
-    const auto pictures = [this] { return sim_reader::compose(post(1)).rgb; };
+    const auto pictures = [this] {
+        return sim_reader::compose(post(1), sim_reader::palette()).rgb;
+    };
     const auto shown = pictures();
     stop();
 

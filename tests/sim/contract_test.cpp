@@ -245,6 +245,25 @@ TEST_F(Contract, handles_and_open_osds_are_looked_at_also_if_a_fault_fails_the_c
     EXPECT_EQ(lib_.close_osd(ids_[1], others.handle), 0);
 }
 
+TEST_F(Contract, handles_are_looked_at_also_if_their_post_thread_has_gone)
+{
+    const std::uint32_t closed = open_osd(ids_[0], {1, 16, 1, 0}).handle;
+    EXPECT_EQ(lib_.close_osd(ids_[0], closed), 0);
+    const Opened others = open_osd(ids_[1], {2, 16, 1, 0});
+    sim_reader::write_size(STATE, 0, 800, 600);
+    wait_for_notice(6);
+    EXPECT_EQ(breach_of([&] {
+                  EXPECT_NE(lib_.clear_osd(ids_[0], closed), 0);
+                  EXPECT_NE(lib_.clear_osd(ids_[0], others.handle), 0);
+                  EXPECT_NE(lib_.clear_osd(0, others.handle), 0) << "made up, it may be";
+              }),
+              "qm5sim: breach: clear_osd: handle " + hex(closed) +
+                  ": it has been closed\n"
+                  "qm5sim: breach: clear_osd: handle " +
+                  hex(others.handle) + ": it is another post's\n");
+    EXPECT_EQ(lib_.close_osd(ids_[1], others.handle), 0);
+}
+
 TEST_F(Contract, handle_that_was_closed_is_known_however_long_ago)
 {
     const std::uint32_t first = open_osd(ids_[0], {2, 16, 1, 0}).handle;

@@ -381,7 +381,7 @@ void look_at_everything(const std::string &folder)
     for (unsigned number = 0; number < SIM_POSTS; number++) {
         const sim_reader::Post post = sim_reader::read_post(folder, number);
         if (std::uint64_t{post.width} * post.height < 100000) {
-            sim_reader::Picture picture = sim_reader::compose(post);
+            sim_reader::Picture picture = sim_reader::compose(post, sim_reader::palette());
             sim_reader::draw_guides(picture, post, {});
         }
         for (const sim_reader::Osd &osd : post.osd) {

@@ -131,8 +131,13 @@ protected:
     {
         write_file(std::string(STATE) + "/faults.new", faults);
         fs::rename(std::string(STATE) + "/faults.new", std::string(STATE) + "/faults");
+        EXPECT_TRUE(comes_into_force(faults));
+    }
+
+    static bool comes_into_force(const std::string &faults)
+    {
         const std::uint32_t hash = sim_hash("", 0, faults.data(), faults.size());
-        EXPECT_TRUE(wait_until([hash] { return control() == hash; }));
+        return wait_until([hash] { return control() == hash; });
     }
 
     static sim_state state()
@@ -389,9 +394,24 @@ TEST_F(Faults, go_on_counting_when_settings_that_were_wrong_at_the_start_are_men
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "qm5sim: /tmp/codec/settings:1: no setting, or not its values\n");
     fs::remove(std::string(STATE) + "/settings");
-    EXPECT_TRUE(
-        wait_until([&] { return control() == sim_hash("", 0, faults.data(), faults.size()); }));
+    EXPECT_TRUE(comes_into_force(faults));
     EXPECT_EQ(failures(ids[0], 3), ".x.");
+}
+
+// Settings that are mended later keep no list from being a new one.
+TEST_F(Faults, begin_to_count_anew_when_they_are_loaded_while_settings_are_wrong)
+{
+    EXPECT_EQ(failures(bring_up_with("loaded 7\n1 thread_get_status next fail gone1\n")[0], 1),
+              "x");
+    take_down();
+    notices.clear();
+    write_file(std::string(STATE) + "/settings", "fast 1\n");
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    const std::string faults = "loaded 8\n1 thread_get_status next fail gone1\n";
+    write_faults(faults);
+    fs::remove(std::string(STATE) + "/settings");
+    EXPECT_TRUE(comes_into_force(faults));
+    EXPECT_EQ(failures(ids[0], 2), "x.");
 }
 
 TEST_F(Faults, sizes_and_lines_are_told_wrong)
@@ -468,6 +488,27 @@ TEST_F(Faults, close_of_another_post_excuses_nothing)
               "qm5sim: breach: close_osd: handle " + hex(left.handle) +
                   ": it is another post's\nqm5sim: breach: close_device: post 0, OSD 0, handle " +
                   hex(left.handle) + ": left open\n");
+}
+
+TEST_F(Faults, what_a_failure_has_made_forgotten_is_looked_at_when_it_is_opened_anew)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with("1 open_osd 2 fail refused\n");
+    const qm5_cl_osd_param params[] = {{0, 64, 2, 0}, {1, 64, 2, 0}};
+    const Opened left = open_osd(ids[0], params[0]);
+    qm5_cl_osd_mem mem{};
+    EXPECT_EQ(lib_.get_osd_mem(ids[0], left.handle, &mem), 0);
+    EXPECT_EQ(lib_.set_osd(ids[0], left.handle, {0, 0}), 0);
+    static_cast<char *>(mem.memory)[3] ^= 1;
+    std::uint32_t handle = 0;
+    std::uint32_t word = 0;
+    read_size(ids[0]);
+    EXPECT_TRUE(failed(lib_.open_osd(ids[0], &params[1], &handle, &word, &word),
+                       QM5_CL_ERROR_OPEN_REFUSED));
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(lib_.close_osd(ids[0], open_osd(ids[0], params[0]).handle), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "qm5sim: breach: open_osd: handle " + hex(left.handle) +
+                  ": its memory has been written after set_osd\n");
 }
 
 // Such a failure tells the application nothing of the post, and the OSDs remain its own.

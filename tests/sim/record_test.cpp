@@ -148,7 +148,8 @@ TEST_F(Record, holds_the_length_of_the_lines_that_are_shown_whatever_a_fault_tel
         const sim_reader::Post kept = call_reader::rebuild_post(CALLS, recorded_head().count, 0);
         EXPECT_EQ(kept.osd[1].record.line_bytes, 16u);
         EXPECT_EQ(kept.osd[1].pixels, there.osd[1].pixels);
-        EXPECT_EQ(sim_reader::compose(kept).rgb, sim_reader::compose(there).rgb);
+        const sim_reader::Palette palette = sim_reader::palette();
+        EXPECT_EQ(sim_reader::compose(kept, palette).rgb, sim_reader::compose(there, palette).rgb);
         EXPECT_EQ(lib_.close_osd(ids[0], opened.handle), 0);
         take_down();
         notices.clear();

@@ -179,7 +179,7 @@ TEST_F(FaultCommand, load_takes_a_file_whole_or_not_at_all)
         {"1 set_osd next vanish\n1 open_osd next vanish\n", ":2: the ID is there already"},
         {"\n; x\n2 set_osd next burn\n", ":3: unknown effect"},
         {";" + std::string(SIM_FAULT_LINE - 1, 'x') + "\n", ":1: line is too long"},
-        {std::string(control_files::LONGEST_LIST + 1, '\n'), ": longer than 4196 bytes"},
+        {std::string(control_files::LONGEST_LIST + 1, '\n'), ": longer than 4195 bytes"},
         {std::string("1 set_osd next vanish\0\n", 23), ": no text"},
     };
     for (const auto &[bad, why] : wrong) {
@@ -202,6 +202,7 @@ TEST_F(FaultCommand, load_takes_as_many_of_the_longest_lines_as_there_may_be)
         text += line + '\n';
     }
     text.resize(control_files::LONGEST_LIST, '\n');
+    text.back() = ';'; // in a line without an end
     write_file("/tmp/wear", text);
     EXPECT_EQ(good({"fault", "load", "/tmp/wear"}), "");
     EXPECT_TRUE(status_fails(ids[2]));

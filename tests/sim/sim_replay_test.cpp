@@ -112,7 +112,7 @@ TEST_F(SimReplay, writes_the_picture_of_the_post)
         const Ended ended = replay(call);
         ASSERT_EQ(ended.status, 0) << ended.err;
         EXPECT_EQ(ended.out + ended.err, "");
-        std::vector<std::uint8_t> expected = sim_reader::compose(bare).rgb;
+        std::vector<std::uint8_t> expected = sim_reader::compose(bare, sim_reader::palette()).rgb;
         for (unsigned y = 0; call > 3 && y < 4; y++) {
             const sim_reader::Color &color = sim_reader::palette()[call + 1];
             for (unsigned x = 60; x < 64; x++) {
@@ -137,6 +137,20 @@ TEST_F(SimReplay, takes_another_record_with_the_data_beside_it)
     const Ended ended = replay(4, {"--post", "2", "--file", "/tmp/codec/old"});
     EXPECT_EQ(ended.status, 0) << ended.err;
     EXPECT_EQ(read_png(64, 48)[0], sim_reader::palette()[5].red);
+}
+
+TEST_F(SimReplay, shows_the_palette_in_force)
+{
+    open_post();
+    show(HANDLE, 0, 0, std::string(32, '\5'));
+    write();
+    write_file("/tmp/palette", "5 7 8 9 255\n");
+    ASSERT_EQ(run_sim({"palette", "--load", "/tmp/palette"}).status, 0);
+    ASSERT_EQ(replay(4).status, 0);
+    const std::vector<std::uint8_t> rgb = read_png(64, 48);
+    EXPECT_EQ(std::vector<std::uint8_t>(rgb.begin(), rgb.begin() + 3),
+              (std::vector<std::uint8_t>{7, 8, 9}));
+    fs::remove("/tmp/palette");
 }
 
 TEST_F(SimReplay, gives_every_part_of_a_post)
@@ -400,7 +414,7 @@ TEST_F(SimReplay, survives_any_byte_and_any_length)
         try {
             const sim_reader::Post post = call_reader::rebuild_post(CALLS, 6, 2);
             if (std::uint64_t{post.width} * post.height < 1000000)
-                sim_reader::compose(post);
+                sim_reader::compose(post, sim_reader::palette());
         } catch (const std::runtime_error &error) {
             refused++;
             const std::string why = error.what();
