@@ -1,11 +1,9 @@
-// Carries out what the user asks for, one request each, and keeps the commands that would have done
+// Carries out what the user asks for, one request each, and tells the commands that would have done
 // the same.
 
 import {announce} from './announce.js';
 import {change} from './api.js';
 import {setText} from './dom.js';
-
-const KEPT = 200;
 
 // What came of an application's command, as one sentence.
 function verdictOf(answer) {
@@ -23,7 +21,6 @@ function isGood(answer) {
 // Fires: command, with a record {time, command, request, good, words} as its detail, and busy.
 // What no command does, as a refused request, has none.
 export class Actions extends EventTarget {
-    records = [];
     running = 0;
     command = ''; // what the application is doing for this page, which may take seconds
 
@@ -41,7 +38,7 @@ export class Actions extends EventTarget {
         } finally {
             this.#count(-1);
         }
-        this.#keep(answer, `${method} ${path}`);
+        this.#tell(answer, `${method} ${path}`);
         if (outcome)
             showOutcome(outcome, answer.good ? '' : answer.words);
         return answer;
@@ -62,12 +59,10 @@ export class Actions extends EventTarget {
         return said === '' ? verdictOf(answer) : `${verdictOf(answer)}\n${said}`;
     }
 
-    #keep(answer, request) {
-        const {command, good, words} = answer;
-        const record = {time: Date.now() / 1000, command, request, good, words};
-        this.records = [...this.records, record].slice(-KEPT);
+    #tell({command, good, words}, request) {
         announce(words.split('\n')[0]);
-        this.dispatchEvent(new CustomEvent('command', {detail: record}));
+        const detail = {time: Date.now() / 1000, command, request, good, words};
+        this.dispatchEvent(new CustomEvent('command', {detail}));
     }
 
     #setCommand(name) {

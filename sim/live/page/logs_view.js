@@ -9,7 +9,7 @@ import {
     callLine, hasFailed, isError, LIMIT, Log, passes, PostFinder, splitReports,
 } from './log.js';
 
-// A list of lines on the page: {text, isBad}.
+// A list of lines on the page: {text, isBad, dataset}.
 class Lines {
     #list;
     #scroll;
@@ -34,8 +34,8 @@ class Lines {
     add(lines) {
         const {scrollTop, scrollHeight, clientHeight} = this.#scroll;
         const isAtEnd = scrollTop + clientHeight >= scrollHeight - 8;
-        this.#list.append(...lines.slice(-LIMIT).map(({text, isBad}) =>
-            element('li', {className: isBad ? 'bad' : ''}, text)));
+        this.#list.append(...lines.slice(-LIMIT).map(({text, isBad, dataset}) =>
+            element('li', {className: isBad ? 'bad' : '', dataset}, text)));
         while (this.count > LIMIT)
             this.#list.firstChild.remove();
         this.#showEmpty();
@@ -58,12 +58,13 @@ class Lines {
 export function followCommands(actions) {
     const lines = new Lines('commands');
     const copy = find('#commands-copy');
-    const commands = () => actions.records.flatMap(({command}) => command ?? []);
+    const commands = () => [...document.querySelectorAll('#commands [data-command]')];
     copyOnClick(copy, find('#commands'),
-                () => commands().map((command) => `${command}\n`).join(''));
+                () => commands().map(({dataset}) => `${dataset.command}\n`).join(''));
     actions.addEventListener('command', ({detail: {time, command, request, good, words}}) => {
-        const first = {text: `${timeOfDay(time).slice(0, 8)}  ${command ?? request}`, isBad: !good};
-        const more = words.split('\n').map((text) => ({text: `  ${text}`, isBad: true}));
+        const text = `${timeOfDay(time).slice(0, 8)}  ${command ?? request}`;
+        const first = {text, isBad: !good, dataset: command ? {command} : {}};
+        const more = words.split('\n').map((line) => ({text: `  ${line}`, isBad: true}));
         lines.add(good ? [first] : [first, ...more]);
         copy.hidden = commands().length === 0;
     });

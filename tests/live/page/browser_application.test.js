@@ -308,8 +308,19 @@ test('commands of the page are kept for copying', async (t) => {
     const [, command] = (await last.textContent()).split(/  (.*)/);
     await stage.click('#commands-copy');
     await stage.text('#commands-copy', 'Copied');
-    assert.equal(await stage.page.evaluate(() => navigator.clipboard.readText()),
-                 `${command}\n`);
+    const copied = () => stage.page.evaluate(() => navigator.clipboard.readText());
+    assert.equal(await copied(), `${command}\n`);
+    await stage.page.evaluate(() => {
+        for (let at = 0; at < 210; at++)
+            document.querySelector('#setting-strict').click();
+    });
+    const shown = stage.page.locator('#commands li');
+    await until(async () => await shown.count() === 213, 'all are shown');
+    await stage.text('#commands-copy', 'Copy');
+    await stage.click('#commands-copy');
+    await stage.text('#commands-copy', 'Copied');
+    const lines = (await shown.allTextContents()).slice(2);
+    assert.equal(await copied(), lines.map((line) => `${line.split(/  (.*)/)[1]}\n`).join(''));
 });
 
 test('a server that wrote a lot keeps the page short', async (t) => {
