@@ -3,7 +3,7 @@
 
 import {announce} from './announce.js';
 import {change} from './api.js';
-import {setText} from './dom.js';
+import {showText} from './dom.js';
 
 // What came of an application's command, as one sentence.
 function verdictOf(answer) {
@@ -60,7 +60,7 @@ export class Actions extends EventTarget {
     }
 
     #tell({command, good, words}, request) {
-        announce(words.split('\n')[0]);
+        announce(words);
         const detail = {time: Date.now() / 1000, command, request, good, words};
         this.dispatchEvent(new CustomEvent('command', {detail}));
     }
@@ -76,11 +76,13 @@ export class Actions extends EventTarget {
     }
 }
 
-// Shows what came of an action beside its form; nothing for an empty text.
+// Shows what came of an action beside its form, and tells it; nothing for an empty text. What run()
+// has just told isn't said twice.
 export function showOutcome(target, text, good = false) {
-    setText(target, text);
-    target.hidden = text === '';
+    showText(target, text);
     target.classList.toggle('good', good);
+    if (text !== '')
+        announce(text);
 }
 
 // A copy button for a text. Where the browser keeps the clipboard from the page, the element that

@@ -1,5 +1,5 @@
 // Tells a screen reader what has changed, a few words at a time: what comes at nearly the same time
-// is said together.
+// is said together, and of a text of several lines the first.
 
 import {find} from './dom.js';
 
@@ -9,8 +9,9 @@ let waiting = [];
 let timer = 0;
 
 export function announce(text) {
-    if (!waiting.includes(text))
-        waiting.push(text);
+    const [words] = text.split('\n');
+    if (!waiting.includes(words))
+        waiting.push(words);
     clearTimeout(timer);
     timer = setTimeout(() => {
         find('#announcements').textContent = waiting.join(' ');

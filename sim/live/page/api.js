@@ -30,13 +30,14 @@ async function send(method, path, body, type) {
     }
 }
 
+// Never without words.
 async function errorOf(response) {
-    const text = await response.text();
+    let words = await response.text();
     try {
-        return new RequestError(JSON.parse(text).error ?? text, response.status);
-    } catch {
-        return new RequestError(text.trim() || `status ${response.status}`, response.status);
+        words = JSON.parse(words).error ?? words;
+    } catch { // it isn't the server of the page that answers
     }
+    return new RequestError(words.trim() || `status ${response.status}`, response.status);
 }
 
 // A server that was started anew has another token: the one that its page holds.

@@ -24,6 +24,12 @@ export function setText(target, text) {
         target.textContent = text;
 }
 
+// Shows a text in a place that isn't there for an empty one.
+export function showText(target, text) {
+    setText(target, text);
+    target.hidden = text === '';
+}
+
 // Switches a button off or on. One that is off can have the focus: it may go off by the very key
 // that was pressed on it, and the next key would begin at the top of the page.
 export function setOff(button, isOff) {

@@ -1,6 +1,7 @@
 // Parameter files: the one that the application saves, and one that is loaded, compared with what
 // is in force, and carried out.
 
+import {announce} from './announce.js';
 import {showOutcome} from './actions.js';
 import {change, post} from './api.js';
 import {element, find, setOff, setText} from './dom.js';
@@ -81,6 +82,7 @@ export class FileView {
         this.#loaded = toBase64(bytes);
         this.#loads++;
         showOutcome(find('#file-outcome'), '');
+        setText(find('#file-verdict'), ''); // even the same one is another file's
         setText(find('#file-name'), name);
         setText(find('#file-text'), new TextDecoder().decode(bytes));
         find('#file-loaded').hidden = false;
@@ -119,19 +121,21 @@ export class FileView {
     #showVerdict({differences, error}) {
         const verdict = find('#file-verdict');
         verdict.classList.toggle('error', Boolean(error));
+        let words = `${counted(differences.length, 'difference')}.`;
         if (error)
-            setText(verdict, error.trim());
+            words = error.trim();
         else if (differences.length === 0)
-            setText(verdict, 'It says nothing else than what is in force.');
-        else
-            setText(verdict, `${counted(differences.length, 'difference')}.`);
+            words = 'It says nothing else than what is in force.';
+        if (verdict.textContent !== words)
+            announce(words);
+        setText(verdict, words);
     }
 
     async #carryOut(name) {
         const outcome = find('#file-outcome');
         const answer = await this.#actions.application(outcome, this.#requestOf(name));
-        await this.#live.readParameters();
         if (answer.good)
             showOutcome(outcome, 'Done.', true);
+        await this.#live.readParameters();
     }
 }

@@ -1,8 +1,7 @@
 // The pictures of the four posts side by side, with each post's thread below its picture, and the
 // guides that all pictures can show.
 
-import {showOutcome} from './actions.js';
-import {element, find, setOff, setText} from './dom.js';
+import {element, find, setOff, setText, showText} from './dom.js';
 import {drawGuides, isEmpty, safeArea} from './picture.js';
 import {cellOf, modeName, modeOf, parseSize, POST_SIZES, POSTS, safeSpaceOf} from './slots.js';
 
@@ -205,7 +204,7 @@ class PostView {
         const shown = this.#live.pictures[this.#number];
         const {picture, failure} = shown;
         const {canvas, safe} = this.#parts;
-        showOutcome(this.#parts.failure, failure && `This picture is not up to date: ${failure}`);
+        showText(this.#parts.failure, failure && `This picture is not up to date: ${failure}`);
         if (!picture || !this.#post?.open)
             return;
         if (canvas.width !== picture.width || canvas.height !== picture.height)

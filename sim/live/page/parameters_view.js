@@ -4,7 +4,7 @@
 import {announce} from './announce.js';
 import {showOutcome} from './actions.js';
 import {parameterFile} from './command.js';
-import {element, find, setOff, setText} from './dom.js';
+import {element, find, setOff, setText, showText} from './dom.js';
 import {download} from './files.js';
 import {colorStyle, counted} from './format.js';
 import {
@@ -309,7 +309,7 @@ export class ParametersView {
         const has = changes.length > 0;
         setText(find('#apply-count'), has ? counted(changes.length, 'change') : 'No change.');
         const wantsRestart = running && changes.some(([key]) => needsRestart(key));
-        showOutcome(find('#apply-note'), this.#note(running, wantsRestart));
+        showText(find('#apply-note'), this.#note(running, wantsRestart));
         // It isn't taken away while it has the focus.
         const restart = find('#apply-restart');
         restart.hidden = !wantsRestart && document.activeElement !== restart;

@@ -1,8 +1,8 @@
 // The commands that buttons would run, as the server makes them, to be copied before they are run.
 
-import {copyOnClick, showOutcome} from './actions.js';
+import {copyOnClick} from './actions.js';
 import {change} from './api.js';
-import {element, find, setOff, setText, syncRows} from './dom.js';
+import {element, find, setOff, setText, showText, syncRows} from './dom.js';
 
 const PAUSE_MS = 150; // of the user's typing, before the server is asked
 
@@ -57,7 +57,7 @@ export class Preview {
     }
 
     #showAll(answers, why = '') {
-        showOutcome(this.#outcome, why);
+        showText(this.#outcome, why);
         syncRows(this.#list, answers, ({name}) => name, (answer) => this.#makeRow(answer),
                  (row, {command, file}) => {
                      setText(find('code', row), command);

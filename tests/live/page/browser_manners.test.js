@@ -52,6 +52,57 @@ test('faults and errors are announced', async (t) => {
     await stage.text('#announcements', /No fault\.$/);
 });
 
+test('what the page itself has done is announced, and nothing twice', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await stage.text('#announcements', /Done\./);
+    await stage.page.evaluate(() => {
+        globalThis.told = [];
+        const place = document.querySelector('#announcements');
+        new MutationObserver(() => globalThis.told.push(place.textContent)).observe(
+            place, {childList: true});
+    });
+    const tells = async (text) => {
+        await until(() => stage.page.evaluate((wanted) =>
+            globalThis.told.some((each) => each.includes(wanted)), text), `“${text}” is announced`);
+        await stage.idle();
+    };
+    const loadParameters = (text) => stage.page.setInputFiles('#file-load', {
+        name: 'a.conf', mimeType: 'text/plain', buffer: Buffer.from(text),
+    });
+    await stage.click('#tab-file');
+    await stage.click('#file-save');
+    await tells('Saved as qm5_app_comm.conf.');
+    await loadParameters(`[osd]\n${';'.repeat(700 * 1024)}`);
+    await tells('a.conf: it has 716806 bytes, of 716800 at most.');
+    await loadParameters('[osd]\nPost0TypeOn=1\n');
+    await tells('1 difference.');
+    await stage.click('#file-apply');
+    await stage.page.locator('#file-outcome.good').waitFor();
+    await tells('It says nothing else than what is in force.');
+    await stage.page.route('**/api/parameters/file', (route) => route.fulfill({
+        status: 409, contentType: 'application/json', body: '{"error":""}',
+    }));
+    await stage.click('#file-save');
+    await tells('status 409');
+    await stage.text('#file-outcome', 'status 409');
+    await stage.click('#tab-palette');
+    await stage.page.fill('#palette-alpha', '256');
+    await stage.click('#palette-form [type="submit"]');
+    await tells('Alpha is a number of 0 to 255.');
+    await stage.click('#tab-codec');
+    await stage.page.fill('#clock-zone', 'UTC-9');
+    await stage.click('#clock-form [type="submit"]');
+    await stage.text('#clock-state', /^Zone UTC-9/);
+    await stage.page.fill('#clock-change', '256');
+    await stage.click('#change-submit');
+    await tells('256: no number of 0 to 255');
+    const told = (await stage.page.evaluate(() => globalThis.told)).join(' ');
+    for (const words of ['Saved as', '1 difference', '256: no number', 'It says nothing else'])
+        assert.equal(told.split(words).length, 2, told);
+    assert.equal(told.split('Done.').length, 3, told); // the update and the zone
+});
+
 test('a start that fails is told where it was asked for', async (t) => {
     const stage = await Stage.open(t);
     stage.sim('fault', 'add', 'open_device', 'every', 'fail', 'gone1');
