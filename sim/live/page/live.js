@@ -7,6 +7,7 @@ import {packPalette} from './picture.js';
 import {SLOTS} from './slots.js';
 
 const RETRY_MS = [500, 1000, 2000, 5000];
+const ASK_AGAIN_MS = 2000;
 
 // Fires: connection, state, parameters, failure (they couldn't be read), palette, picture (detail:
 // number of the post), calls and reports (detail: what the server's event carried, and for reports
@@ -17,6 +18,7 @@ export class Live extends EventTarget {
     state = null;
     parameters = []; // rows of the catalogue with the values in force
     palette = packPalette(Array(256).fill([0, 0, 0, 0]));
+    isPaletteKnown = false; // has any been read?
     hasDefaultPalette = true;
     paletteError = ''; // why the one in force can't be read
     parametersError = ''; // the same of the parameters
@@ -88,8 +90,8 @@ export class Live extends EventTarget {
                 this.#tell('parameters');
             }
         } catch (error) {
-            this.#parametersVersion = null; // asked again with the next state
-            this.parametersError = error.status === 0 ? '' : error.message;
+            this.#parametersVersion = null;
+            this.parametersError = this.#takeFailure(error);
             this.#tell('failure');
         } finally {
             this.#parametersRunning = false;
@@ -148,15 +150,30 @@ export class Live extends EventTarget {
 
     #takeState(state) {
         this.state = state;
-        const version = `${state.parameters} ${state.application.running}`;
+        this.#readWhatIsNew();
+        this.#tell('state');
+        state.posts.forEach((post) => this.pictures[post.number].take(post));
+    }
+
+    #readWhatIsNew() {
+        const {application, palette, parameters} = this.state;
+        const version = `${parameters} ${application.running}`;
         if (version !== this.#parametersVersion) {
             this.#parametersVersion = version;
             this.readParameters();
         }
-        if (state.palette !== this.#paletteVersion)
-            this.#readPalette(state.palette);
-        this.#tell('state');
-        state.posts.forEach((post) => this.pictures[post.number].take(post));
+        if (palette !== this.#paletteVersion)
+            this.#readPalette(palette);
+    }
+
+    // What was refused is asked for again with the next state, and what got lost soon, unless the
+    // stream did, too, and begins with a state. The words of a refusal; '' if there was none.
+    #takeFailure({status, message}) {
+        if (status)
+            return message;
+        if (this.#source.readyState === EventSource.OPEN)
+            setTimeout(() => this.#readWhatIsNew(), ASK_AGAIN_MS);
+        return '';
     }
 
     async #readPalette(version) {
@@ -166,10 +183,11 @@ export class Live extends EventTarget {
             return;
         this.paletteError = '';
         if (found.error) {
-            this.#paletteVersion = null; // asked again with the next state
-            this.paletteError = found.error.status === 0 ? '' : found.error.message;
+            this.#paletteVersion = null;
+            this.paletteError = this.#takeFailure(found.error);
         } else {
             this.palette = packPalette(found.colors);
+            this.isPaletteKnown = true;
             this.hasDefaultPalette = found.default;
         }
         this.#tell('palette');

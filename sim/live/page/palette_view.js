@@ -131,10 +131,11 @@ export class PaletteView {
     }
 
     #show() {
-        const {hasDefaultPalette, paletteError} = this.#live;
-        setText(find('#palette-state'), paletteError ||
-            (hasDefaultPalette ? 'The built-in palette.' : 'A palette of its own.'));
+        const {hasDefaultPalette, isPaletteKnown, paletteError} = this.#live;
+        setText(find('#palette-state'), paletteError || this.#state);
         setOff(find('#palette-default'), hasDefaultPalette && paletteError === '');
+        setOff(find('#palette-set'), !isPaletteKnown);
+        setOff(find('#palette-save'), !isPaletteKnown);
         this.#cells.forEach((cell, index) => {
             const color = this.#color(index);
             cell.firstChild.style.backgroundColor = colorStyle(color);
@@ -143,14 +144,22 @@ export class PaletteView {
         this.#read(this.#at);
     }
 
+    get #state() {
+        if (!this.#live.isPaletteKnown)
+            return 'Not known yet.';
+        return this.#live.hasDefaultPalette ? 'The built-in palette.' : 'A palette of its own.';
+    }
+
     #words(index) {
+        if (!this.#live.isPaletteKnown)
+            return `${index}: not known yet`;
         const [red, green, blue, alpha] = this.#color(index);
         return `${index}: red ${red}, green ${green}, blue ${blue}, alpha ${alpha}`;
     }
 
     #read(index) {
-        const code = colorCode(this.#color(index));
-        setText(find('#palette-readout'), `${this.#words(index)} · ${code}`);
+        const code = this.#live.isPaletteKnown ? ` · ${colorCode(this.#color(index))}` : '';
+        setText(find('#palette-readout'), this.#words(index) + code);
     }
 
     #choose(index) {

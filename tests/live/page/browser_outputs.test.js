@@ -189,6 +189,45 @@ test('a single colour is set, and given back what the loaded palette has', async
     assert.equal(stage.sim('palette').stdout, own);
 });
 
+test('no colour is set on a palette that is not known', async (t) => {
+    const stage = await Stage.open(t);
+    const file = path.join(stage.folder, 'palette');
+    const spoilt = '3 1 2 3 4\n5 nonsense\n';
+    writeFileSync(file, spoilt);
+    await stage.page.reload();
+    await stage.text('#palette-state', /line 2: not INDEX RED GREEN BLUE ALPHA/);
+    await stage.click('#tab-palette');
+    await stage.page.locator('#palette-rows td').nth(3).click();
+    await stage.text('#palette-readout', '3: not known yet');
+    for (const button of ['set', 'back', 'save'])
+        assert.equal(await stage.page.isDisabled(`#palette-${button}`), true, button);
+    await stage.page.fill('#palette-color', '#0ac81e');
+    await stage.page.fill('#palette-alpha', '128');
+    await stage.page.press('#palette-alpha', 'Enter');
+    await stage.page.fill('#post-3-size', '320x240');
+    await stage.click('#post-3 [type="submit"]');
+    await stage.text('#commands', /^\S+ {2}\S+ \S+qm5sim post 3 (open|resize) 320x240$/);
+    assert.equal(readFileSync(file, 'utf8'), spoilt);
+    await stage.click('#palette-default');
+    await stage.text('#palette-state', 'The built-in palette.');
+    assert.equal(await stage.page.isDisabled('#palette-set'), false);
+});
+
+test('palette and parameters that got lost on their way are asked for again', async (t) => {
+    const stage = await Stage.open(t);
+    const spoil = (route) => route.abort('connectionreset');
+    const addresses = ['**/api/palette', '**/api/parameters'];
+    for (const address of addresses)
+        await stage.page.route(address, spoil);
+    await stage.page.reload();
+    await stage.text('#palette-state', 'Not known yet.');
+    await stage.text('#parameter-fields', 'Not known yet.');
+    for (const address of addresses)
+        await stage.page.unroute(address, spoil);
+    await stage.text('#palette-state', 'The built-in palette.');
+    await stage.page.locator('#field-Post0DateOn').waitFor();
+});
+
 test('a palette that comes late is dropped', async (t) => {
     const stage = await Stage.open(t);
     await stage.startApplication();
