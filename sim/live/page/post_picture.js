@@ -100,10 +100,10 @@ export class PostPicture {
         this.#repainted();
     }
 
-    // Fetches everything anew with the next state.
+    // Fetches everything anew with the next state, and shows until then what there is.
     forget() {
         this.#backgroundKey = '';
-        this.layers = [];
+        this.layers = this.layers.map((layer) => ({...layer, fetched: -1}));
     }
 
     repaint() {
@@ -119,8 +119,9 @@ export class PostPicture {
             return;
         }
         const key = `${post.width}x${post.height} ${post.background}`;
-        const isNew = await this.#updateBackground(post, key);
-        if (!fits(this.picture, post))
+        const isNew = key !== this.#backgroundKey;
+        const background = isNew ? await fetchBackground(this.#number) : this.background;
+        if (!fits(background, post)) // it has another size by now
             return;
         const old = this.layers;
         const shown = post.osds.filter((osd) => osd.shown);
@@ -130,28 +131,21 @@ export class PostPicture {
             this.#repaintChanged(old);
             return;
         }
-        this.repaint();
         this.#backgroundKey = key; // not before: a layer that was lost has all of it made again
+        this.background = background;
+        if (!fits(this.picture, post))
+            this.picture = newPicture(post.width, post.height);
+        this.repaint();
     }
 
     #close() {
         if (!this.picture)
             return;
-        this.forget();
+        this.#backgroundKey = '';
         this.picture = null;
         this.background = null;
+        this.layers = [];
         this.#repainted();
-    }
-
-    async #updateBackground(post, key) {
-        if (key === this.#backgroundKey)
-            return false;
-        const background = await fetchBackground(this.#number);
-        if (!fits(background, post)) // it has another size by now
-            return false;
-        this.background = background;
-        this.picture = newPicture(post.width, post.height);
-        return true;
     }
 
     // The layer of an OSD: with new pixels if the codec has been given some, else with the old.

@@ -416,6 +416,34 @@ test('what was set before the page is told as that', async (t) => {
     await stage.text(last, /^\d\d:\d\d:\d\d\.\d\d\d$/);
 });
 
+test('OSDs stay in the picture while they are fetched anew', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    assert.equal(stage.osd('update', '--Post0TypeOn=1').status, 0);
+    await stage.showsSnapshot(0);
+    await stage.page.evaluate(() => {
+        globalThis.painted = [];
+        const put = CanvasRenderingContext2D.prototype.putImageData;
+        CanvasRenderingContext2D.prototype.putImageData = function (...words) {
+            put.apply(this, words);
+            if (this.canvas.id === 'canvas-0')
+                globalThis.painted.push(this.canvas.toDataURL() === globalThis.before);
+        };
+        globalThis.before = document.querySelector('#canvas-0').toDataURL();
+    });
+    await stage.turn(true);
+    const {held, release} = await stage.holdBack('GET', '**/api/posts/0/osds/*');
+    const others = ['palette', 'parameters'].map((name) =>
+        stage.page.waitForResponse(`**/api/${name}`).then((response) => response.finished()));
+    await stage.turn(false);
+    await Promise.all([held, ...others]);
+    const painted = () => stage.page.evaluate(() => globalThis.painted);
+    await until(async () => (await painted()).length > 0, 'it is painted with the palette');
+    await release();
+    await stage.showsSnapshot(0);
+    assert.ok((await painted()).every(Boolean), 'all paints show the same');
+});
+
 test('only what has changed is fetched, and nothing without a change', async (t) => {
     const stage = await Stage.open(t);
     await stage.startApplication();
