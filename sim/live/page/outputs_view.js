@@ -63,6 +63,11 @@ export function paint({picture, layers}, guides, thick) {
     return new ImageData(marked.rgba, width, height);
 }
 
+// Why there is no picture of a post that isn't open.
+export function whyEmpty(state, number) {
+    return state.state_error ? 'What is shown cannot be told.' : `Post ${number} has no thread.`;
+}
+
 // ---- One post ----------------------------------------------------------------------------------
 
 class PostView {
@@ -153,18 +158,13 @@ class PostView {
         return this.#live.state?.posts[this.#number];
     }
 
-    #whyEmpty() {
-        return this.#live.state.state_error ? 'What is shown cannot be told.'
-                                            : `Post ${this.#number} has no thread.`;
-    }
-
     showState() {
         const p = this.#parts;
         const post = this.#post;
         setText(p.size, post.open ? `${post.width} × ${post.height}` : 'no thread');
         p.canvas.hidden = !post.open;
         p.empty.hidden = post.open;
-        setText(p.empty, this.#whyEmpty());
+        setText(p.empty, whyEmpty(this.#live.state, this.#number));
         setOff(p.pixels, !post.open);
         const now = post.open ? `${post.width}x${post.height}` : 'closed';
         const wanted = post.wanted ?? POST_SIZES[this.#number];

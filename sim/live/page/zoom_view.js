@@ -1,10 +1,10 @@
 // One post's picture at a whole number of screen pixels for each of its own, and what stands at the
 // pixel under the pointer or the cursor that the keyboard moves.
 
-import {element, find, oncePerFrame, setOff, setText} from './dom.js';
+import {element, find, oncePerFrame, setOff, setText, showText} from './dom.js';
 import {colorCode, colorStyle} from './format.js';
 import {announce} from './announce.js';
-import {paint} from './outputs_view.js';
+import {paint, whyEmpty} from './outputs_view.js';
 import {areaOf, commonArea, isEmpty, probe, wholeArea} from './picture.js';
 import {modeName, modeOf, POSTS} from './slots.js';
 
@@ -150,7 +150,10 @@ export class ZoomView {
             if (event.detail === this.#post)
                 this.#copyPicture();
         });
-        this.#live.addEventListener('state', () => this.#showHead());
+        this.#live.addEventListener('state', () => {
+            this.#showHead();
+            this.#draw();
+        });
         this.#guides.addEventListener('change', () => this.#copyPicture());
     }
 
@@ -179,14 +182,25 @@ export class ZoomView {
         });
     }
 
+    #whyEmpty() {
+        const {picture, failure} = this.#shown;
+        if (picture)
+            return '';
+        const {state} = this.#live;
+        return state.posts[this.#post].open ? failure : whyEmpty(state, this.#post);
+    }
+
     #copyPicture() {
         if (this.#post === null)
             return;
         const {picture} = this.#shown;
         if (picture) {
             const {width, height} = picture;
-            if (this.#copy.width !== width || this.#copy.height !== height)
+            if (this.#copy.width !== width || this.#copy.height !== height) {
                 Object.assign(this.#copy, {width, height});
+                this.#putCursor(this.#cursor.x, this.#cursor.y);
+                this.#center();
+            }
             const guides = this.#guides.of(this.#live.state.posts[this.#post]);
             this.#copy.getContext('2d').putImageData(paint(this.#shown, guides, 1), 0, 0);
         }
@@ -208,6 +222,7 @@ export class ZoomView {
         const {width, height} = this.#canvas;
         context.clearRect(0, 0, width, height);
         this.#showProbe();
+        showText(find('#zoom-empty'), this.#whyEmpty());
         setText(find('#zoom-scale'), `${this.#scale}×`);
         setOff(find('#zoom-out'), this.#scale === SCALES[0]);
         setOff(find('#zoom-in'), this.#scale === SCALES.at(-1));
@@ -309,6 +324,8 @@ export class ZoomView {
     }
 
     #wheel(event) {
+        if (event.ctrlKey) // the browser's own scale
+            return;
         event.preventDefault();
         if (event.deltaY !== 0)
             this.#rescale(event.deltaY < 0 ? 1 : -1, this.#placeOf(event));

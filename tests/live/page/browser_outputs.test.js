@@ -347,6 +347,9 @@ test('pixels follow the pointer and the wheel', async (t) => {
         const found = await position();
         return found[0] < 320 && found;
     }, 'the cursor follows');
+    const isLeftToBrowser = await canvas.evaluate((target) => target.dispatchEvent(
+        new WheelEvent('wheel', {ctrlKey: true, deltaY: -100, bubbles: true, cancelable: true})));
+    assert.ok(isLeftToBrowser, 'with Ctrl the wheel is the browser’s');
     await stage.page.mouse.wheel(0, -100);
     await stage.text('#zoom-scale', '4×');
     const wheeled = await position();
@@ -356,6 +359,37 @@ test('pixels follow the pointer and the wheel', async (t) => {
     await stage.page.mouse.up();
     await stage.page.mouse.move(x + 10, y + 10);
     await until(async () => (await position())[0] === wheeled[0] - 10, 'the picture was dragged');
+});
+
+test('pixels follow a post that gets smaller, and say when there is none', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    await stage.page.locator('#post-1').getByText('Pixels').click();
+    const position = '#zoom-probe table:first-child tr:first-child .number';
+    const press = (key, times) => stage.page.evaluate(([name, count]) => {
+        for (let at = 0; at < count; at++)
+            document.activeElement.dispatchEvent(new KeyboardEvent('keydown', {
+                key: name, shiftKey: true, bubbles: true,
+            }));
+    }, [key, times]);
+    await press('ArrowRight', 100);
+    await press('ArrowDown', 60);
+    const seen = () => stage.page.evaluate(() => {
+        const {data} = document.querySelector('#zoom-canvas').getContext('2d')
+            .getImageData(0, 0, 200, 200);
+        return data.filter((_, at) => at % 4 === 3 && data[at] === 255).length;
+    });
+    await stage.text(position, '1919, 1079');
+    assert.equal(await seen(), 200 * 200);
+    stage.setPost(1, '640x360');
+    await stage.text('#zoom-heading', /: 640 × 360$/);
+    await stage.text(position, '639, 359');
+    await until(async () => await seen() === 200 * 200, 'the picture is in view');
+    stage.setPost(1, 'closed');
+    await stage.text('#zoom-empty', 'Post 1 has no thread.');
+    await stage.shot('pixels-closed');
+    assert.equal(stage.sim('post', '1', 'open', '640x360').status, 0);
+    await until(() => stage.page.locator('#zoom-empty').isHidden(), 'it is there again');
 });
 
 test('a tap puts the cursor where the finger was', async (t) => {
