@@ -33,4 +33,7 @@ followCommands(actions);
 followReports(live);
 makeTabs(find('#control .tabs'));
 guardButtons();
+// What is to be changed has to be known first.
+live.addEventListener('state', () =>
+    document.querySelectorAll('[inert]').forEach((each) => (each.inert = false)), {once: true});
 live.follow();

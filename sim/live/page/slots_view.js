@@ -1,6 +1,6 @@
 // The slot inspector: a table of the OSDs of all posts, as the codec has them.
 
-import {element, find, setText, syncRows} from './dom.js';
+import {element, find, setText, showText, syncRows} from './dom.js';
 import {hexadecimal, timeOfDay} from './format.js';
 import {COLOR_TYPES, modeName, modeOf, TIME_SLOT} from './slots.js';
 
@@ -47,7 +47,7 @@ export class SlotsView {
             return osds.filter((osd) => withClosed || osd.handle)
                 .map((osd, at) => ({post, osd, isFirst: at === 0}));
         });
-        find('#slots-empty').hidden = rows.length > 0;
+        showText(find('#slots-empty'), rows.length > 0 ? '' : 'No OSD is open.');
         find('#slots-scroll').hidden = rows.length === 0;
         const keyOf = ({post, osd}) => `${post.number}/${osd.number}`;
         syncRows(find('#slots-rows'), rows, keyOf, makeRow,

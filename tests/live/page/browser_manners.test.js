@@ -234,11 +234,26 @@ test('a page for which there is no stream left says so, until there is one', asy
         fetch(`${stage.server.address}api/events`, {signal})));
     assert.ok(streams.every(({status}) => status === 200));
     const page = await stage.page.context().newPage();
+    const errors = [];
+    page.on('pageerror', (error) => errors.push(error.message));
     await page.goto(stage.server.address);
     await page.getByText('The server refuses this page: events: 32 streams are open.').waitFor();
+    assert.deepEqual(await page.locator('.status li:visible').allInnerTexts(),
+                     ['Connection lost', 'Unknown']);
+    assert.equal(await page.textContent('#slots-empty'), 'Not known yet.');
+    const pixels = page.locator('#post-0').getByText('Pixels');
+    const {x, y, width, height} = await pixels.boundingBox();
+    await page.mouse.click(x + width / 2, y + height / 2);
+    await page.focus('#tab-faults');
+    await page.keyboard.press('Enter');
+    await page.screenshot({path: path.join(process.env.PAGE_TEST_PICTURES, 'refused-page.png')});
+    assert.equal(await page.locator('#zoom, #panel-faults').locator('visible=true').count(), 0);
     others.abort();
     await page.locator('#text-connection', {hasText: /^Live$/}).waitFor();
     assert.doesNotMatch(await page.textContent('#notices'), /refuses/);
+    await pixels.click();
+    await page.locator('#zoom').waitFor();
+    assert.deepEqual(errors, []);
 });
 
 test('a request that nobody answers is given up with a word about windows', async (t) => {

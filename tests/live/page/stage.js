@@ -119,6 +119,7 @@ export class Stage {
         stage.page.on('pageerror', (error) => stage.#complaints.push(error.stack));
         await stage.page.goto(`${stage.server.address}?token=${token}`);
         await stage.text('#text-connection', 'Live');
+        await stage.page.locator('#control:not([inert])').waitFor();
         return stage;
     }
 
