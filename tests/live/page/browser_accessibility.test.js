@@ -11,7 +11,8 @@ after(closeBrowser);
 
 const TABS = ['parameters', 'file', 'faults', 'palette', 'codec'];
 
-// A page with something of everything: texts, a rectangle, a fault, recorded calls, a loaded file.
+// A page with something of everything, some of it long: texts, a rectangle, a fault, recorded calls,
+// a time zone, a loaded file.
 async function openBusyPage(t, options) {
     const stage = await Stage.open(t, options);
     stage.sim('setting', 'record', '1');
@@ -20,9 +21,11 @@ async function openBusyPage(t, options) {
     assert.equal(stage.osd('update', '--Post0DateOn=1', '--Post0StringOn=1', '--Post0String=hello',
                            '--Post1TypeOn=1', '--Post1Rectangle2On=1', '--Post1Osd2X=500',
                            '--Post1Osd2W=300', '--Post1Osd2H=200').status, 0);
+    stage.sim('clock', `CET-1CEST,M3.5.0,M10.5.0/3${'a'.repeat(36)}`);
+    await stage.text('#clock-state', /M10\.5\.0\/3a{36}, change byte 1\.$/);
     await stage.click('#tab-file');
     await stage.page.setInputFiles('#file-load', {
-        name: 'other.conf', mimeType: 'text/plain',
+        name: `${'a-name-without-blanks-'.repeat(4)}.conf`, mimeType: 'text/plain',
         buffer: Buffer.from('[osd]\nPost0DateOn=0\nPost0String=a longer one\n'),
     });
     await stage.text('#file-verdict', '2 differences.');

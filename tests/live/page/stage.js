@@ -294,10 +294,11 @@ export class Stage {
         assert.ok(found.passes.length > 20, 'the rules were held against something');
     }
 
-    // Is anything wider than the window?
+    // How much wider than the window, or than the panel that it is in, anything is.
     async overhang() {
-        return this.page.evaluate(() =>
-            document.documentElement.scrollWidth - document.documentElement.clientWidth);
+        return this.page.evaluate(() => Math.max(
+            ...[document.documentElement, ...document.querySelectorAll('.panel, .panel pre')]
+                .map((each) => each.scrollWidth - each.clientWidth)));
     }
 }
 
