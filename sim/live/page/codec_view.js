@@ -2,7 +2,7 @@
 // OSDs.
 
 import {showOutcome} from './actions.js';
-import {find, setOff, setText} from './dom.js';
+import {find, setOff, setText, showSwitch} from './dom.js';
 import {LONGEST_FRAME, onFile} from './files.js';
 
 function onSubmit(form, run) {
@@ -15,6 +15,7 @@ function onSubmit(form, run) {
 export class CodecView {
     #live;
     #actions;
+    #switches;
 
     constructor(live, actions) {
         this.#live = live;
@@ -49,12 +50,9 @@ export class CodecView {
     }
 
     #listenToSettings() {
-        for (const name of ['record', 'strict']) {
-            find(`#setting-${name}`).addEventListener('change', async ({target}) => {
-                await this.#set(name, target.checked ? '1' : '0');
-                target.checked = this.#live.state.settings[name] !== 0;
-            });
-        }
+        this.#switches = ['record', 'strict'].map((name) => showSwitch(
+            find(`#setting-${name}`), () => this.#live.state.settings[name] !== 0,
+            (isOn) => this.#set(name, isOn ? '1' : '0')));
         onSubmit('#settings-form', async () => {
             const value = find('#setting-alignment').value.trim();
             const answer = await this.#set('alignment', value);
@@ -105,8 +103,7 @@ export class CodecView {
         setOff(find('#change-submit'), !clock);
         find('#clock-change').placeholder = clock ? String(clock.change) : 'none';
         this.#showFrame();
-        find('#setting-record').checked = settings.record !== 0;
-        find('#setting-strict').checked = settings.strict !== 0;
+        this.#switches.forEach((show) => show());
         find('#setting-alignment').placeholder = settings.alignment.join(' ');
     }
 }

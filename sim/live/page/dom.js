@@ -30,6 +30,25 @@ export function showText(target, text) {
     target.hidden = text === '';
 }
 
+// Has a check box set what it is for. The function that this gives has it show what the state says.
+// What the user chose isn't taken back when the answer comes, for the state that says so may come
+// later.
+export function showSwitch(box, isOn, set) {
+    let setting = 0;
+    const show = () => {
+        if (setting === 0)
+            box.checked = isOn();
+    };
+    box.addEventListener('change', async () => {
+        setting++;
+        const {good} = await set(box.checked);
+        setting--;
+        if (!good)
+            show();
+    });
+    return show;
+}
+
 // Switches a button off or on. One that is off can have the focus: it may go off by the very key
 // that was pressed on it, and the next key would begin at the top of the page.
 export function setOff(button, isOff) {

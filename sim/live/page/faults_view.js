@@ -2,7 +2,7 @@
 
 import {copyOnClick, showOutcome} from './actions.js';
 import {commandLine} from './command.js';
-import {element, find, setOff, setText, syncRows} from './dom.js';
+import {element, find, setOff, setText, showSwitch, syncRows} from './dom.js';
 import {
     CHANGED_SIZES, CODES, EFFECTS, effectsOf, faultLine, hasPost, OPERATIONS,
 } from './faults.js';
@@ -19,6 +19,7 @@ function options(names) {
 export class FaultsView {
     #live;
     #actions;
+    #showSwitch;
 
     constructor(live, actions) {
         this.#live = live;
@@ -41,7 +42,8 @@ export class FaultsView {
             this.#add();
         });
         find('#fault-clear').addEventListener('click', () => this.#clear());
-        find('#faults-on').addEventListener('change', (event) => this.#switch(event.target));
+        this.#showSwitch = showSwitch(find('#faults-on'), () => this.#live.state.faults.on,
+                                      (isOn) => this.#switch(isOn));
         copyOnClick(find('#fault-copy'), find('#fault-command'));
         this.#live.addEventListener('state', () => {
             this.#showList();
@@ -111,17 +113,16 @@ export class FaultsView {
         return this.#actions.run(find('#fault-outcome'), 'DELETE', `/api/faults/${id}`);
     }
 
-    async #switch(box) {
-        await this.#actions.run(find('#fault-outcome'), 'PUT', '/api/settings',
-                                {name: 'faults', value: box.checked ? '1' : '0'});
-        box.checked = this.#live.state.faults.on;
+    #switch(isOn) {
+        return this.#actions.run(find('#fault-outcome'), 'PUT', '/api/settings',
+                                 {name: 'faults', value: isOn ? '1' : '0'});
     }
 
     #showList() {
         const {on, list} = this.#live.state.faults;
         const scroll = find('#fault-scroll');
         const hadFocus = scroll.contains(document.activeElement);
-        find('#faults-on').checked = on;
+        this.#showSwitch();
         find('#fault-empty').hidden = list.length > 0;
         setOff(find('#fault-clear'), list.length === 0);
         syncRows(find('#fault-rows'), list, ({id}) => id, (fault) => this.#makeRow(fault),

@@ -259,6 +259,51 @@ test('settings are shown and changed', async (t) => {
     await until(async () => !await stage.page.isChecked('#setting-strict'), 'strict is off again');
 });
 
+// Has the page take the events of its stream only when it is let: {release}.
+async function holdEvents(stage) {
+    await stage.turn(true);
+    await stage.page.evaluate(() => {
+        const listen = EventSource.prototype.addEventListener;
+        const waiting = [];
+        globalThis.hold = true;
+        globalThis.release = () => {
+            globalThis.hold = false;
+            waiting.splice(0).forEach((take) => take());
+        };
+        EventSource.prototype.addEventListener = function (name, take) {
+            listen.call(this, name, (event) => {
+                if (globalThis.hold)
+                    waiting.push(() => take(event));
+                else
+                    take(event);
+            });
+        };
+    });
+    await stage.turn(false);
+    return {release: () => stage.page.evaluate(() => globalThis.release())};
+}
+
+test('a switch stands as it was chosen until the codec says so', async (t) => {
+    const stage = await Stage.open(t);
+    const {release} = await holdEvents(stage);
+    for (const [tab, box] of [['codec', '#setting-strict'], ['faults', '#faults-on']]) {
+        await stage.click(`#tab-${tab}`);
+        const before = await stage.page.isChecked(box);
+        const commands = await stage.page.locator('#commands li').count();
+        await stage.page.setChecked(box, !before);
+        await until(async () => await stage.page.locator('#commands li').count() > commands, box);
+        assert.equal(await stage.page.isChecked(box), !before, box);
+    }
+    await release();
+    await stage.text('#text-faults', 'Faults off');
+    assert.match(stage.sim('setting').stdout, /strict:? 1/);
+    assert.equal(await stage.page.isChecked('#faults-on'), false);
+    await stage.page.route('**/api/settings', (route) => route.abort('connectionreset'));
+    await stage.click('#faults-on');
+    await stage.text('#fault-outcome', 'The server does not answer.');
+    assert.equal(await stage.page.isChecked('#faults-on'), false);
+});
+
 // ---- Logs ---------------------------------------------------------------------------------------
 
 test('recorded calls are shown, filtered and paused', async (t) => {
