@@ -19,8 +19,13 @@ const NO_SENSE = 'The state of the codec cannot be shown:';
 const NO_STATE = 'No application has used this simulated codec yet. The outputs are as the first ' +
     'will find them.';
 const ACTIONS = {start: 'Start', stop: 'Stop', restart: 'Restart'};
-const DISMISSED = 'qm5sim-dismissed'; // troubles, kept as long as the page's tab
+const TROUBLES = 'qm5sim-troubles'; // kept as long as the page's tab, as are those dismissed
+const DISMISSED = 'qm5sim-dismissed';
 const NOT_RUNNING = 'No server runs. The pictures change only while the application runs.';
+
+function storedMap(name) {
+    return new Map(JSON.parse(sessionStorage.getItem(name) ?? '[]'));
+}
 
 function setLamp(name, text, kind) {
     const lamp = find(`#lamp-${name}`);
@@ -34,8 +39,8 @@ function setLamp(name, text, kind) {
 export class StatusView {
     #live;
     #actions;
-    #troubles = new Map(); // text of each that the reports tell of, to the newest handle then
-    #dismissed = new Map(JSON.parse(sessionStorage.getItem(DISMISSED) ?? '[]')); // likewise
+    #troubles = storedMap(TROUBLES); // text of each that was reported, to the newest handle then
+    #dismissed = storedMap(DISMISSED); // likewise
     #told = {report: ''};
     #failure = null; // of the last button pressed above: its name and text
     #wasRunning = null;
@@ -143,19 +148,22 @@ export class StatusView {
 
     // ---- Notices -------------------------------------------------------------------------------
 
-    // Old lines say nothing of a trouble where an OSD is open, which may be newer than they are.
+    // Old lines bring no trouble where an OSD is open, which may be newer than they are; but one
+    // that isn't among them belongs to another log.
     #takeReports({reset, old, text}) {
-        if (reset && !old)
-            this.#forgetTroubles(() => true);
         const lines = splitReports(text);
+        const troubles = lines.map(troubleOf).filter(Boolean);
+        if (reset)
+            this.#forgetTroubles((_, trouble) => !old || !troubles.includes(trouble));
         const error = lines.findLast(isError);
         if (error)
             this.#tell('report', `Error report: ${error}`, reset);
         const handle = this.#newestHandle();
-        for (const trouble of lines.map(troubleOf).filter(Boolean)) {
+        for (const trouble of troubles) {
             if (!this.#dismissed.has(trouble) && (!old || handle === 0))
                 this.#troubles.set(trouble, handle);
         }
+        this.#keepTroubles();
         this.#showNotices();
     }
 
@@ -163,21 +171,22 @@ export class StatusView {
     #dismiss(trouble) {
         this.#dismissed.set(trouble, this.#newestHandle());
         this.#troubles.delete(trouble);
-        this.#keepDismissed();
+        this.#keepTroubles();
     }
 
-    #keepDismissed() {
+    #keepTroubles() {
+        sessionStorage.setItem(TROUBLES, JSON.stringify([...this.#troubles]));
         sessionStorage.setItem(DISMISSED, JSON.stringify([...this.#dismissed]));
     }
 
     #forgetTroubles(isOver) {
         for (const troubles of [this.#troubles, this.#dismissed]) {
             for (const [text, handle] of troubles) {
-                if (isOver(handle))
+                if (isOver(handle, text))
                     troubles.delete(text);
             }
         }
-        this.#keepDismissed();
+        this.#keepTroubles();
     }
 
     #newestHandle() {

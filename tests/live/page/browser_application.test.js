@@ -91,6 +91,11 @@ test('the application stops and starts while the page is open', async (t) => {
     await stage.text('#text-application', 'No server runs');
 });
 
+function signalServer(signal) {
+    const {stdout} = spawnSync('pidof', [QM5OSD_PROGRAM], {encoding: 'utf8'});
+    process.kill(Number(stdout), signal);
+}
+
 // A parameter file that sets the font.
 function fontFile(stage, font) {
     const file = path.join(stage.folder, 'font.conf');
@@ -160,6 +165,11 @@ test('a trouble that was dismissed stays so until it is over', async (t) => {
     await useFont(stage, font);
     spoil('--Post1TypeOn=1');
     await stage.text('#notices', /The font cannot be opened/);
+    signalServer('SIGSTOP'); // so that it tells nothing anew
+    await stage.page.reload();
+    await stage.text('#slots-rows', /Label/);
+    await stage.text('#notices', /The font cannot be opened/).finally(
+        () => signalServer('SIGCONT'));
 });
 
 test('pictures and safe spaces without room for the texts are told', async (t) => {
@@ -178,8 +188,7 @@ test('a server that was killed is told, and another one started', async (t) => {
     await stage.startApplication();
     assert.equal(stage.osd('update', '--Post0TypeOn=1').status, 0);
     await stage.text('#slots-rows', /Label/);
-    const {stdout} = spawnSync('pidof', [QM5OSD_PROGRAM], {encoding: 'utf8'});
-    process.kill(Number(stdout), 'SIGKILL');
+    signalServer('SIGKILL');
     await stage.text('#text-application', 'No server runs');
     await stage.text('#text-device', 'Codec closed');
     await stage.startApplication();
