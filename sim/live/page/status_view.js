@@ -23,8 +23,26 @@ const TROUBLES = 'qm5sim-troubles'; // kept as long as the page's tab, as are th
 const DISMISSED = 'qm5sim-dismissed';
 const NOT_RUNNING = 'No server runs. The pictures change only while the application runs.';
 
+// A browser may keep nothing for the page; then it is forgotten when the page is loaded anew.
 function storedMap(name) {
-    return new Map(JSON.parse(sessionStorage.getItem(name) ?? '[]'));
+    try {
+        return new Map(JSON.parse(sessionStorage.getItem(name) ?? '[]'));
+    } catch {
+        return new Map();
+    }
+}
+
+function storeMap(name, map) {
+    try {
+        sessionStorage.setItem(name, JSON.stringify([...map]));
+    } catch {
+        return;
+    }
+}
+
+function newestHandle(state) {
+    const osds = state?.posts.flatMap((post) => post.osds) ?? [];
+    return Math.max(0, ...osds.map((osd) => osd.handle));
 }
 
 function setLamp(name, text, kind) {
@@ -148,9 +166,9 @@ export class StatusView {
 
     // ---- Notices -------------------------------------------------------------------------------
 
-    // Old lines bring no trouble where an OSD is open, which may be newer than they are; but one
-    // that isn't among them belongs to another log.
-    #takeReports({reset, old, text}) {
+    // Old lines bring no trouble where an OSD has come since the state before them, as it may be newer
+    // than they are. A trouble that a log which is read anew doesn't tell belongs to another log.
+    #takeReports({reset, old, before, text}) {
         const lines = splitReports(text);
         const troubles = lines.map(troubleOf).filter(Boolean);
         if (reset)
@@ -158,25 +176,24 @@ export class StatusView {
         const error = lines.findLast(isError);
         if (error)
             this.#tell('report', `Error report: ${error}`, reset);
-        const handle = this.#newestHandle();
         for (const trouble of troubles) {
-            if (!this.#dismissed.has(trouble) && (!old || handle === 0))
-                this.#troubles.set(trouble, handle);
+            if (!this.#dismissed.has(trouble) && !(old && this.#troubles.has(trouble)))
+                this.#troubles.set(trouble, newestHandle(before));
         }
-        this.#keepTroubles();
+        this.#dropOldTroubles();
         this.#showNotices();
     }
 
     // It stays dismissed though the server tells it with each attempt, and the page is loaded anew.
     #dismiss(trouble) {
-        this.#dismissed.set(trouble, this.#newestHandle());
+        this.#dismissed.set(trouble, newestHandle(this.#live.state));
         this.#troubles.delete(trouble);
         this.#keepTroubles();
     }
 
     #keepTroubles() {
-        sessionStorage.setItem(TROUBLES, JSON.stringify([...this.#troubles]));
-        sessionStorage.setItem(DISMISSED, JSON.stringify([...this.#dismissed]));
+        storeMap(TROUBLES, this.#troubles);
+        storeMap(DISMISSED, this.#dismissed);
     }
 
     #forgetTroubles(isOver) {
@@ -189,14 +206,9 @@ export class StatusView {
         this.#keepTroubles();
     }
 
-    #newestHandle() {
-        const osds = this.#live.state?.posts.flatMap((post) => post.osds) ?? [];
-        return Math.max(0, ...osds.map((osd) => osd.handle));
-    }
-
     // An OSD that was opened since says that the trouble is over.
     #dropOldTroubles() {
-        const newest = this.#newestHandle();
+        const newest = newestHandle(this.#live.state);
         this.#forgetTroubles((handle) => newest > handle);
     }
 

@@ -3,7 +3,7 @@
 
 import assert from 'node:assert/strict';
 import {spawnSync} from 'node:child_process';
-import {rmSync, writeFileSync} from 'node:fs';
+import {readFileSync, rmSync, writeFileSync} from 'node:fs';
 import path from 'node:path';
 import {after, test} from 'node:test';
 
@@ -111,6 +111,14 @@ async function useFont(stage, font) {
     await stage.text('#slots-rows', /Label/);
 }
 
+// Waits until the server's log tells once more that this font can't be opened.
+async function isTold(stage, font) {
+    const times = () =>
+        readFileSync(path.join(stage.folder, 'server.log'), 'utf8').split(font).length;
+    const before = times();
+    await until(() => times() > before, `${font} is told`);
+}
+
 // Waits until the page knows of one more fault, and sees that by then the font is no trouble.
 async function seesNoTrouble(stage, faults) {
     stage.sim('fault', 'add', 'library_init', 'next', 'delay', '1');
@@ -144,6 +152,33 @@ test('a font that cannot be opened is told until it can', async (t) => {
     await seesNoTrouble(stage, '2 faults');
 });
 
+// Has the trouble with a font told once more and be over while nobody sees the page.
+async function mendFontUnseen(stage, font) {
+    await stage.turn(true);
+    await isTold(stage, '/no/such/font.ttf');
+    assert.equal(stage.osd('update', '-f', fontFile(stage, font)).status, 0);
+    await stage.turn(false);
+    await stage.text('#slots-rows', /Date/);
+}
+
+test('a trouble that came while nobody saw the page is told until it is over', async (t) => {
+    const stage = await Stage.open(t);
+    const log = path.join(stage.folder, 'server.log');
+    assert.equal(stage.osd('start', '-l', log, '--Post0TypeOn=1').status, 0);
+    await stage.text('#slots-rows', /Label/);
+    const font = await stage.page.inputValue('#field-OsdFontFile');
+    await stage.turn(true);
+    stage.osd('update', '-f', fontFile(stage, '/no/such/font.ttf'), '--Post0DateOn=1');
+    signalServer('SIGSTOP'); // so that it tells nothing anew
+    await stage.turn(false);
+    await stage.text('#notices', /The font cannot be opened/).finally(
+        () => signalServer('SIGCONT'));
+    await mendFontUnseen(stage, font);
+    await seesNoTrouble(stage, '1 fault');
+    await stage.page.reload();
+    await seesNoTrouble(stage, '2 faults');
+});
+
 test('a trouble that was dismissed stays so until it is over', async (t) => {
     const stage = await Stage.open(t);
     await stage.startApplication();
@@ -162,7 +197,8 @@ test('a trouble that was dismissed stays so until it is over', async (t) => {
     await seesNoTrouble(stage, '2 faults');
     await stage.page.reload();
     await seesNoTrouble(stage, '3 faults');
-    await useFont(stage, font);
+    await mendFontUnseen(stage, font);
+    await seesNoTrouble(stage, '4 faults');
     spoil('--Post1TypeOn=1');
     await stage.text('#notices', /The font cannot be opened/);
     signalServer('SIGSTOP'); // so that it tells nothing anew
@@ -170,6 +206,22 @@ test('a trouble that was dismissed stays so until it is over', async (t) => {
     await stage.text('#slots-rows', /Label/);
     await stage.text('#notices', /The font cannot be opened/).finally(
         () => signalServer('SIGCONT'));
+});
+
+test('a browser that keeps nothing for the page shows it all the same', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.page.addInitScript(() => Object.defineProperty(globalThis, 'sessionStorage', {
+        get: () => {
+            throw new DOMException('denied', 'SecurityError');
+        },
+    }));
+    await stage.page.reload();
+    await stage.text('#text-connection', 'Live');
+    writeFileSync(path.join(stage.folder, 'server.log'),
+                  'ERR:FT_New_Face error. font file: /no/such/font.ttf(0)\n');
+    await stage.text('#notices', /The font cannot be opened: \/no\/such\/font\.ttf/);
+    await stage.click('#notices li:has-text("font") button');
+    assert.doesNotMatch(await stage.page.textContent('#notices'), /font/);
 });
 
 test('pictures and safe spaces without room for the texts are told', async (t) => {
