@@ -20,6 +20,7 @@ export class Live extends EventTarget {
     parameters = []; // rows of the catalogue with the values in force
     palette = packPalette(Array(256).fill([0, 0, 0, 0]));
     isPaletteKnown = false; // has any been read?
+    whyNoPalette = ''; // why none is known, once it has been asked for
     hasDefaultPalette = true;
     paletteError = ''; // why the one in force can't be read
     parametersError = ''; // the same of the parameters
@@ -41,7 +42,7 @@ export class Live extends EventTarget {
     constructor() {
         super();
         this.pictures = SLOTS.map((_, number) => new PostPicture(
-            number, () => this.palette, () => this.connection === 'lost',
+            number, () => this.isPaletteKnown && this.palette, () => this.connection === 'lost',
             () => this.#tell('picture', number)));
     }
 
@@ -157,8 +158,8 @@ export class Live extends EventTarget {
 
     #takeState(state) {
         this.state = state;
-        this.#readWhatIsNew();
         this.#isOld &&= this.#states++ === 0; // what was missed comes with the first
+        this.#readWhatIsNew();
         this.#tell('state');
         state.posts.forEach((post) => this.pictures[post.number].take(post));
     }
@@ -193,9 +194,12 @@ export class Live extends EventTarget {
         if (found.error) {
             this.#paletteVersion = null;
             this.paletteError = this.#takeFailure(found.error);
+            if (!this.isPaletteKnown)
+                this.whyNoPalette = `No palette is known: ${found.error.message}`;
         } else {
             this.palette = packPalette(found.colors);
             this.isPaletteKnown = true;
+            this.whyNoPalette = '';
             this.hasDefaultPalette = found.default;
         }
         this.#tell('palette');

@@ -1,6 +1,7 @@
 // The pictures of the four posts side by side, with each post's thread below its picture, and the
 // guides that all pictures can show.
 
+import {announce} from './announce.js';
 import {element, find, setOff, setText, showText} from './dom.js';
 import {drawGuides, isEmpty, safeArea} from './picture.js';
 import {cellOf, modeName, modeOf, parseSize, POST_SIZES, POSTS, safeSpaceOf} from './slots.js';
@@ -66,6 +67,12 @@ export function paint({picture, layers}, guides, thick) {
 // Why there is no picture of a post that isn't open.
 export function whyEmpty(state, number) {
     return state.state_error ? 'What is shown cannot be told.' : `Post ${number} has no thread.`;
+}
+
+// Why the picture of a post isn't what the codec shows; '' if it is.
+export function whyStale({state, pictures, whyNoPalette}, number) {
+    const why = pictures[number].failure || whyNoPalette;
+    return why && state.posts[number].open ? `This picture is not up to date: ${why}` : '';
 }
 
 // ---- One post ----------------------------------------------------------------------------------
@@ -200,11 +207,19 @@ class PostView {
             `Picture of post ${post.number}, ${post.width} by ${post.height}, showing ${what}`);
     }
 
+    #showFailure() {
+        const {failure} = this.#parts;
+        const why = this.#post ? whyStale(this.#live, this.#number) : '';
+        if (why !== '' && why !== failure.textContent)
+            announce(`Post ${this.#number}: ${why}`);
+        showText(failure, why);
+    }
+
     repaint() {
         const shown = this.#live.pictures[this.#number];
-        const {picture, failure} = shown;
+        const {picture} = shown;
         const {canvas, safe} = this.#parts;
-        showText(this.#parts.failure, failure && `This picture is not up to date: ${failure}`);
+        this.#showFailure();
         if (!picture || !this.#post?.open)
             return;
         if (canvas.width !== picture.width || canvas.height !== picture.height)

@@ -136,8 +136,8 @@ class Field {
 
     #showSwatch() {
         const index = Number(this.#value);
-        const {palette} = this.#view.live;
-        const isIndex = /^\d+$/.test(this.#value) && index < palette.length / 4;
+        const {palette, isPaletteKnown} = this.#view.live;
+        const isIndex = isPaletteKnown && /^\d+$/.test(this.#value) && index < palette.length / 4;
         this.#swatch.style.backgroundColor =
             isIndex ? colorStyle([...palette.subarray(index * 4, index * 4 + 4)]) : '';
     }

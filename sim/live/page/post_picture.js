@@ -40,7 +40,7 @@ function unionArea(one, other) {
 }
 
 export class PostPicture {
-    picture = null; // as it is shown; null while the post is closed or nothing has come yet
+    picture = null; // as it is shown; null while the post is closed or its pixels or colours lack
     background = null;
     layers = []; // the shown OSDs with their indices, ready to be composed
     failure = ''; // why `picture` isn't that of the last state
@@ -54,8 +54,8 @@ export class PostPicture {
     #isBusy = false;
     #backgroundKey = '';
 
-    // `palette` gives the one in force, `isLost` tells whether the server is out of reach, and
-    // `repainted` is called when `picture` has changed.
+    // `palette` gives the one in force, if any is known, `isLost` tells whether the server is out of
+    // reach, and `repainted` is called when `picture` or `failure` may have changed.
     constructor(number, palette, isLost, repainted) {
         this.#number = number;
         this.#palette = palette;
@@ -107,9 +107,13 @@ export class PostPicture {
     }
 
     repaint() {
-        if (!this.picture)
-            return;
-        compose(this.picture, this.background, this.layers, this.#palette());
+        const palette = this.#palette();
+        if (this.background && palette) {
+            const {width, height} = this.background;
+            if (!fits(this.picture, this.background))
+                this.picture = newPicture(width, height);
+            compose(this.picture, this.background, this.layers, palette);
+        }
         this.#repainted();
     }
 
@@ -133,13 +137,11 @@ export class PostPicture {
         }
         this.#backgroundKey = key; // not before: a layer that was lost has all of it made again
         this.background = background;
-        if (!fits(this.picture, post))
-            this.picture = newPicture(post.width, post.height);
         this.repaint();
     }
 
     #close() {
-        if (!this.picture)
+        if (!this.background)
             return;
         this.#backgroundKey = '';
         this.picture = null;
@@ -168,7 +170,7 @@ export class PostPicture {
         const gone = old.filter((layer) => !isIn(this.layers, layer));
         const come = this.layers.filter((layer) => !isIn(old, layer));
         const areas = [...gone, ...come].map(areaOf);
-        if (areas.length === 0)
+        if (areas.length === 0 || !this.picture)
             return;
         compose(this.picture, this.background, this.layers, this.#palette(),
                 areas.reduce(unionArea));

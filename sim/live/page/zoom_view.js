@@ -4,7 +4,7 @@
 import {element, find, oncePerFrame, setOff, setText, showText} from './dom.js';
 import {colorCode, colorStyle} from './format.js';
 import {announce} from './announce.js';
-import {paint, whyEmpty} from './outputs_view.js';
+import {paint, whyEmpty, whyStale} from './outputs_view.js';
 import {areaOf, commonArea, isEmpty, probe, wholeArea} from './picture.js';
 import {modeName, modeOf, POSTS} from './slots.js';
 
@@ -183,11 +183,9 @@ export class ZoomView {
     }
 
     #whyEmpty() {
-        const {picture, failure} = this.#shown;
-        if (picture)
-            return '';
         const {state} = this.#live;
-        return state.posts[this.#post].open ? failure : whyEmpty(state, this.#post);
+        const isDue = this.#shown.picture || state.posts[this.#post].open;
+        return isDue ? '' : whyEmpty(state, this.#post);
     }
 
     #copyPicture() {
@@ -223,6 +221,7 @@ export class ZoomView {
         context.clearRect(0, 0, width, height);
         this.#showProbe();
         showText(find('#zoom-empty'), this.#whyEmpty());
+        showText(find('#zoom-failure'), whyStale(this.#live, this.#post));
         setText(find('#zoom-scale'), `${this.#scale}×`);
         setOff(find('#zoom-out'), this.#scale === SCALES[0]);
         setOff(find('#zoom-in'), this.#scale === SCALES.at(-1));

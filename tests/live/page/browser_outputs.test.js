@@ -1,7 +1,7 @@
 // The pictures of the live page in a browser, held against what the tool writes of the same moment.
 
 import assert from 'node:assert/strict';
-import {readFileSync, writeFileSync} from 'node:fs';
+import {readFileSync, rmSync, writeFileSync} from 'node:fs';
 import path from 'node:path';
 import {after, test} from 'node:test';
 
@@ -187,6 +187,34 @@ test('a single colour is set, and given back what the loaded palette has', async
     await (await coming).saveAs(file);
     assert.equal(stage.sim('palette', '--load', file).status, 0);
     assert.equal(stage.sim('palette').stdout, own);
+});
+
+test('without a palette there are no colours, and the pictures say so', async (t) => {
+    const stage = await Stage.open(t);
+    const file = path.join(stage.folder, 'palette');
+    writeFileSync(file, '5 nonsense\n');
+    await stage.page.reload();
+    const why = /This picture is not up to date: No palette is known: .*line 1: not INDEX RED/;
+    await stage.text('#post-0 .error', why);
+    await stage.text('#announcements', new RegExp(`Post 0: ${why.source}`));
+    assert.notEqual(stage.sim('snapshot', '0', path.join(stage.folder, 'a.png')).status, 0);
+    assert.equal(await stage.page.locator('#canvas-0').evaluate((canvas) => canvas.getContext('2d')
+        .getImageData(0, 0, canvas.width, canvas.height).data.some(Boolean)), false);
+    const painted = (where) => stage.page.locator(`${where} .swatch[style*="background"]`).count();
+    await stage.page.locator('#field-Post0Osd0ColorFg').waitFor({state: 'attached'});
+    assert.equal(await painted('#parameter-fields'), 0);
+    await stage.page.locator('#post-0').getByText('Pixels').click();
+    await stage.text('#zoom-failure', why);
+    const told = stage.page.locator('#zoom-probe .number');
+    await until(async () => (await told.allTextContents()).every((text) => text === '—'), 'none');
+    assert.equal(await painted('#zoom-probe'), 0);
+    rmSync(file);
+    await until(() => stage.page.locator('#zoom-failure').isHidden(), 'it is known');
+    await stage.text('#zoom-probe table:first-child tr:first-child .number', /^\d+, \d+$/);
+    assert.notEqual(await painted('#zoom-probe'), 0);
+    assert.notEqual(await painted('#parameter-fields'), 0);
+    await stage.page.keyboard.press('Escape');
+    await stage.showsSnapshot(0);
 });
 
 test('no colour is set on a palette that is not known', async (t) => {
@@ -413,11 +441,21 @@ test('a tap puts the cursor where the finger was', async (t) => {
 test('a picture that cannot be made is told', async (t) => {
     const stage = await Stage.open(t);
     await stage.startApplication();
+    await stage.page.locator('#post-3').getByText('Pixels').click();
     stage.setPost(3, '9000x9000');
-    await stage.text('#post-3 .error',
-                     /^This picture is not up to date: .*9000x9000 pixels is too large/);
+    const why = /This picture is not up to date: .*9000x9000 pixels is too large/;
+    await stage.text('#zoom-failure', why);
+    assert.equal(await stage.page.locator('#zoom-failure').isVisible(), true);
+    await stage.text('#announcements', new RegExp(`Post 3: ${why.source}`));
+    await stage.checkAccessibility('pixels that are not up to date');
+    await stage.page.keyboard.press('Escape');
+    await stage.text('#post-3 .error', why);
+    await stage.page.check('#guide-frames'); // which paints it again
+    stage.setPost(2, 'closed');
+    await stage.text('#announcements', 'Post 2 has no thread.');
     stage.setPost(3, '640x480');
     await until(() => stage.page.locator('#post-3 .error').isHidden(), 'it is there');
+    await stage.page.uncheck('#guide-frames');
     await stage.showsSnapshot(3);
 });
 
