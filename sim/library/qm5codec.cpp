@@ -447,10 +447,11 @@ static int sim_try_open(std::uint32_t res_id, const qm5_cl_osd_param *param, std
     sim_check_old_handle(call->operation, *handle);
     if (!sim_check_param(call, param))
         return sim_end_call(call, sim_fail(SIM_ERROR_ARGUMENT));
-    if (!sim_check_free(call->operation, sim_find_post(res_id), param->number))
-        return sim_end_call(call, sim_fail(SIM_ERROR_BUSY));
+    const bool is_free = sim_check_free(call->operation, sim_find_post(res_id), param->number);
     if (sim_reach_post(res_id, call) != 0)
         return -1;
+    if (!is_free)
+        return sim_end_call(call, sim_fail(SIM_ERROR_BUSY));
     if (call->post->osd[param->number].handle != 0) // a forgotten one
         sim_end_osd(call->post_number, param->number, call->operation);
     if (sim_make_osd(call, param) != 0)

@@ -75,8 +75,14 @@ TEST_F(Scripts, package_takes_nothing_from_the_callers_environment)
     stub("stubs/cmake", "exit 0");
     stub("stubs/cpack", "{ env; echo UMASK=$(umask); } >/tmp/tree/environment");
     const std::map<std::string, std::string> before = {
-        {"CFLAGS", "-g"},     {"CXXFLAGS", "-DNDEBUG"}, {"LDFLAGS", "-Wl,--build-id"},
-        {"VERSION", "9.9.9"}, {"TZ", "Asia/Tokyo"},     {"SOURCE_DATE_EPOCH", "1"},
+        {"CFLAGS", "-g"},
+        {"CXXFLAGS", "-DNDEBUG"},
+        {"LDFLAGS", "-Wl,--build-id"},
+        {"VERSION", "9.9.9"},
+        {"TZ", "Asia/Tokyo"},
+        {"SOURCE_DATE_EPOCH", "1"},
+        {"CPATH", "/none"},
+        {"CMAKE_TOOLCHAIN_FILE", "/none"},
     };
     for (const auto &[name, value] : before)
         setenv(name.c_str(), value.c_str(), 1);
@@ -91,7 +97,7 @@ TEST_F(Scripts, package_takes_nothing_from_the_callers_environment)
     std::istringstream in(read_file(tree_ / "environment"));
     for (std::string line; std::getline(in, line);)
         seen[line.substr(0, line.find('='))] = line.substr(line.find('=') + 1);
-    for (const char *name : {"CFLAGS", "CXXFLAGS", "LDFLAGS"})
+    for (const char *name : {"CFLAGS", "CXXFLAGS", "LDFLAGS", "CPATH", "CMAKE_TOOLCHAIN_FILE"})
         EXPECT_FALSE(seen.contains(name)) << name;
     EXPECT_NE(read_file(tree_ / "CMakeLists.txt").find(" VERSION " + seen["VERSION"] + ' '),
               std::string::npos)

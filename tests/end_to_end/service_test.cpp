@@ -169,14 +169,46 @@ TEST_F(Service, init_script_of_a_removed_package_does_nothing_at_boot)
 
 TEST_F(Service, settings_that_are_no_shell_script_are_refused)
 {
-    write_file(support::APPLIANCE_SETTINGS, "limit=$(\n");
-    for (const auto &[word, status] : {std::pair("start", 6), std::pair("status", 4)}) {
+    for (const char *line : {"limit=$(", "limit=$((2 0))", "limit=${LIMIT:?}", "exit 0"}) {
+        write_file(support::APPLIANCE_SETTINGS, std::string(line) + '\n');
+        for (const auto &[word, status] : {std::pair("start", 6), std::pair("status", 4)}) {
+            const Ended ended = service(word);
+            EXPECT_EQ(ended.status, status) << line;
+            EXPECT_TRUE(ended.err.ends_with(
+                "qm5osd: /etc/default/qm5osd: the shell finds no sense in it\n"))
+                << ended.err;
+        }
+    }
+}
+
+TEST_F(Service, settings_may_end_with_a_condition)
+{
+    write_file(support::APPLIANCE_SETTINGS, "limit=10\n[ -e /none ] && limit=5\n");
+    EXPECT_EQ(service("status").status, 3);
+}
+
+TEST_F(Service, stop_fails_if_what_a_server_left_cant_be_removed)
+{
+    fs::create_directory("/tmp/osd_fifo_ack");
+    for (const char *word : {"stop", "restart"}) {
         const Ended ended = service(word);
-        EXPECT_EQ(ended.status, status);
+        EXPECT_EQ(ended.status, 7); // to the unit 1 is a good end
         EXPECT_TRUE(
-            ended.err.ends_with("\nqm5osd: /etc/default/qm5osd: the shell finds no sense in it\n"))
+            ended.err.ends_with("qm5osd: /tmp: what the server has left can't be removed\n"))
             << ended.err;
     }
+    fs::remove("/tmp/osd_fifo_ack");
+}
+
+TEST_F(Service, stops_without_settings_for_a_removal)
+{
+    expect_good(service("start"));
+    write_file(support::APPLIANCE_SETTINGS, "limit=20s\nroot=/opt/elsewhere\n");
+    EXPECT_EQ(service("stop").status, 6);
+    setenv("QM5OSD_SETTINGS", "", 1);
+    expect_good(service("stop"));
+    unsetenv("QM5OSD_SETTINGS");
+    EXPECT_TRUE(support::processes_of(executable_).empty());
 }
 
 TEST_F(Service, limit_that_is_no_number_is_refused)

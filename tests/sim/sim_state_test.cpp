@@ -224,8 +224,13 @@ TEST_F(SimStateCommand, that_cannot_be_read_is_told)
         expect_failure(words, 1,
                        "qm5sim: /tmp/codec/state: no state of a simulated codec, "
                        "or of another version\n");
+        std::filesystem::resize_file(codec_.state_file(), 100); // as one of another version
+        expect_failure(words, 1,
+                       "qm5sim: /tmp/codec/state: no state of a simulated codec, "
+                       "or of another version\n");
         codec_.state.magic--;
-        support::write_file(codec_.state_file(), std::string(sizeof(sim_state) - 1, '\0'));
+        codec_.save();
+        std::filesystem::resize_file(codec_.state_file(), sizeof(sim_state) - 1);
         expect_failure(words, 1, "qm5sim: /tmp/codec/state: no state of a simulated codec\n");
         std::filesystem::remove_all(state_);
     }
