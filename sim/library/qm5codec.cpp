@@ -155,6 +155,7 @@ static void sim_end_osds()
 {
     sim_check_all_closed();
     for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
+        sim_note_read(post, 0);
         for (std::uint32_t number = 0; number < SIM_OSDS; number++)
             sim_note_gone(post, number, 0);
     }
@@ -362,9 +363,8 @@ static std::uint32_t sim_find_osd(std::uint32_t post, std::uint32_t handle)
 static int sim_reach_osd(std::uint32_t res_id, std::uint32_t handle, sim_call *call)
 {
     sim_check_given(call->operation, res_id, handle);
-    // One that has been told that the thread is gone may go on with 0, and what it has open.
-    if (res_id != 0 && sim_find_osd(sim_find_post(res_id), handle) == SIM_OSDS)
-        sim_check_handle(call->operation, handle);
+    if (sim_find_osd(sim_find_post(res_id), handle) == SIM_OSDS)
+        sim_check_handle(call->operation, res_id, handle);
     if (sim_reach_post(res_id, call) != 0)
         return -1;
     call->osd_number = sim_find_osd(call->post_number, handle);
@@ -491,6 +491,7 @@ static int sim_close_osd(std::uint32_t res_id, std::uint32_t handle)
         return -1;
     }
     sim_end_osd(call.post_number, call.osd_number, call.operation);
+    sim_note_gone(call.post_number, call.osd_number, 0); // and it knows that
     return sim_end_call(&call, 0);
 }
 

@@ -126,14 +126,14 @@ static bool sim_is_open(std::uint32_t handle)
 }
 
 // No handle comes twice, so that one that was given, isn't open and hasn't gone has been closed.
-void sim_check_handle(sim_operation operation, std::uint32_t handle)
+void sim_check_handle(sim_operation operation, std::uint32_t res_id, std::uint32_t handle)
 {
-    if (!sim_was_given(handle, SIM_FIRST_HANDLE))
+    if (!sim_was_given(handle, SIM_FIRST_HANDLE) || sim_has_gone(handle))
         return;
-    if (sim_is_open(handle))
-        sim_breach(operation, "handle 0x%08X: it is another post's", handle);
-    else if (!sim_has_gone(handle))
+    if (!sim_is_open(handle))
         sim_breach(operation, "handle 0x%08X: it has been closed", handle);
+    else if (res_id != 0) // the ID of a thread that it was told to be gone, and that is not
+        sim_breach(operation, "handle 0x%08X: it is another post's", handle);
 }
 
 // The post threads whose size was read, with nothing behind that but opens.

@@ -63,8 +63,7 @@ public:
             throw std::runtime_error(file_ + ": " + std::strerror(errno));
         for (std::string line; sim_reader::read_line(in, line, LONGEST_CALL);) {
             lines_.push_back(std::move(line));
-            if (count() == 1)
-                call(1); // what has no calls may have no end
+            call(count()); // what has other things than calls may have no end
         }
         if (in.bad())
             throw std::runtime_error(file_ + ": it can't be read");

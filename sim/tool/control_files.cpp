@@ -93,6 +93,14 @@ std::vector<Fault> parse_faults(const fs::path &file, const std::string &text, s
     return faults;
 }
 
+std::int64_t loaded(const std::string &text)
+{
+    std::int64_t number = 0;
+    for (const std::string &line : split_lines(text))
+        sim_parse_loaded(line.c_str(), &number);
+    return number;
+}
+
 std::string mark_loaded(const std::string &text)
 {
     // A count would come again behind a list without one that the library hasn't seen.

@@ -30,6 +30,9 @@ std::vector<Fault> parse_faults(const std::filesystem::path &file, const std::st
                                 std::size_t longest = SIM_LONGEST_TEXT);
 sim_settings parse_settings(const std::filesystem::path &file, const std::string &text);
 
+// As what a text of faults was loaded; 0 for no such line.
+std::int64_t loaded(const std::string &text);
+
 // The text of faults that begin to count their calls when they take the place of any others.
 std::string mark_loaded(const std::string &text);
 

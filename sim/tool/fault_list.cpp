@@ -1,9 +1,11 @@
 #include "fault_list.h"
 
 #include "control_files.h"
+#include "sim_reader.h"
 
 #include <algorithm>
 #include <sstream>
+#include <sys/stat.h>
 
 namespace fault_list
 {
@@ -15,6 +17,25 @@ using control_files::Fault;
 
 namespace
 {
+
+// As the library has it; 0 for no file.
+std::uint64_t change_time(const fs::path &file)
+{
+    struct stat there {
+    };
+    if (stat(file.c_str(), &there) != 0)
+        return 0;
+    return static_cast<std::uint64_t>(there.st_ctim.tv_sec) * 1000000000u +
+           static_cast<std::uint64_t>(there.st_ctim.tv_nsec);
+}
+
+// Will the library count anew what the file says?
+bool begins_anew(const fs::path &folder, const std::string &text, const sim_state &state)
+{
+    return control_files::loaded(text) != state.loaded ||
+           (change_time(folder / "faults") != state.faults_time &&
+            !sim_reader::is_device_open(folder));
+}
 
 sim_fault_count find_count(const std::optional<sim_state> &state, std::uint32_t id)
 {
@@ -35,8 +56,10 @@ List read(const fs::path &folder, const std::optional<sim_state> &state)
     const fs::path settings = folder / "settings";
     List list;
     list.on = control_files::parse_settings(settings, control_files::read(settings)).faults != 0;
-    for (const Fault &fault : control_files::parse_faults(file, control_files::read(file))) {
-        const sim_fault_count count = find_count(state, fault.fault.id);
+    const std::string text = control_files::read(file);
+    const bool anew = state && begins_anew(folder, text, *state);
+    for (const Fault &fault : control_files::parse_faults(file, text)) {
+        const sim_fault_count count = find_count(anew ? std::nullopt : state, fault.fault.id);
         list.faults.push_back({fault.fault.id, fault.line, count.met, count.happened});
     }
     return list;

@@ -256,11 +256,15 @@ TEST_F(Contract, handles_are_looked_at_also_if_their_post_thread_has_gone)
                   EXPECT_NE(lib_.clear_osd(ids_[0], closed), 0);
                   EXPECT_NE(lib_.clear_osd(ids_[0], others.handle), 0);
                   EXPECT_NE(lib_.clear_osd(0, others.handle), 0) << "made up, it may be";
+                  EXPECT_NE(lib_.clear_osd(0, closed), 0);
               }),
               "qm5sim: breach: clear_osd: handle " + hex(closed) +
                   ": it has been closed\n"
                   "qm5sim: breach: clear_osd: handle " +
-                  hex(others.handle) + ": it is another post's\n");
+                  hex(others.handle) +
+                  ": it is another post's\n"
+                  "qm5sim: breach: clear_osd: handle " +
+                  hex(closed) + ": it has been closed\n");
     EXPECT_EQ(lib_.close_osd(ids_[1], others.handle), 0);
 }
 
@@ -732,6 +736,24 @@ TEST_F(DownContract, callback_comes_once_and_posts_only_behind_set_notify)
     testing::internal::CaptureStderr();
     EXPECT_TRUE(failed(lib_.clear_osd(1, 2), order));
     EXPECT_EQ(captured_stderr(), "qm5sim: breach: clear_osd: before set_notify\n");
+    take_down();
+}
+
+TEST_F(DownContract, size_of_a_post_is_read_afresh_behind_a_restart)
+{
+    const std::uint32_t id = bring_up_with_posts()[0];
+    read_size(id);
+    take_down();
+    notices.clear();
+    bring_up_with_posts();
+    const qm5_cl_osd_param param = {0, 16, 1, 0};
+    std::uint32_t handle = 0;
+    std::uint32_t word = 0;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(lib_.open_osd(id, &param, &handle, &word, &word), 0);
+    EXPECT_EQ(captured_stderr(), "qm5sim: breach: open_osd: resource ID " + hex(id) +
+                                     ": without thread_get_status before it\n");
+    EXPECT_EQ(lib_.close_osd(id, handle), 0);
     take_down();
 }
 

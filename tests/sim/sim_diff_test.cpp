@@ -287,6 +287,12 @@ TEST_F(SimDiff, fails_for_a_file_without_an_end)
     EXPECT_TRUE(failed_with(sim({"diff", A, "/dev/zero"}), 1,
                             "/dev/zero: line 1: longer than 1048576 bytes"));
     EXPECT_EQ(sim({"diff", A, "/dev/urandom"}).status, 1);
+    write_file(B, "{\"call\":\"library_init\"}\n");
+    const Ended ended = run({"/bin/sh", "-c",
+                             "{ cat " + std::string(B) + "; yes; } | " + QM5SIM_PROGRAM + " diff " +
+                                 A + " /dev/stdin"});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.err, "qm5sim: /dev/stdin: line 2: no JSON\n");
 }
 
 TEST_F(SimDiff, fails_for_a_file_that_cannot_be_read)

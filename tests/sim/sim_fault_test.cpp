@@ -377,6 +377,24 @@ TEST_F(FaultCommand, load_begins_to_count_anew)
     fs::remove("/tmp/wear");
 }
 
+TEST_F(FaultCommand, list_without_a_server_tells_what_the_next_one_begins_with)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    good({"fault", "add", "thread_get_status", "next", "fail", "gone1"});
+    EXPECT_TRUE(status_fails(ids[0]));
+    const std::string counted = ": met 1, happened 1\n";
+    EXPECT_EQ(good({"fault"}), "1 thread_get_status next fail gone1" + counted);
+    take_down();
+    EXPECT_EQ(good({"fault"}), "1 thread_get_status next fail gone1" + counted);
+    good({"fault", "add", "set_osd", "next", "vanish"});
+    EXPECT_EQ(good({"fault"}), "1 thread_get_status next fail gone1: met 0, happened 0\n"
+                               "2 set_osd next vanish: met 0, happened 0\n");
+    write_file("/tmp/wear", "1 set_osd every delay 5\n");
+    good({"fault", "load", "/tmp/wear"});
+    EXPECT_EQ(good({"fault"}), "1 set_osd every delay 5: met 0, happened 0\n");
+    fs::remove("/tmp/wear");
+}
+
 // The library may not see what was in force for a moment.
 TEST_F(FaultCommand, load_begins_to_count_anew_whatever_was_there_between)
 {
