@@ -155,7 +155,7 @@ static void sim_end_osds()
 {
     sim_check_all_closed();
     for (std::uint32_t post = 0; post < SIM_POSTS; post++) {
-        sim_note_read(post, 0);
+        sim_note_read(post, false);
         for (std::uint32_t number = 0; number < SIM_OSDS; number++)
             sim_note_gone(post, number, 0);
     }
@@ -363,8 +363,9 @@ static std::uint32_t sim_find_osd(std::uint32_t post, std::uint32_t handle)
 static int sim_reach_osd(std::uint32_t res_id, std::uint32_t handle, sim_call *call)
 {
     sim_check_given(call->operation, res_id, handle);
-    if (sim_find_osd(sim_find_post(res_id), handle) == SIM_OSDS)
-        sim_check_handle(call->operation, res_id, handle);
+    const std::uint32_t post = sim_find_post(res_id);
+    if (sim_find_osd(post, handle) == SIM_OSDS)
+        sim_check_handle(call->operation, res_id, post, handle);
     if (sim_reach_post(res_id, call) != 0)
         return -1;
     call->osd_number = sim_find_osd(call->post_number, handle);
@@ -385,7 +386,7 @@ static int sim_thread_get_status(std::uint32_t res_id, qm5_cl_post_status *statu
     sim_check_zero(call.operation, "status", status, sizeof *status);
     if (sim_reach_post(res_id, &call) != 0)
         return -1;
-    sim_note_read(call.post_number, res_id);
+    sim_note_read(call.post_number, true);
     memset(status, 0xEE, sizeof *status); // what nobody reads is no zero
     status->width = static_cast<std::uint16_t>(call.post->width);
     status->height = static_cast<std::uint16_t>(call.post->height);

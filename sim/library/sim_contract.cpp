@@ -2,11 +2,13 @@
 // notice; here each breach is told.
 #include "sim_library.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -103,15 +105,20 @@ void sim_check_given(sim_operation operation, std::uint32_t res_id, std::uint32_
         sim_breach(operation, "handle 0x%08X: there has never been one", handle);
 }
 
+// The post of a handle that has gone, or SIM_ANY_POST.
+static std::uint32_t sim_find_gone(std::uint32_t handle)
+{
+    std::uint32_t post = 0;
+    while (post < SIM_POSTS && std::find(std::begin(sim_gone[post]), std::end(sim_gone[post]),
+                                         handle) == std::end(sim_gone[post]))
+        post++;
+    return post;
+}
+static_assert(SIM_ANY_POST == SIM_POSTS);
+
 bool sim_has_gone(std::uint32_t handle)
 {
-    for (const auto &post : sim_gone) {
-        for (const std::uint32_t gone : post) {
-            if (handle == gone)
-                return true;
-        }
-    }
-    return false;
+    return sim_find_gone(handle) != SIM_ANY_POST;
 }
 
 static bool sim_is_open(std::uint32_t handle)
@@ -126,29 +133,34 @@ static bool sim_is_open(std::uint32_t handle)
 }
 
 // No handle comes twice, so that one that was given, isn't open and hasn't gone has been closed.
-void sim_check_handle(sim_operation operation, std::uint32_t res_id, std::uint32_t handle)
+void sim_check_handle(sim_operation operation, std::uint32_t res_id, std::uint32_t post,
+                      std::uint32_t handle)
 {
-    if (!sim_was_given(handle, SIM_FIRST_HANDLE) || sim_has_gone(handle))
+    if (!sim_was_given(handle, SIM_FIRST_HANDLE))
         return;
-    if (!sim_is_open(handle))
+    const std::uint32_t gone = sim_find_gone(handle);
+    const bool is_open = sim_is_open(handle);
+    const bool is_foreign = is_open || (post != SIM_ANY_POST && post != gone);
+    if (!is_open && gone == SIM_ANY_POST)
         sim_breach(operation, "handle 0x%08X: it has been closed", handle);
-    else if (res_id != 0) // the ID of a thread that it was told to be gone, and that is not
+    else if (is_foreign && res_id != 0)
         sim_breach(operation, "handle 0x%08X: it is another post's", handle);
 }
 
-// The post threads whose size was read, with nothing behind that but opens.
-static std::uint32_t sim_read[SIM_POSTS];
+// The posts whose size was read, with nothing behind that but opens. A thread that takes the place
+// of another in between finds the application at its opens.
+static bool sim_read[SIM_POSTS];
 
-void sim_note_read(std::uint32_t post, std::uint32_t res_id)
+void sim_note_read(std::uint32_t post, bool is_read)
 {
-    sim_read[post] = res_id;
+    sim_read[post] = is_read;
 }
 
 void sim_check_turn(sim_operation operation, std::uint32_t post, std::uint32_t res_id)
 {
     if (operation != SIM_OPEN_OSD)
-        sim_read[post] = 0;
-    else if (sim_read[post] != res_id)
+        sim_read[post] = false;
+    else if (!sim_read[post])
         sim_breach(operation, "resource ID 0x%08X: without thread_get_status before it", res_id);
 }
 

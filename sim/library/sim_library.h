@@ -124,12 +124,13 @@ void sim_check_given(sim_operation operation, std::uint32_t res_id, std::uint32_
 // Tells what is wrong with a handle that was given and that the call's post doesn't know: that it
 // has gone with its post thread is no breach; that the application has closed it, or that it is
 // another post's, is. With a resource ID of 0 it may be any post's: one that was told to be gone.
-void sim_check_handle(sim_operation operation, std::uint32_t res_id, std::uint32_t handle);
+void sim_check_handle(sim_operation operation, std::uint32_t res_id, std::uint32_t post,
+                      std::uint32_t handle);
 
 // Follows the calls on a post: an open_osd comes behind a thread_get_status that has read the size,
 // which is noted, or another open_osd.
 void sim_check_turn(sim_operation operation, std::uint32_t post, std::uint32_t res_id);
-void sim_note_read(std::uint32_t post, std::uint32_t res_id);
+void sim_note_read(std::uint32_t post, bool is_read);
 
 // Checks the word that is to hold the handle of an open. It is 0, but for one case that is no
 // breach: a post thread closed and came anew before the application looked, and the word still

@@ -26,7 +26,7 @@ constexpr const char *RETRY = "retry: 1000\n";
 
 EventStream::EventStream(const EventHub &hub, std::filesystem::path log, std::string start,
                          const std::string &last_id)
-    : hub_(hub), log_(std::move(log)), start_(std::move(start)),
+    : hub_(hub), log_(std::move(log)), start_(std::move(start)), old_log_(hub.news().log),
       last_sent_(std::chrono::steady_clock::now())
 {
     resume(last_id);
@@ -117,13 +117,15 @@ std::string EventStream::take_reports(const News &news)
         reports_.at = 0;
     reports_.begun = true;
     reports_.generation = log.generation;
+    const bool old = reports_.generation == old_log_.generation && reports_.at < old_log_.size;
     // Nothing, if the log has been cut off since: the next news tell of a new one.
-    const std::string text = read_log(log_, reports_.at, log.size, REPORTS_AT_ONCE);
+    const std::string text =
+        read_log(log_, reports_.at, old ? old_log_.size : log.size, REPORTS_AT_ONCE);
     if (text.empty() && !reset)
         return "";
     reports_.at += text.size();
-    return make_event("reports", Json{{"reset", reset}, {"text", text}}.dump(
-                                     -1, ' ', false, Json::error_handler_t::replace));
+    const Json event{{"reset", reset}, {"old", old}, {"text", text}};
+    return make_event("reports", event.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
 std::string EventStream::next(std::chrono::milliseconds patience)

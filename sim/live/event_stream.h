@@ -46,6 +46,7 @@ private:
     std::shared_ptr<const std::string> state_; // that was sent
     Position calls_;
     Position reports_;
+    LogState old_log_; // when the stream began: what it tells of that has been there before
     std::chrono::steady_clock::time_point last_sent_;
 };
 

@@ -72,7 +72,7 @@ TEST_F(Scripts, checks_refuse_a_kernel_without_emulators_of_a_namespace_at_once)
 TEST_F(Scripts, package_takes_nothing_from_the_callers_environment)
 {
     stub("scripts/arm-sysroot", "exit 0");
-    stub("stubs/cmake", "exit 0");
+    stub("stubs/cmake", "echo \"$*\" >>/tmp/tree/configured");
     stub("stubs/cpack", "{ env; echo UMASK=$(umask); } >/tmp/tree/environment");
     const std::map<std::string, std::string> before = {
         {"CFLAGS", "-g"},
@@ -92,6 +92,10 @@ TEST_F(Scripts, package_takes_nothing_from_the_callers_environment)
     for (const auto &[name, value] : before)
         unsetenv(name.c_str());
     EXPECT_EQ(ended.status, 0) << ended.err;
+    for (const char *preset : {"release", "arm"}) // not as they were configured before
+        EXPECT_NE(
+            read_file(tree_ / "configured").find(std::string("--fresh --preset ") + preset + '\n'),
+            std::string::npos);
 
     std::map<std::string, std::string> seen;
     std::istringstream in(read_file(tree_ / "environment"));

@@ -909,6 +909,23 @@ TEST_F(FaultyCodec, post_that_goes_while_it_is_opened_is_served_when_it_comes_an
     finish();
 }
 
+// The server goes on with the new thread. What was open before has gone with the old one, and with
+// it the notice of both: the pass ends by looking at none.
+TEST_F(FaultyCodec, post_that_changes_between_its_opens_has_the_later_ones)
+{
+    bring_up({"--Post2TypeOn=1", "--Post2TimeOn=1", "--Post2StringOn=1", "--Post2String=abc",
+              "--Post3TimeOn=1"},
+             {"", "", "013", "3"});
+    put_faults({"open_osd next change-after 2 1000x500 post 2"});
+    set_post(2, 800, 600);
+    EXPECT_TRUE(shows(2, [](const sim_reader::Post &post) {
+        return post.width == 1000 && slots_of(post) == "13";
+    }));
+    stop();
+    EXPECT_EQ(new_log(), text_of(slot_failed("post_close_osd", {"", 0x81E03204}, "Post2Osd0",
+                                             "osd_close_opened_post")));
+}
+
 TEST_F(FaultyCodec, post_that_goes_in_a_reopen_refuses_the_update)
 {
     bring_up({"--Post0TypeOn=1", "--Post0Rectangle0On=1", "--Post0Osd0W=16", "--Post0Osd0H=4",

@@ -150,7 +150,8 @@ TEST_F(LiveEvents, begin_with_state_calls_and_reports)
     EXPECT_EQ(data["calls"].size(), 200u);
     const Event reports = reader.next();
     EXPECT_EQ(reports.name, "reports");
-    EXPECT_EQ(Json::parse(reports.data), (Json{{"reset", true}, {"text", "one\ntwo\n"}}));
+    EXPECT_EQ(Json::parse(reports.data),
+              (Json{{"reset", true}, {"old", true}, {"text", "one\ntwo\n"}}));
 }
 
 TEST_F(LiveEvents, begin_the_same_way_where_there_is_nothing)
@@ -160,7 +161,7 @@ TEST_F(LiveEvents, begin_the_same_way_where_there_is_nothing)
     EventReader reader = events();
     EXPECT_EQ(Json::parse(reader.next("state").data)["folder"], false);
     EXPECT_EQ(reader.next().data, R"({"reset":true,"calls":[]})");
-    EXPECT_EQ(reader.next().data, R"({"reset":true,"text":""})");
+    EXPECT_EQ(reader.next().data, R"({"reset":true,"old":false,"text":""})");
     fs::create_directory(state_);
     begin_record(1, 2);
     const Json calls = Json::parse(reader.next("calls").data);
@@ -216,11 +217,34 @@ TEST_F(LiveEvents, follow_the_log_line_by_line)
 
     // A new server begins its log by cutting off the one before.
     write_file(log_file(), "new\n");
-    EXPECT_EQ(Json::parse(reader.next("reports").data), (Json{{"reset", true}, {"text", "new\n"}}));
+    EXPECT_EQ(Json::parse(reader.next("reports").data),
+              (Json{{"reset", true}, {"old", false}, {"text", "new\n"}}));
     add_to_log("b\xE9\n");
     EXPECT_EQ(read_reports(reader, 4), "b\xEF\xBF\xBD\n") << "what is no UTF-8 is marked";
     fs::remove(log_file());
-    EXPECT_EQ(Json::parse(reader.next("reports").data), (Json{{"reset", true}, {"text", ""}}));
+    EXPECT_EQ(Json::parse(reader.next("reports").data),
+              (Json{{"reset", true}, {"old", false}, {"text", ""}}));
+}
+
+TEST_F(LiveEvents, tell_lines_that_were_missed_from_those_that_come)
+{
+    write_file(log_file(), "one\n");
+    serve();
+    std::string id;
+    {
+        EventReader reader = events();
+        pass_beginning(reader);
+        id = reader.last_id();
+        add_to_log("two\n");
+        EXPECT_EQ(Json::parse(reader.next("reports").data),
+                  (Json{{"reset", false}, {"old", false}, {"text", "two\n"}}));
+    }
+    EventReader again = events(id);
+    EXPECT_EQ(Json::parse(again.next("reports").data),
+              (Json{{"reset", false}, {"old", true}, {"text", "two\n"}}));
+    add_to_log("three\n");
+    EXPECT_EQ(Json::parse(again.next("reports").data),
+              (Json{{"reset", false}, {"old", false}, {"text", "three\n"}}));
 }
 
 TEST_F(LiveEvents, tell_a_new_log_that_is_longer_than_the_old_one)
@@ -231,7 +255,7 @@ TEST_F(LiveEvents, tell_a_new_log_that_is_longer_than_the_old_one)
     pass_beginning(reader);
     write_file(log_file(), "another line\nand more\n");
     EXPECT_EQ(Json::parse(reader.next("reports").data),
-              (Json{{"reset", true}, {"text", "another line\nand more\n"}}));
+              (Json{{"reset", true}, {"old", false}, {"text", "another line\nand more\n"}}));
 }
 
 TEST_F(LiveEvents, tell_of_each_set_by_the_next_event)
@@ -403,7 +427,7 @@ TEST_F(LiveEvents, take_a_position_that_makes_no_sense_for_none)
         const Json calls = Json::parse(reader.next().data);
         EXPECT_EQ(calls["reset"], true) << last_id;
         EXPECT_EQ(calls["calls"].size(), 5u);
-        EXPECT_EQ(reader.next().data, R"({"reset":true,"text":"one\n"})") << last_id;
+        EXPECT_EQ(reader.next().data, R"({"reset":true,"old":true,"text":"one\n"})") << last_id;
     }
     ASSERT_EQ(end_server(SIGHUP), 0);
     serve();

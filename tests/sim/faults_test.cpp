@@ -490,6 +490,27 @@ TEST_F(Faults, close_of_another_post_excuses_nothing)
                   hex(left.handle) + ": left open\n");
 }
 
+TEST_F(Faults, what_a_failure_lets_be_forgotten_is_no_other_posts)
+{
+    const std::vector<std::uint32_t> ids = bring_up_with("1 open_osd 2 fail refused\n");
+    const qm5_cl_osd_param next = {1, 64, 2, 0};
+    const Opened opened = open_osd(ids[0], {0, 64, 2, 0});
+    std::uint32_t handle = 0;
+    std::uint32_t word = 0;
+    read_size(ids[0]);
+    EXPECT_TRUE(
+        failed(lib_.open_osd(ids[0], &next, &handle, &word, &word), QM5_CL_ERROR_OPEN_REFUSED));
+    testing::internal::CaptureStderr();
+    EXPECT_NE(lib_.clear_osd(ids[1], opened.handle), 0);
+    sim_reader::write_size(STATE, 0, 0, 0);
+    wait_for_notice(5);
+    EXPECT_NE(lib_.clear_osd(ids[1], opened.handle), 0) << "nor when its thread has ended";
+    EXPECT_NE(lib_.clear_osd(ids[0], opened.handle), 0);
+    const std::string told =
+        "qm5sim: breach: clear_osd: handle " + hex(opened.handle) + ": it is another post's\n";
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), told + told);
+}
+
 TEST_F(Faults, what_a_failure_lets_be_forgotten_has_been_closed_all_the_same)
 {
     const std::vector<std::uint32_t> ids = bring_up_with("1 open_osd 2 fail refused\n");

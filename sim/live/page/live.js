@@ -11,8 +11,8 @@ const ASK_AGAIN_MS = 2000;
 
 // Fires: connection, state, parameters, failure (they couldn't be read), palette, picture (detail:
 // number of the post), calls and reports (detail: what the server's event carried, and for reports
-// whether they are `old`, there before this stream began, and the state `before` them; null if none
-// is known).
+// the state `before` them: that before this stream began if they are `old`, there before it did, and
+// null if none is known).
 export class Live extends EventTarget {
     connection = 'connecting'; // or 'open', 'lost'
     refusal = ''; // why the server doesn't let the page follow, if it says so
@@ -32,8 +32,6 @@ export class Live extends EventTarget {
     #failures = 0;
     #lastId = ''; // of the events seen, from which another stream goes on
     #before = null; // the state when this stream began
-    #states = 0; // how many of this stream have come
-    #isOld = true; // is what the stream tells what was missed?
     #parametersVersion = null;
     #paletteVersion = null;
     #parametersWanted = false;
@@ -74,10 +72,8 @@ export class Live extends EventTarget {
         this.#on('state', (state) => this.#takeState(state));
         this.#on('calls', (event) => this.#tell('calls', event));
         this.#on('reports', (event) => {
-            const before = event.reset ? null : this.#before; // another log, another time
-            this.#tell('reports', {...event, old: this.#isOld,
-                                   before: this.#isOld ? before : this.state});
-            this.#isOld &&= !event.reset; // which tells it all at once
+            const missed = event.reset ? null : this.#before; // another log, another time
+            this.#tell('reports', {...event, before: event.old ? missed : this.state});
         });
     }
 
@@ -125,8 +121,6 @@ export class Live extends EventTarget {
     #opened() {
         this.#failures = 0;
         this.#before = this.state;
-        this.#states = 0;
-        this.#isOld = true;
         this.refusal = '';
         this.#parametersVersion = null; // another server counts anew
         this.#paletteVersion = null;
@@ -158,7 +152,6 @@ export class Live extends EventTarget {
 
     #takeState(state) {
         this.state = state;
-        this.#isOld &&= this.#states++ === 0; // what was missed comes with the first
         this.#readWhatIsNew();
         this.#tell('state');
         state.posts.forEach((post) => this.pictures[post.number].take(post));

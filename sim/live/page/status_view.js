@@ -167,7 +167,8 @@ export class StatusView {
     // ---- Notices -------------------------------------------------------------------------------
 
     // Old lines bring no trouble where an OSD has come since the state before them, as it may be newer
-    // than they are. A trouble that a log which is read anew doesn't tell belongs to another log.
+    // than they are; what lasts is mostly told again. A trouble that a log which is read anew doesn't
+    // tell belongs to another log.
     #takeReports({reset, old, before, text}) {
         const lines = splitReports(text);
         const troubles = lines.map(troubleOf).filter(Boolean);

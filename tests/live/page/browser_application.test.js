@@ -177,6 +177,12 @@ test('a trouble that came while nobody saw the page is told until it is over', a
     await seesNoTrouble(stage, '1 fault');
     await stage.page.reload();
     await seesNoTrouble(stage, '2 faults');
+    // An OSD that opened before it ends none that goes on.
+    await stage.turn(true);
+    assert.equal(stage.osd('update', '--Post1TypeOn=1').status, 0);
+    stage.osd('update', '-f', fontFile(stage, '/no/such/font.ttf'), '--Post0TimeOn=1');
+    await stage.turn(false);
+    await stage.text('#notices', /The font cannot be opened/);
 });
 
 test('a trouble that was dismissed stays so until it is over', async (t) => {
