@@ -124,6 +124,7 @@ void sim_check_given(sim_operation operation, std::uint32_t res_id, std::uint32_
 // Tells what is wrong with a handle that was given and that the call's post doesn't know: that it
 // has gone with its post thread is no breach; that the application has closed it, or that it is
 // another post's, is. With a resource ID of 0 it may be any post's: one that was told to be gone.
+// With that of a thread that has ended, one that has gone may be, too.
 void sim_check_handle(sim_operation operation, std::uint32_t res_id, std::uint32_t post,
                       std::uint32_t handle);
 

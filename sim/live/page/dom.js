@@ -49,6 +49,14 @@ export function showSwitch(box, isOn, set) {
     return show;
 }
 
+// Keeps what has the focus in view when a part of the page that scrolls gets smaller.
+export function keepFocusInView(part) {
+    new ResizeObserver(() => {
+        if (part.contains(document.activeElement))
+            document.activeElement.scrollIntoView({block: 'nearest'});
+    }).observe(part);
+}
+
 // Switches a button off or on. One that is off can have the focus: it may go off by the very key
 // that was pressed on it, and the next key would begin at the top of the page.
 export function setOff(button, isOff) {

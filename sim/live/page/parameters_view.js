@@ -4,7 +4,7 @@
 import {announce} from './announce.js';
 import {showOutcome} from './actions.js';
 import {parameterFile} from './command.js';
-import {element, find, setOff, setText, showText} from './dom.js';
+import {element, find, keepFocusInView, setOff, setText, showText} from './dom.js';
 import {download} from './files.js';
 import {colorStyle, counted} from './format.js';
 import {
@@ -192,6 +192,7 @@ export class ParametersView {
         live.addEventListener('palette', () => this.#showFields());
         live.addEventListener('state', () => this.#showApply());
         actions.addEventListener('busy', () => this.#showApply());
+        keepFocusInView(find('#parameter-fields'));
         find('#parameter-apply').addEventListener('submit', (event) => {
             event.preventDefault();
             this.#carryOut(this.live.state.application.running ? 'update' : 'start');

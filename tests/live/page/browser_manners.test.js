@@ -237,7 +237,8 @@ test('a page for which there is no stream left says so, until there is one', asy
     const errors = [];
     page.on('pageerror', (error) => errors.push(error.message));
     await page.goto(stage.server.address);
-    await page.getByText('The server refuses this page: events: 32 streams are open.').waitFor();
+    await page.locator('#notices')
+        .getByText('The server refuses this page: events: 32 streams are open.').waitFor();
     assert.deepEqual(await page.locator('.status li:visible').allInnerTexts(),
                      ['Connection lost', 'Unknown']);
     assert.equal(await page.textContent('#slots-empty'), 'Not known yet.');

@@ -8,7 +8,9 @@ export async function tabTo(stage, selector) {
     let turns = 0;
     for (let pressed = 0; pressed < 200; pressed++) {
         await stage.page.keyboard.press('Tab');
-        const found = await stage.page.evaluate((wanted) => {
+        const found = await stage.page.evaluate(async (wanted) => {
+            for (let frame = 0; frame < 2; frame++) // what comes meanwhile has its place by then
+                await new Promise((resolve) => requestAnimationFrame(resolve));
             const active = document.activeElement;
             const shown = active.matches('.button input') ? active.parentElement : active;
             const {outlineStyle, outlineWidth} = getComputedStyle(shown);
