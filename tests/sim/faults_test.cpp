@@ -153,6 +153,19 @@ protected:
         return state().control;
     }
 
+    // An OSD that may be forgotten, for the open behind it is refused, as a fault has it.
+    Opened open_before_a_refusal(std::uint32_t res_id)
+    {
+        const qm5_cl_osd_param next = {1, 64, 2, 0};
+        const Opened opened = open_osd(res_id, {0, 64, 2, 0});
+        std::uint32_t handle = 0;
+        std::uint32_t word = 0;
+        read_size(res_id);
+        EXPECT_TRUE(
+            failed(lib_.open_osd(res_id, &next, &handle, &word, &word), QM5_CL_ERROR_OPEN_REFUSED));
+        return opened;
+    }
+
     // Which of so many calls of get_status fail.
     std::string failures(std::uint32_t res_id, unsigned calls)
     {
@@ -493,13 +506,7 @@ TEST_F(Faults, close_of_another_post_excuses_nothing)
 TEST_F(Faults, what_a_failure_lets_be_forgotten_is_no_other_posts)
 {
     const std::vector<std::uint32_t> ids = bring_up_with("1 open_osd 2 fail refused\n");
-    const qm5_cl_osd_param next = {1, 64, 2, 0};
-    const Opened opened = open_osd(ids[0], {0, 64, 2, 0});
-    std::uint32_t handle = 0;
-    std::uint32_t word = 0;
-    read_size(ids[0]);
-    EXPECT_TRUE(
-        failed(lib_.open_osd(ids[0], &next, &handle, &word, &word), QM5_CL_ERROR_OPEN_REFUSED));
+    const Opened opened = open_before_a_refusal(ids[0]);
     testing::internal::CaptureStderr();
     EXPECT_NE(lib_.clear_osd(ids[1], opened.handle), 0);
     sim_reader::write_size(STATE, 0, 0, 0);
@@ -514,13 +521,7 @@ TEST_F(Faults, what_a_failure_lets_be_forgotten_is_no_other_posts)
 TEST_F(Faults, what_a_failure_lets_be_forgotten_has_been_closed_all_the_same)
 {
     const std::vector<std::uint32_t> ids = bring_up_with("1 open_osd 2 fail refused\n");
-    const qm5_cl_osd_param next = {1, 64, 2, 0};
-    const Opened opened = open_osd(ids[0], {0, 64, 2, 0});
-    std::uint32_t handle = 0;
-    std::uint32_t word = 0;
-    read_size(ids[0]);
-    EXPECT_TRUE(
-        failed(lib_.open_osd(ids[0], &next, &handle, &word, &word), QM5_CL_ERROR_OPEN_REFUSED));
+    const Opened opened = open_before_a_refusal(ids[0]);
     EXPECT_EQ(lib_.close_osd(ids[0], opened.handle), 0);
     testing::internal::CaptureStderr();
     EXPECT_NE(lib_.clear_osd(ids[0], opened.handle), 0);
