@@ -46,7 +46,7 @@ constexpr std::uint32_t SIM_POSTS = 4;
 constexpr std::uint32_t SIM_OSDS = 4;
 
 constexpr std::uint32_t SIM_MAGIC = 0x6D697335; // "5sim"
-constexpr std::uint32_t SIM_VERSION = 4;
+constexpr std::uint32_t SIM_VERSION = 5;
 
 struct sim_osd {
     std::uint32_t handle; // 0: not open
@@ -78,9 +78,11 @@ struct sim_state {
     std::uint32_t magic;
     std::uint32_t version;
     std::uint32_t sequence;
-    std::uint32_t last_id;  // resource IDs and handles are counted, so none comes twice
-    std::uint32_t control;  // sim_hash of the settings and faults in force
-    std::uint32_t breaches; // of this server and those before it
+    std::uint32_t last_res_id; // resource IDs and handles are counted, so none comes twice, and
+    std::uint32_t last_handle; // each for itself, so that it's known which ones there have been
+    std::uint32_t control;     // sim_hash of the settings and faults in force
+    std::uint32_t breaches;    // of this server and those before it
+    std::uint32_t unused;      // what follows is at multiples of 8
 
     // When the file of faults was last changed, as far as the library has looked: if it is changed
     // while no server runs, the counts begin anew.
@@ -92,7 +94,7 @@ struct sim_state {
     sim_post post[SIM_POSTS];
     sim_fault_count fault[SIM_FAULTS];
 };
-static_assert(sizeof(sim_osd) == 36 && sizeof(sim_post) == 156 && sizeof(sim_state) == 1048);
+static_assert(sizeof(sim_osd) == 36 && sizeof(sim_post) == 156 && sizeof(sim_state) == 1056);
 
 constexpr std::size_t SIM_PATH_SIZE = 4096;
 

@@ -406,14 +406,16 @@ static int sim_make_osd(const sim_call *call, const qm5_cl_osd_param *param)
     sim_osd *osd = &call->post->osd[param->number];
     sim_begin();
     *osd = {};
-    osd->handle = SIM_FIRST_HANDLE + sim_new_id();
+    osd->handle = SIM_FIRST_HANDLE + sim_count(&sim->last_handle);
     osd->color_type = param->color_type;
     osd->width = param->width;
     osd->height = param->height;
     osd->line_bytes = sim_get_line_bytes(param);
     const int result = sim_open_memory(call->post_number, param->number);
-    if (result != 0)
+    if (result != 0) {
         *osd = {};
+        sim->last_handle--; // nobody has been given it
+    }
     sim_end();
     return result;
 }

@@ -85,23 +85,27 @@ void sim_check_zero(sim_operation operation, const char *name, const void *recor
         sim_breach(operation, "%s: not all zero before the call", name);
 }
 
-// Was this ID or handle ever given out?
-static bool sim_was_given(std::uint32_t id, std::uint32_t first)
+static bool sim_was_res_id(std::uint32_t res_id)
 {
-    return id > first && id <= first + sim->last_id;
+    return res_id > SIM_FIRST_RES_ID && res_id <= SIM_FIRST_RES_ID + sim->last_res_id;
+}
+
+static bool sim_was_handle(std::uint32_t handle)
+{
+    return handle > SIM_FIRST_HANDLE && handle <= SIM_FIRST_HANDLE + sim->last_handle;
 }
 
 void sim_check_res_id(sim_operation operation, std::uint32_t res_id)
 {
     // An application that has been told by an errno that the thread is gone may go on with 0.
-    if (res_id != 0 && !sim_was_given(res_id, SIM_FIRST_RES_ID))
+    if (res_id != 0 && !sim_was_res_id(res_id))
         sim_breach(operation, "resource ID 0x%08X: there has never been one", res_id);
 }
 
 void sim_check_given(sim_operation operation, std::uint32_t res_id, std::uint32_t handle)
 {
     const bool is_none = res_id == 0 && handle == 0;
-    if (!is_none && !sim_was_given(handle, SIM_FIRST_HANDLE))
+    if (!is_none && !sim_was_handle(handle))
         sim_breach(operation, "handle 0x%08X: there has never been one", handle);
 }
 
@@ -136,7 +140,7 @@ static bool sim_is_open(std::uint32_t handle)
 void sim_check_handle(sim_operation operation, std::uint32_t res_id, std::uint32_t post,
                       std::uint32_t handle)
 {
-    if (!sim_was_given(handle, SIM_FIRST_HANDLE))
+    if (!sim_was_handle(handle))
         return;
     const std::uint32_t gone = sim_find_gone(handle);
     const bool is_open = sim_is_open(handle);

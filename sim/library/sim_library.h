@@ -42,7 +42,8 @@ const char *sim_folder();
 // doesn't let happen.
 [[gnu::format(printf, 2, 3)]] void sim_get_path(char *path, const char *format, ...);
 
-std::uint32_t sim_new_id();
+// Counts one more of what the last one of is this, a resource ID or a handle.
+std::uint32_t sim_count(std::uint32_t *last);
 
 // ---- Settings and faults ------------------------------------------------------------------------
 

@@ -56,10 +56,10 @@ void sim_end()
     __atomic_add_fetch(&sim->sequence, 1, __ATOMIC_RELEASE);
 }
 
-std::uint32_t sim_new_id()
+std::uint32_t sim_count(std::uint32_t *last)
 {
-    sim->last_id = (sim->last_id + 1) & 0x0FFFFFFF;
-    return sim->last_id;
+    *last = (*last + 1) & 0x0FFFFFFF;
+    return *last;
 }
 
 const char *sim_folder()
@@ -113,7 +113,7 @@ static bool sim_is_sound()
         return false;
     for (const sim_post &post : sim->post) {
         const std::uint32_t id = post.res_id - SIM_FIRST_RES_ID;
-        if (post.res_id != 0 && (id == 0 || id > sim->last_id))
+        if (post.res_id != 0 && (id == 0 || id > sim->last_res_id))
             return false;
         if (post.width > SIM_LONGEST || post.height > SIM_LONGEST)
             return false;

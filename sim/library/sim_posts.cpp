@@ -187,7 +187,7 @@ static void sim_open_post(std::uint32_t number, std::uint32_t width, std::uint32
     sim_lock();
     sim_begin();
     *post = {};
-    post->res_id = SIM_FIRST_RES_ID + sim_new_id();
+    post->res_id = SIM_FIRST_RES_ID + sim_count(&sim->last_res_id);
     post->width = width;
     post->height = height;
     sim_end();

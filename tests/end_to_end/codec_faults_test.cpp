@@ -795,7 +795,7 @@ protected:
         const Code code = this->code();
         // The reopen before the drawing gives a handle that nobody sees if it is taken back.
         const std::uint32_t handle =
-            0x60000000 + control_files::read_state(state_).value().last_id + 1;
+            0x60000000 + control_files::read_state(state_).value().last_handle + 1;
         const Chain failure =
             osd_failed("post_" + call, code, post(number).res_id, handle, "osd_show_rectangle");
         put_faults({call + " next fail " + code.word + " post " + name});

@@ -1,6 +1,7 @@
 // What the simulated codec library says to an application that breaks the contract.
 #include "codec_library.h"
 
+#include <algorithm>
 #include <csignal>
 #include <regex>
 #include <sys/mman.h>
@@ -184,6 +185,35 @@ TEST_F(Contract, handles_are_those_given_and_not_closed)
                   "qm5sim: breach: clear_osd: handle 0x00000007: there has never been one\n");
     EXPECT_EQ(breach_of([&] { EXPECT_NE(lib_.clear_osd(ids_[0], 0), 0); }),
               "qm5sim: breach: clear_osd: handle 0x00000000: there has never been one\n");
+}
+
+// Though there has been one of the other kind with the same number, or a later one.
+TEST_F(Contract, handles_and_resource_ids_are_told_apart)
+{
+    const std::uint32_t res_id = *std::max_element(ids_.begin(), ids_.end()) + 1;
+    const std::uint32_t first = open_osd(ids_[0], {0, 16, 1, 0}).handle;
+    const auto clear = [&](std::uint32_t handle) {
+        return breach_of([&] { EXPECT_NE(lib_.clear_osd(ids_[0], handle), 0); });
+    };
+    read_size(ids_[1]);
+    const qm5_cl_osd_param too_large = {0, 65535, 65535, 2};
+    std::uint32_t none = 0;
+    std::uint32_t word = 0;
+    EXPECT_NE(lib_.open_osd(ids_[1], &too_large, &none, &word, &word), 0);
+    const std::string never = ": there has never been one\n";
+    EXPECT_EQ(clear(first + 1), "qm5sim: breach: clear_osd: handle " + hex(first + 1) + never);
+    EXPECT_EQ(clear(first - 1), "qm5sim: breach: clear_osd: handle " + hex(first - 1) + never);
+    for (const std::uint32_t number : {1u, 2u, 3u})
+        open_osd(ids_[0], {number, 16, 1, 0});
+    for (const std::uint32_t number : {0u, 1u})
+        open_osd(ids_[1], {number, 16, 1, 0});
+    EXPECT_EQ(breach_of([&] {
+                  qm5_cl_post_status status{};
+                  EXPECT_NE(lib_.get_status(res_id, &status), 0);
+              }),
+              "qm5sim: breach: thread_get_status: resource ID " + hex(res_id) + never);
+    for (unsigned number = 0; number < 6; number++)
+        EXPECT_EQ(lib_.close_osd(ids_[number / 4], first + number), 0);
 }
 
 // Nor does it matter whether the post is there.
@@ -805,7 +835,7 @@ TEST_F(DownContract, osds_are_closed_before_the_end_of_the_process)
     int status = 0;
     waitpid(child, &status, 0);
     const std::string told = captured_stderr();
-    EXPECT_EQ(told, "qm5sim: breach: close_device: post 1, OSD 3, handle 0x60000006: left open\n");
+    EXPECT_EQ(told, "qm5sim: breach: close_device: post 1, OSD 3, handle 0x60000002: left open\n");
     EXPECT_EQ(breaches(), told);
 }
 
@@ -825,9 +855,9 @@ TEST_F(DownContract, write_after_set_is_told_by_the_end_of_the_process_at_the_la
     int status = 0;
     waitpid(child, &status, 0);
     const std::string told = captured_stderr();
-    EXPECT_EQ(told, "qm5sim: breach: close_device: handle 0x60000005: its memory has been written "
+    EXPECT_EQ(told, "qm5sim: breach: close_device: handle 0x60000001: its memory has been written "
                     "after set_osd\n"
-                    "qm5sim: breach: close_device: post 1, OSD 3, handle 0x60000005: left open\n");
+                    "qm5sim: breach: close_device: post 1, OSD 3, handle 0x60000001: left open\n");
     EXPECT_EQ(breaches(), told);
 }
 
