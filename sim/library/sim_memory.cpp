@@ -83,16 +83,11 @@ static int sim_open_file(const char *path)
 }
 
 // Gives an open file exactly `size` bytes and maps it; MAP_FAILED with errno. The bytes are taken
-// from the disk now, for a full one would later end the process that writes to the map; and before
-// the file has its size, so that a file that they can't be had for stays as it was.
+// from the disk before the file has its size, so that a file that they can't be had for stays as it
+// was.
 static void *sim_map_file(int fd, std::size_t size)
 {
-    const int error = posix_fallocate(fd, 0, static_cast<off_t>(size));
-    if (error != 0) {
-        errno = error;
-        return MAP_FAILED;
-    }
-    if (ftruncate(fd, static_cast<off_t>(size)) != 0)
+    if (!sim_allocate(fd, 0, size) || ftruncate(fd, static_cast<off_t>(size)) != 0)
         return MAP_FAILED;
     return mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
 }

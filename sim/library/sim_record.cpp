@@ -2,7 +2,7 @@
 // on once in thousands of calls; and a picture that isn't the last one of its OSD its hash and a
 // write.
 #include "sim_record.h"
-#include "sim_state.h"
+#include "sim_text.h"
 
 #include <atomic>
 #include <cerrno>
@@ -56,23 +56,13 @@ static void sim_unmap_window()
     sim_window_end = 0;
 }
 
-// Takes a part of the disk for the file of calls now, for a full one would later end the process
-// that writes to its map. False with errno.
-static bool sim_allocate(std::uint64_t at)
-{
-    int error = EINTR;
-    while (error == EINTR)
-        error = posix_fallocate(sim_calls_fd, static_cast<off_t>(at), SIM_WINDOW);
-    errno = error;
-    return error == 0;
-}
-
 // Maps the part of the file in which the next bytes are. False with errno or why there is no room.
 static bool sim_move_window()
 {
     sim_unmap_window();
     const std::uint64_t at = sim_calls_size / SIM_WINDOW_STEP * SIM_WINDOW_STEP;
-    if (!sim_is_within_limit(at + SIM_WINDOW, sim_data_size) || !sim_allocate(at))
+    if (!sim_is_within_limit(at + SIM_WINDOW, sim_data_size) ||
+        !sim_allocate(sim_calls_fd, at, SIM_WINDOW))
         return false;
     void *map = mmap(nullptr, SIM_WINDOW, PROT_READ | PROT_WRITE, MAP_SHARED, sim_calls_fd,
                      static_cast<off_t>(at));

@@ -22,6 +22,15 @@ int sim_fail_system(const char *what)
     return sim_fail(SIM_ERROR_SYSTEM);
 }
 
+bool sim_allocate(int fd, std::uint64_t at, std::uint64_t size)
+{
+    int error = EINTR;
+    while (error == EINTR)
+        error = posix_fallocate(fd, static_cast<off_t>(at), static_cast<off_t>(size));
+    errno = error;
+    return error == 0;
+}
+
 static const char *sim_read_open_text(int fd, char *text, std::size_t size, std::size_t *length)
 {
     struct stat own;

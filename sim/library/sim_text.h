@@ -1,4 +1,5 @@
-// The small text files of the state folder, as the library reads them; and how its calls fail.
+// The small text files of the state folder, as the library reads them; room on the disk for its
+// other ones; and how its calls fail.
 #pragma once
 
 #include "sim_state.h"
@@ -20,6 +21,10 @@ void sim_say(const char *what, const char *why);
 
 // The same with the system's reason, and fails with SIM_ERROR_SYSTEM.
 int sim_fail_system(const char *what);
+
+// Takes a part of the disk for a file now, for a full one would later end the process that writes
+// to its map. False with errno.
+bool sim_allocate(int fd, std::uint64_t at, std::uint64_t size);
 
 // Reads a small file of the folder, fewer than `size` - 1 bytes and a terminator; 0 bytes for no
 // file. NULL, or why it can't be read, until the next call of anything; then the text is empty.

@@ -2,11 +2,27 @@
 #include "codec_library.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+// How many signals come while the library takes room on the disk.
+static int interruptions;
+
+// The library finds this one before the C library's.
+int posix_fallocate(int fd, off_t at, off_t size)
+{
+    if (interruptions > 0) {
+        interruptions--;
+        return EINTR;
+    }
+    return reinterpret_cast<decltype(&posix_fallocate)>(dlsym(RTLD_NEXT, "posix_fallocate"))(fd, at,
+                                                                                             size);
+}
 
 namespace
 {
@@ -259,6 +275,16 @@ TEST_F(CodecLibrary, osd_of_more_than_64_mib_is_refused)
         failed(lib_.open_osd(ids[0], &param, &handle, &word, &word), QM5_CL_ERROR_OPEN_REFUSED));
     EXPECT_EQ(handle, 0u);
     open_osd(ids[0], {0, 8192, 8192, 2});
+}
+
+TEST_F(CodecLibrary, start_and_open_are_not_failed_by_signals)
+{
+    interruptions = 2;
+    const std::vector<std::uint32_t> ids = bring_up_with_posts();
+    EXPECT_EQ(interruptions, 0);
+    interruptions = 2;
+    open_osd(ids[0], {0, 16, 16, 2});
+    EXPECT_EQ(interruptions, 0);
 }
 
 TEST_F(CodecLibrary, post_outside_the_mask_runs_without_a_notice)
