@@ -3,12 +3,8 @@
 #include "file_io.h"
 #include "sim_reader.h"
 
-#include <cerrno>
 #include <chrono>
-#include <cstring>
-#include <fcntl.h>
 #include <sstream>
-#include <sys/file.h>
 #include <thread>
 #include <utility>
 
@@ -147,10 +143,7 @@ namespace
 template <typename Parse>
 void change(const fs::path &folder, const char *name, const Edit &edit, Parse parse)
 {
-    sim_reader::make_folder(folder);
-    const sim_reader::Descriptor locked(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (locked.get() == -1 || flock(locked.get(), LOCK_EX) != 0)
-        fail(folder, std::strerror(errno));
+    const sim_reader::Descriptor locked = sim_reader::lock_folder(folder);
     const fs::path file = folder / name;
     const std::string text = edit(read(file));
     parse(file, text);

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace sim_reader
 {
@@ -16,6 +17,9 @@ class Descriptor
 {
 public:
     explicit Descriptor(int fd) : fd_(fd)
+    {
+    }
+    Descriptor(Descriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1))
     {
     }
     Descriptor(const Descriptor &) = delete;

@@ -380,9 +380,9 @@ void write_part(const fs::path &path, int fd, const sim_state &state, const Part
         fail(path, std::strerror(errno));
 }
 
-// Takes a thread that ends while no process follows its post out of the record. It would come back
-// otherwise, with what a server that died has left on it, once the file says its size again.
-void end_thread(const fs::path &folder, unsigned number, const Size &size)
+// Takes a thread that has ended while no process follows its post out of the record. It would come
+// back otherwise, with what a server that died has left on it, once the file says its size again.
+void end_thread(const fs::path &folder, unsigned number)
 {
     const fs::path path = folder / "state";
     const Descriptor file(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
@@ -393,7 +393,9 @@ void end_thread(const fs::path &folder, unsigned number, const Size &size)
         state.version != SIM_VERSION) // the next process makes it anew
         return;
     sim_post &post = state.post[number];
-    if (Size{post.width, post.height} == size)
+    sim_post followed = post;
+    follow_size(folder, number, followed);
+    if (followed.width == post.width && followed.height == post.height)
         return;
     post = {};
     state.sequence |= 1;
@@ -405,12 +407,21 @@ void end_thread(const fs::path &folder, unsigned number, const Size &size)
 
 } // namespace
 
+Descriptor lock_folder(const fs::path &folder)
+{
+    make_folder(folder);
+    Descriptor locked(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (locked.get() == -1 || flock(locked.get(), LOCK_EX) != 0)
+        fail(folder, std::strerror(errno));
+    return locked;
+}
+
 void write_size(const fs::path &folder, unsigned number, unsigned width, unsigned height)
 {
-    const Size size = {width, height};
-    make_folder(folder);
-    write_regular_file(size_file(folder, number), format_size(size) + '\n');
-    end_thread(folder, number, size);
+    const Descriptor locked = lock_folder(folder); // else another tool would pass for a server
+    end_thread(folder, number); // a server may have died before it did, or somebody wrote the file
+    write_regular_file(size_file(folder, number), format_size({width, height}) + '\n');
+    end_thread(folder, number);
 }
 
 } // namespace sim_reader

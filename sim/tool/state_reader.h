@@ -1,6 +1,7 @@
 // Reading the state of a simulated codec, each time as one moment had it.
 #pragma once
 
+#include "file_io.h"
 #include "sim_state.h"
 
 #include <array>
@@ -71,6 +72,10 @@ void require_trusted(const std::filesystem::path &folder);
 // Makes the folder if it isn't there, and throws as require_trusted does. Another failure is left
 // to the first use of a file in it.
 void make_folder(const std::filesystem::path &folder);
+
+// Keeps other tools from changing the folder, which is made if it isn't there, as long as what it
+// gives is there. Throws std::runtime_error.
+Descriptor lock_folder(const std::filesystem::path &folder);
 
 // Size of a video in pixels; 0 by 0 for a closed post.
 struct Size {

@@ -2,11 +2,14 @@
 #include "handmade_codec.h"
 #include "support/files.h"
 
+#include <chrono>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sys/file.h>
+#include <thread>
 #include <unistd.h>
 
 namespace
@@ -163,6 +166,44 @@ TEST_F(SimStateCommand, is_left_to_the_process_that_has_the_device)
     EXPECT_EQ(state_json()["posts"], before);
     close(device);
     EXPECT_EQ(state_json()["posts"][0]["open"], false);
+}
+
+TEST_F(SimStateCommand, osds_of_a_dead_server_end_with_a_size_that_nobody_has_followed)
+{
+    make_two_posts();
+    const int device = open(codec_.state_file().c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(flock(device, LOCK_EX | LOCK_NB), 0);
+    expect_silent_success({"post", "0", "resize", "640x360"});
+    close(device);
+    expect_silent_success({"post", "0", "resize", "720x576"});
+    EXPECT_EQ(state_json()["posts"][0]["osds"], json::array());
+
+    codec_.save();
+    support::write_file(state_ + "/post0", "closed\n"); // by hand
+    expect_silent_success({"post", "0", "open", "720x576"});
+    EXPECT_EQ(state_json()["posts"][0]["osds"], json::array());
+}
+
+TEST_F(SimStateCommand, tools_that_change_posts_wait_for_one_another)
+{
+    make_two_posts();
+    const int folder = open(state_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int state = open(codec_.state_file().c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(flock(folder, LOCK_EX | LOCK_NB), 0);
+    ASSERT_EQ(flock(state, LOCK_EX | LOCK_NB), 0);
+    support::Process tool({QM5SIM_PROGRAM, "post", "0", "resize", "640x360"});
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(support::read_file(state_ + "/post0"), "720x576\n");
+    close(state);
+    close(folder);
+    EXPECT_EQ(tool.wait().status, 0);
+    EXPECT_EQ(support::read_file(state_ + "/post0"), "640x360\n");
+    sim_state left;
+    const std::string bytes = support::read_file(codec_.state_file());
+    ASSERT_EQ(bytes.size(), sizeof left);
+    std::memcpy(&left, bytes.data(), sizeof left);
+    EXPECT_EQ(left.post[0].osd[0].handle, 0u) << "it hasn't passed for a server";
+    EXPECT_EQ(left.post[0].width, 0u);
 }
 
 // ---- The device ---------------------------------------------------------------------------------
