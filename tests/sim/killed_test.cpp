@@ -133,6 +133,35 @@ TEST_F(KilledTool, leaves_the_size_of_a_post_whole)
                             [](const Text &) { return "closed\n"; }});
 }
 
+TEST_F(KilledTool, leaves_a_post_of_a_dead_server_as_it_was_or_ended)
+{
+    codec_.open_post(0, 720, 576);
+    codec_.show_osd(0, 1, {.width = 8, .height = 8}, 5);
+    const auto expect_post = [this](unsigned moment, bool ended, const sim_reader::Size &size) {
+        const sim_reader::Post post = sim_reader::read_post(state_, 0);
+        EXPECT_EQ(post.width, size.width) << "moment " << moment;
+        EXPECT_EQ(post.height, size.height) << "moment " << moment;
+        EXPECT_EQ(post.res_id == 0, ended) << "moment " << moment;
+        EXPECT_EQ(post.osd[1].record.handle == 0, ended) << "moment " << moment;
+        EXPECT_EQ(post.osd[1].pixels.empty(), ended) << "moment " << moment;
+        EXPECT_EQ(sim({"state"}).status, 0) << "moment " << moment;
+    };
+    unsigned within_changes = 0;
+    bool killed = true;
+    for (unsigned moment = 1; killed; moment++) {
+        codec_.save();
+        killed = kill_at(moment, [] { become({"post", "0", "resize", "640x360"}); });
+        const bool ended = read_file(state_ + "/post0") == "640x360\n";
+        EXPECT_TRUE(ended || killed);
+        within_changes += sim_reader::read_state(state_).sequence % 2;
+        expect_post(moment, ended, ended ? sim_reader::Size{640, 360} : sim_reader::Size{720, 576});
+        EXPECT_EQ(sim({"post", "0", "resize", "720x576"}).status, 0) << "moment " << moment;
+        expect_post(moment, ended, {720, 576});
+        EXPECT_EQ(sim_reader::read_state(state_).sequence % 2, 0u) << "moment " << moment;
+    }
+    EXPECT_GT(within_changes, 2u);
+}
+
 TEST_F(KilledTool, leaves_the_palette_whole)
 {
     const std::string colors(1000, ' ');
