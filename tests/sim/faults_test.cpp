@@ -628,9 +628,10 @@ TEST_F(Faults, delay_ends_when_all_faults_are_turned_off_and_not_with_another_on
     change_faults("2" + delay.substr(1) + "20000\n");
     const auto turn_off_and_on = [] {
         const std::uint32_t on = control();
+        const auto end = std::chrono::steady_clock::now() + PATIENCE;
         write_file(std::string(STATE) + "/settings", "faults 0\n");
-        while (control() == on)
-            continue;
+        while (control() == on && std::chrono::steady_clock::now() < end)
+            continue; // no nap: it is to be on again before the call looks
         fs::remove(std::string(STATE) + "/settings");
     };
     EXPECT_LT(time_of(call, turn_off_and_on), std::chrono::seconds(10));
