@@ -18,7 +18,7 @@ namespace
 {
 
 constexpr std::chrono::milliseconds PACE{5};
-constexpr std::chrono::seconds PATIENCE{2};
+constexpr std::chrono::seconds PATIENCE{10}; // a starved machine takes its time
 
 } // namespace
 
@@ -187,15 +187,11 @@ std::optional<sim_state> read_state(const fs::path &folder)
 
 void wait_until_in_force(const fs::path &folder, const std::string &what)
 {
-    if (!sim_reader::is_device_open(folder) || is_in_force(folder))
-        return;
     const auto end = std::chrono::steady_clock::now() + PATIENCE;
-    while (!is_in_force(folder)) {
-        if (std::chrono::steady_clock::now() > end) {
-            if (!sim_reader::is_device_open(folder)) // it has ended; the next one takes them up
-                return;
+    // Once a server has ended, the next one takes them up.
+    while (sim_reader::is_device_open(folder) && !is_in_force(folder)) {
+        if (std::chrono::steady_clock::now() > end)
             fail(what, "the server has not taken it up");
-        }
         std::this_thread::sleep_for(PACE);
     }
 }
