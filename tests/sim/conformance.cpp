@@ -4,8 +4,9 @@
 //
 // It needs at least one running post thread, opens OSDs on it and shows stripes in them; no server
 // may have the device open meanwhile. Some of it needs somebody who changes the posts, and is left
-// out without: POST is a command to which `0 close` and `0 open 640x480` is appended, for post 0;
-// and FAILURE is one that lets the next opening of the device fail.
+// out without: POST is a command to which the number of a post, 0 to 3, and `close` or `open SIZE`
+// are appended, as `3 open 640x480`, 800x600, 352x288 or 320x240; and FAILURE is one that lets the
+// next opening of the device fail.
 //
 // Each test has a process of its own, in which the library comes up and goes down once, as in the
 // server. What it may do beyond that is in a disabled test.
@@ -503,23 +504,37 @@ protected:
         return std::system((post_command + ' ' + std::to_string(post) + ' ' + words).c_str());
     }
 
-    // Changes the first post that was announced, and gives the notice of it.
-    Notice change_first(const char *words) const
+    // Changes a post, and gives the notice of it.
+    Notice change(unsigned post, const char *words) const
     {
         const std::size_t before = notices_so_far().size();
-        EXPECT_EQ(run_command(first_.post, words), 0);
-        EXPECT_TRUE(wait_until([before] { return notices_so_far().size() > before; }));
+        EXPECT_EQ(run_command(post, words), 0);
+        EXPECT_TRUE(wait_until([before] { return notices_so_far().size() > before; }))
+            << "of post " << post << ": " << words;
         const std::vector<Notice> all = notices_so_far();
-        return all.size() > before ? all[before] : Notice{};
+        if (all.size() == before)
+            return {};
+        EXPECT_EQ(all[before].post, post);
+        EXPECT_NE(all[before].thread, caller_);
+        return all[before];
     }
 
-    void close_first() const
+    void close_post(unsigned post) const
     {
-        const Notice closed = change_first("close");
-        EXPECT_EQ(closed.post, first_.post);
-        EXPECT_FALSE(closed.opened);
-        EXPECT_NE(closed.thread, std::this_thread::get_id());
+        EXPECT_FALSE(change(post, "close").opened);
     }
+
+    // The notice of its coming; with resource ID 0 if there was none.
+    Notice open_post(unsigned post, const char *words) const
+    {
+        const Notice opened = change(post, words);
+        EXPECT_TRUE(opened.opened);
+        EXPECT_NE(opened.res_id, 0u);
+        return opened.opened ? opened : Notice{};
+    }
+
+    // The thread of all the library's calls.
+    const std::thread::id caller_ = std::this_thread::get_id();
 };
 
 TEST_IN_CHILD(ConformanceOfPosts, each_running_post_is_announced_once_with_an_id_of_its_own)
@@ -540,13 +555,10 @@ TEST_IN_CHILD(ConformanceOfPosts, closing_post_is_told_and_takes_its_osds_along)
     const Osd osd = open({0, 64, 16, 0});
     borrow(osd);
     EXPECT_EQ(lib.set_osd(first_.res_id, osd.handle, {0, 0}), 0);
-    close_first();
+    close_post(first_.post);
     expect_gone(first_.res_id, osd.handle);
 
-    const Notice opened = change_first("open 800x600");
-    EXPECT_EQ(opened.post, first_.post);
-    EXPECT_TRUE(opened.opened);
-    EXPECT_NE(opened.res_id, 0u);
+    const Notice opened = open_post(first_.post, "open 800x600");
     expect_osd_gone(opened.res_id, osd.handle);
     const Size size = read_size(opened.res_id);
     EXPECT_EQ(size.width, 800u);
@@ -555,14 +567,34 @@ TEST_IN_CHILD(ConformanceOfPosts, closing_post_is_told_and_takes_its_osds_along)
     close(open({0, 64, 16, 0})); // the number is free
 }
 
+TEST_IN_CHILD(ConformanceOfPosts, each_post_that_closes_and_opens_is_told_once)
+{
+    std::vector<Notice> running = notices_so_far();
+    for (Notice &post : running) {
+        first_ = post;
+        const Osd osd = open({0, 64, 16, 0});
+        close_post(post.post);
+        expect_gone(post.res_id, osd.handle);
+        post = open_post(post.post, "open 320x240");
+        const Size size = read_size(post.res_id);
+        EXPECT_EQ(size.width, 320u);
+        EXPECT_EQ(size.height, 240u);
+    }
+    std::set<std::uint32_t> ids;
+    for (const Notice &post : running)
+        ids.insert(post.res_id);
+    EXPECT_EQ(ids.size(), POSTS);
+    EXPECT_EQ(notices_so_far().size(), 3 * POSTS) << "running, closed, opened";
+}
+
 TEST_IN_CHILD(ConformanceOfPosts, post_may_close_during_a_drawing)
 {
     const Osd osd = open({0, 320, 28, 2});
     const qm5_cl_osd_mem mem = borrow(osd);
-    close_first();
+    close_post(first_.post);
     fill(mem, 1); // the application doesn't know yet
     EXPECT_TRUE(gone(lib.set_osd(first_.res_id, osd.handle, {0, 0})));
-    EXPECT_TRUE(change_first("open 640x480").opened);
+    open_post(first_.post, "open 640x480");
 }
 
 TEST_IN_CHILD(ConformanceOfPosts, handle_of_another_post_is_no_osd)
@@ -597,18 +629,15 @@ TEST_IN_CHILD(ConformanceOfPosts, osds_of_several_posts_are_open_at_once)
 
 TEST_IN_CHILD(ConformanceOfPosts, other_posts_stay_when_one_closes)
 {
-    const Notice closed = first_;
+    const unsigned closed = first_.post;
     first_ = notices_so_far()[1];
     const Osd osd = open({0, 64, 16, 0});
-    first_ = closed;
-    close_first();
-    first_ = notices_so_far()[1];
+    close_post(closed);
     const qm5_cl_osd_mem mem = borrow(osd);
     fill(mem, 1);
     EXPECT_EQ(lib.set_osd(first_.res_id, osd.handle, {0, 0}), 0);
     close(osd);
-    first_ = closed;
-    EXPECT_TRUE(change_first("open 640x480").opened);
+    open_post(closed, "open 640x480");
 }
 
 TEST_IN_CHILD(ConformanceOfPosts, change_behind_the_closing_of_the_device_is_not_told)

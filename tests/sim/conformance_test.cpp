@@ -70,4 +70,31 @@ TEST(ConformanceProgram, byte_written_beside_what_was_handed_over_fails_a_test)
     unsetenv("STRAY_WRITE");
 }
 
+// A simulated codec with such a fault, and what a test of changing posts says of it.
+TEST(ConformanceProgram, library_that_goes_wrong_as_posts_change_fails_a_test)
+{
+    const struct {
+        std::string fault;
+        const char *test;
+        const char *says;
+    } rows[] = {
+        {"notify 2 double post 3", "each_post_that_closes_and_opens_is_told_once",
+         "running, closed, opened"},
+        {"notify 3 double post 1", "each_post_that_closes_and_opens_is_told_once",
+         "running, closed, opened"},
+    };
+    setenv("QM5SIM_STATE", "/tmp/codec", 1);
+    for (const auto &[fault, test, says] : rows) {
+        std::filesystem::create_directory("/tmp/codec");
+        support::write_file("/tmp/codec/faults", "1 " + fault + '\n');
+        const Ended ended = support::run(
+            {CONFORMANCE, QM5OSD_STAGE "/osd/lib/libqm5codec.so.1.2", QM5SIM_PROGRAM " post",
+             std::string("--gtest_filter=ConformanceOfPosts.") + test});
+        EXPECT_EQ(ended.status, 1) << fault;
+        EXPECT_NE(ended.out.find(says), std::string::npos) << fault << ": " << ended.out;
+        std::filesystem::remove_all("/tmp/codec");
+    }
+    unsetenv("QM5SIM_STATE");
+}
+
 } // namespace
