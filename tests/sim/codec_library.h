@@ -193,7 +193,7 @@ protected:
         const auto found = static_cast<std::uint32_t>(errno);
         if (result != 0 && found == error)
             return testing::AssertionSuccess();
-        return testing::AssertionFailure() << result << ", errno 0x" << std::hex << found;
+        return testing::AssertionFailure() << result << ", errno " << hex(found);
     }
 
     // Every operation on a post thread or an OSD of it fails as for a thread that has gone.

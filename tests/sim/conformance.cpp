@@ -236,7 +236,7 @@ protected:
         const auto error = static_cast<std::uint32_t>(errno);
         if (result != 0 && is_gone_error(error))
             return testing::AssertionSuccess();
-        return testing::AssertionFailure() << result << ", errno 0x" << std::hex << error;
+        return testing::AssertionFailure() << result << ", errno " << hex(error);
     }
 
     // Each operation on a resource ID or a handle that isn't known.
