@@ -5,8 +5,8 @@
 // It needs at least one running post thread, opens OSDs on it and shows stripes in them; no server
 // may have the device open meanwhile. Some of it needs somebody who changes the posts, and is left
 // out without: POST is a command to which the number of a post, 0 to 3, and `close` or `open SIZE`
-// are appended, as `3 open 640x480`, 800x600, 352x288 or 320x240; and FAILURE is one that lets the
-// next opening of the device fail.
+// are appended, as `3 open 640x480`, 800x600, 352x288 or 320x240, also while the library is being
+// called; and FAILURE is one that lets the next opening of the device fail.
 //
 // Each test has a process of its own, in which the library comes up and goes down once, as in the
 // server. What it may do beyond that is in a disabled test.
@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -194,6 +195,43 @@ protected:
         std::uint32_t size = 0; // of its memory, line for line
     };
 
+    // One call of open_osd, and what it is handed.
+    class Opening
+    {
+    public:
+        explicit Opening(const qm5_cl_osd_param &param) : param_(param)
+        {
+            *given_ = param;
+        }
+        Opening(const Opening &) = delete;
+        Opening &operator=(const Opening &) = delete;
+        ~Opening()
+        {
+            EXPECT_EQ(*handle_ != 0, result_ == 0) << "it stays 0 if the call fails";
+            EXPECT_EQ(std::memcmp(&param_, given_.get(), sizeof param_), 0) << "it is only read";
+        }
+
+        int try_on(std::uint32_t res_id)
+        {
+            result_ =
+                lib.open_osd(res_id, given_.get(), handle_.get(), aux_.get(), line_bytes_.get());
+            return result_;
+        }
+
+        Osd osd()
+        {
+            return {*handle_, *line_bytes_, *line_bytes_ * param_.height};
+        }
+
+    private:
+        const qm5_cl_osd_param param_;
+        Fenced<qm5_cl_osd_param> given_;
+        Fenced<std::uint32_t> handle_;
+        Fenced<std::uint32_t> aux_;
+        Fenced<std::uint32_t> line_bytes_;
+        int result_ = -1;
+    };
+
     Size read_size(std::uint32_t res_id)
     {
         Fenced<qm5_cl_post_status> status;
@@ -204,16 +242,9 @@ protected:
     Osd open(const qm5_cl_osd_param &param)
     {
         read_size(first_.res_id);
-        Fenced<qm5_cl_osd_param> given;
-        Fenced<std::uint32_t> handle;
-        Fenced<std::uint32_t> aux;
-        Fenced<std::uint32_t> line_bytes;
-        *given = param;
-        EXPECT_EQ(
-            lib.open_osd(first_.res_id, given.get(), handle.get(), aux.get(), line_bytes.get()), 0);
-        EXPECT_NE(*handle, 0u);
-        EXPECT_EQ(std::memcmp(&param, given.get(), sizeof param), 0) << "it is only read";
-        return {*handle, *line_bytes, *line_bytes * param.height};
+        Opening opening(param);
+        EXPECT_EQ(opening.try_on(first_.res_id), 0);
+        return opening.osd();
     }
 
     qm5_cl_osd_mem borrow(const Osd &osd)
@@ -242,14 +273,9 @@ protected:
     // Each operation on a resource ID or a handle that isn't known.
     void expect_gone(std::uint32_t res_id, std::uint32_t osd_handle)
     {
-        const qm5_cl_osd_param param = {0, 64, 16, 0};
         Fenced<qm5_cl_post_status> status;
-        Fenced<std::uint32_t> handle;
-        Fenced<std::uint32_t> aux;
-        Fenced<std::uint32_t> line_bytes;
         EXPECT_TRUE(gone(lib.get_status(res_id, status.get())));
-        EXPECT_TRUE(gone(lib.open_osd(res_id, &param, handle.get(), aux.get(), line_bytes.get())));
-        EXPECT_EQ(*handle, 0u) << "it stays 0 if the call fails";
+        EXPECT_TRUE(gone(Opening({0, 64, 16, 0}).try_on(res_id)));
         expect_osd_gone(res_id, osd_handle);
     }
 
@@ -432,13 +458,9 @@ TEST_IN_CHILD(Conformance, cleared_osd_stays_open)
 TEST_IN_CHILD(Conformance, osd_that_no_memory_can_hold_leaves_the_handle_0)
 {
     read_size(first_.res_id);
-    const qm5_cl_osd_param param = {0, 0xFFFF, 0xFFFF, 2};
-    Fenced<std::uint32_t> handle;
-    Fenced<std::uint32_t> aux;
-    Fenced<std::uint32_t> line_bytes;
-    EXPECT_NE(lib.open_osd(first_.res_id, &param, handle.get(), aux.get(), line_bytes.get()), 0);
+    Opening opening({0, 0xFFFF, 0xFFFF, 2});
+    EXPECT_NE(opening.try_on(first_.res_id), 0);
     EXPECT_EQ(static_cast<std::uint32_t>(errno) >> 16, 0x81E0u);
-    EXPECT_EQ(*handle, 0u) << "it stays 0 if the call fails";
     close(open({0, 64, 16, 0}));
 }
 
@@ -533,6 +555,44 @@ protected:
         return opened.opened ? opened : Notice{};
     }
 
+    bool is_open_again(unsigned post) const
+    {
+        close_post(post);
+        return open_post(post, "open 640x480").res_id != 0;
+    }
+
+    // Success, or the post has gone.
+    static bool has_done(const char *call, int result)
+    {
+        if (result == 0)
+            return true;
+        EXPECT_TRUE(gone(result)) << call;
+        return false;
+    }
+
+    // All that a post thread, which may go at any moment, is asked for; false if it has gone.
+    static bool try_all_on(std::uint32_t res_id)
+    {
+        Fenced<qm5_cl_post_status> status;
+        Opening opening({0, 320, 28, 2});
+        Fenced<qm5_cl_osd_mem> mem;
+        const bool has_size = has_done("get_status", lib.get_status(res_id, status.get()));
+        EXPECT_TRUE(!has_size || (status->width == 640 && status->height == 480));
+        if (!has_done("open_osd", opening.try_on(res_id)))
+            return false;
+        const Osd osd = opening.osd();
+        const bool has_memory =
+            has_done("get_osd_mem", lib.get_osd_mem(res_id, osd.handle, mem.get()));
+        if (has_memory) {
+            EXPECT_EQ(mem->size, osd.size);
+            std::memset(mem->memory, 0x5A, std::min(mem->size, osd.size));
+        }
+        const bool is_shown = has_done("set_osd", lib.set_osd(res_id, osd.handle, {8, 8}));
+        const bool is_cleared = has_done("clear_osd", lib.clear_osd(res_id, osd.handle));
+        const bool is_closed = has_done("close_osd", lib.close_osd(res_id, osd.handle));
+        return has_size && has_memory && is_shown && is_cleared && is_closed;
+    }
+
     // The thread of all the library's calls.
     const std::thread::id caller_ = std::this_thread::get_id();
 };
@@ -595,6 +655,34 @@ TEST_IN_CHILD(ConformanceOfPosts, post_may_close_during_a_drawing)
     fill(mem, 1); // the application doesn't know yet
     EXPECT_TRUE(gone(lib.set_osd(first_.res_id, osd.handle, {0, 0})));
     open_post(first_.post, "open 640x480");
+}
+
+// The resource ID that a post was told last.
+std::uint32_t newest_thread_of(std::uint32_t post)
+{
+    std::uint32_t newest = 0;
+    for (const Notice &notice : notices_so_far()) {
+        if (notice.post == post && notice.opened)
+            newest = notice.res_id;
+    }
+    return newest;
+}
+
+TEST_IN_CHILD(ConformanceOfPosts, post_may_close_and_open_during_any_call)
+{
+    constexpr unsigned CHANGES = 20;
+    const unsigned post = first_.post;
+    std::atomic<bool> is_over = false;
+    std::thread changing([&] {
+        for (unsigned i = 0; i < CHANGES && is_open_again(post); i++)
+            continue;
+        is_over = true;
+    });
+    while (!is_over)
+        try_all_on(newest_thread_of(post));
+    changing.join();
+    EXPECT_EQ(notices_so_far().size(), POSTS + 2 * CHANGES);
+    EXPECT_TRUE(try_all_on(newest_thread_of(post)));
 }
 
 TEST_IN_CHILD(ConformanceOfPosts, handle_of_another_post_is_no_osd)
