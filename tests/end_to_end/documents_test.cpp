@@ -21,6 +21,7 @@ typedef std::vector<std::string> Lines;
 
 constexpr const char *FOLDER = "/tmp/document"; // in which the examples run
 constexpr const char *END = "end of example";
+constexpr std::chrono::seconds LONGEST_BLOCK{120}; // most of which wait for the server's passes
 
 struct Example {
     std::string command;
@@ -113,7 +114,7 @@ std::string script_of(const Block &block)
 
 void run_block(const Block &block)
 {
-    const Ended ended = support::run({"/bin/bash", "-c", script_of(block)});
+    const Ended ended = support::run({"/bin/bash", "-c", script_of(block)}, LONGEST_BLOCK);
     Lines lines = split(ended.out);
     auto at = lines.begin();
     for (const Example &example : block) {
@@ -170,6 +171,7 @@ protected:
     }
     void TearDown() override
     {
+        end_application();
         fs::remove_all(FOLDER);
         ApplicationTest::TearDown();
     }

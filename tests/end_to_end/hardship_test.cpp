@@ -237,6 +237,7 @@ TEST_F(Hardship, full_disk_keeps_the_server_down_until_there_is_room)
     EXPECT_TRUE(shows(
         0, [](const sim_reader::Post &post) { return shows_text(post.osd[1], " TVOut ", STYLE); }));
     stop();
+    end_application();
     EXPECT_EQ(umount(state_.c_str()), 0);
 }
 
@@ -264,6 +265,7 @@ TEST_F(Hardship, disk_that_becomes_full_ends_the_record_and_not_the_pictures)
     EXPECT_EQ(calls.status, 0) << calls.err;
     EXPECT_NE(calls.out.find("set_osd"), std::string::npos);
     stop();
+    end_application();
     EXPECT_EQ(umount(state_.c_str()), 0);
 }
 

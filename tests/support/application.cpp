@@ -31,7 +31,7 @@ void ApplicationTest::SetUp()
     unsetenv("TZ");
 }
 
-void ApplicationTest::TearDown()
+void ApplicationTest::end_application() const
 {
     // A server that has ended its work may still be on its way out.
     EXPECT_TRUE(wait_until([this] { return processes_of(executable_).empty(); }))
@@ -42,6 +42,11 @@ void ApplicationTest::TearDown()
         waitpid(pid, nullptr, 0);
     }
     EXPECT_FALSE(fs::exists(state_ + "/breaches")) << read_file(state_ + "/breaches");
+}
+
+void ApplicationTest::TearDown()
+{
+    end_application();
     fs::remove_all(state_);
     fs::remove(LOG);
     std::string files;

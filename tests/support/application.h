@@ -33,6 +33,10 @@ protected:
     // Stops the server and waits for its end.
     void stop();
 
+    // At the end of a test, of which the application still has the codec's folder: no server is
+    // left, and none has broken the codec's contract. TearDown does it too.
+    void end_application() const;
+
     // The post as the picture shows it now.
     sim_reader::Post post(unsigned number) const;
 

@@ -76,9 +76,9 @@ bool is_descendant(pid_t pid)
 
 } // namespace
 
-bool wait_until(const std::function<bool()> &condition)
+bool wait_until(const std::function<bool()> &condition, std::chrono::seconds patience)
 {
-    const auto end = std::chrono::steady_clock::now() + PATIENCE;
+    const auto end = std::chrono::steady_clock::now() + patience;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end)
             return false;
@@ -126,11 +126,12 @@ pid_t Process::pid() const
     return pid_;
 }
 
-Ended Process::wait()
+Ended Process::wait(std::chrono::seconds patience)
 {
     int status = 0;
     const pid_t own = pid_;
-    const bool ended = wait_until([own, &status] { return waitpid(own, &status, WNOHANG) == own; });
+    const bool ended =
+        wait_until([own, &status] { return waitpid(own, &status, WNOHANG) == own; }, patience);
     if (!ended) {
         kill(own, SIGKILL);
         waitpid(own, &status, 0);
@@ -144,9 +145,9 @@ Ended Process::wait()
     return result;
 }
 
-Ended run(const Words &words)
+Ended run(const Words &words, std::chrono::seconds patience)
 {
-    return Process(words).wait();
+    return Process(words).wait(patience);
 }
 
 void adopt_orphans()

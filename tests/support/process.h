@@ -19,11 +19,11 @@ struct Ended {
     std::string err;
 };
 
-// No wait for a program or by wait_until is longer.
+// How long a test waits for one program or condition, if it doesn't say otherwise.
 constexpr std::chrono::seconds PATIENCE{30};
 
-// Waits until the condition holds; false if that took longer than a test may wait.
-bool wait_until(const std::function<bool()> &condition);
+// Waits until the condition holds; false if that took longer than the test's patience.
+bool wait_until(const std::function<bool()> &condition, std::chrono::seconds patience = PATIENCE);
 
 // A program under way, with its own files for stdout and stderr and nothing on stdin. A program
 // that hasn't ended when its time is up is killed.
@@ -37,8 +37,8 @@ public:
     ~Process();
 
     // Waits for the end of the program itself, not for what it has left behind. A program that
-    // doesn't end within the test's patience is killed, and its status is 137.
-    Ended wait();
+    // doesn't end within this time is killed, and its status is 137.
+    Ended wait(std::chrono::seconds patience = PATIENCE);
     pid_t pid() const;
 
 private:
@@ -47,8 +47,8 @@ private:
     int err_ = -1;
 };
 
-// Runs a program to its end.
-Ended run(const Words &words);
+// Runs a program to its end, as Process::wait waits for it.
+Ended run(const Words &words, std::chrono::seconds patience = PATIENCE);
 
 // Makes this process the parent of what its children leave behind, so that it can wait for it.
 void adopt_orphans();
