@@ -544,6 +544,29 @@ TEST_P(FailingCall, in_the_open_of_a_new_post)
     finish();
 }
 
+// For such a post the others are asked for all the same, with the resource ID 0 that has become
+// its.
+TEST_F(FaultyCodec, post_that_goes_at_its_first_open_is_asked_for_the_other_slots)
+{
+    set_post(1, 0, 0);
+    bring_up({"--Post1StringOn=1", "--Post1TypeOn=1", "--Post1TimeOn=1", "--Post3TimeOn=1"},
+             {"", "", "", "3"});
+    unsigned width = 640;
+    for (const Code &open : POST_GONE.codes) {
+        put_faults({"open_osd next fail " + open.word + " post 1"});
+        set_post(1, width, 480);
+        expect_calls(1, {"open_osd 1.0!", "open_osd 1.1!", "open_osd 1.3!"});
+        wait_for_a_pass();
+        EXPECT_TRUE(have_happened(1));
+        EXPECT_EQ(new_log(), "") << "that is no failure";
+        EXPECT_EQ(shown(1), "");
+        width += 16;
+    }
+    set_post(1, 800, 600);
+    EXPECT_TRUE(comes_to_show(1, "013"));
+    finish();
+}
+
 TEST_P(FailingCall, in_the_open_of_a_text_that_is_switched_on)
 {
     bring_up({"--Post0TypeOn=1", "--Post1TypeOn=1", "--Post3TimeOn=1"}, {"1", "1", "", "3"});
