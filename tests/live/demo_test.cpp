@@ -76,9 +76,21 @@ public:
                   200);
     }
 
-    Ended interrupt()
+    // Runs a line in a shell with what the demo prints for commands of one's own.
+    Ended run_in_shell(const std::string &line) const
+    {
+        return run(
+            {"/bin/sh", "-c",
+             "cd / && " + find("For commands of your own: (export [^\n]*)\n") + " && " + line});
+    }
+
+    void interrupt() const
     {
         kill(process_.pid(), SIGINT);
+    }
+
+    Ended wait()
+    {
         return process_.wait();
     }
 
@@ -92,14 +104,23 @@ void expect_no_zone()
     EXPECT_THROW(time_zone_block::read(), std::runtime_error);
 }
 
+// The demo has ended by SIGINT, and has left nothing but its log.
+void expect_gone(Demo &demo)
+{
+    const Ended ended = demo.wait();
+    EXPECT_EQ(ended.status, 128 + SIGINT) << ended.err;
+    EXPECT_EQ(ended.err, "");
+    EXPECT_EQ(processes_of(fs::path(QM5OSD_BUILT) / "stage/osd/bin/qm5osd"), std::vector<pid_t>{});
+    EXPECT_EQ(processes_of(QM5SIM_PROGRAM), std::vector<pid_t>{});
+    EXPECT_EQ(temporary_files(), std::vector<std::string>{});
+    EXPECT_FALSE(fs::exists(fs::path(QM5OSD_BUILT) / "demo/codec"));
+}
+
 TEST_F(LiveDemo, shows_the_page_until_it_is_interrupted)
 {
     expect_no_zone();
     Demo demo;
-    // The command that the demo prints has any shell work on its codec.
-    const std::string line = demo.find("For commands of your own: (export [^\n]*)\n");
-    const Ended shell =
-        run({"/bin/sh", "-c", "cd / && " + line + " && qm5sim setting && qm5osd status"});
+    const Ended shell = demo.run_in_shell("qm5sim setting && qm5osd status");
     EXPECT_NE(shell.out.find("record 1"), std::string::npos) << shell.out << shell.err;
     EXPECT_NE(shell.out.find("OSD server is running"), std::string::npos) << shell.out;
 
@@ -114,20 +135,40 @@ TEST_F(LiveDemo, shows_the_page_until_it_is_interrupted)
     demo.set_zone("EAST-9");
     EXPECT_EQ(time_zone_block::read().text, "EAST-9");
 
-    const Ended ended = demo.interrupt();
-    EXPECT_EQ(ended.status, 128 + SIGINT) << ended.err;
-    EXPECT_EQ(ended.err, "");
+    demo.interrupt();
+    expect_gone(demo);
     EXPECT_THROW(demo.ask("GET", "/"), std::runtime_error) << "the page is still served";
-    EXPECT_EQ(processes_of(fs::path(QM5OSD_BUILT) / "stage/osd/bin/qm5osd"), std::vector<pid_t>{});
-    EXPECT_EQ(processes_of(QM5SIM_PROGRAM), std::vector<pid_t>{});
-    EXPECT_EQ(temporary_files(), std::vector<std::string>{});
     expect_no_zone();
+}
 
-    // A block that the machine had before is its own.
+TEST_F(LiveDemo, keeps_the_time_zone_that_the_machine_had_before)
+{
     time_zone_block::write("CET-1");
-    EXPECT_EQ(Demo().interrupt().status, 128 + SIGINT);
+    Demo demo;
+    demo.interrupt();
+    expect_gone(demo);
     EXPECT_EQ(time_zone_block::read().text, "CET-1");
     time_zone_block::remove();
+}
+
+// People press Ctrl-C again when the first one seems to do nothing.
+TEST_F(LiveDemo, takes_everything_down_also_if_it_is_interrupted_again)
+{
+    Demo demo;
+    demo.set_zone("EAST-9");
+    EXPECT_EQ(demo.run_in_shell("qm5sim fault add close_device next delay 2000").status, 0);
+    demo.interrupt();
+    EXPECT_TRUE(wait_until([&] {
+        try {
+            demo.ask("GET", "/");
+            return false;
+        } catch (const std::runtime_error &) {
+            return true; // so that the clean-up is under way, and waits for the application
+        }
+    }));
+    demo.interrupt();
+    expect_gone(demo);
+    expect_no_zone();
 }
 
 } // namespace
