@@ -150,7 +150,11 @@ void change_zone(Call &call, const std::string &zone)
         throw ApiError(400, zone + ": longer than " + std::to_string(time_zone_block::MAX_TEXT) +
                                 " bytes");
     time_zone_block::write(zone);
-    send_command(call, {"clock", zone});
+    Words words = {"clock"};
+    if (zone.starts_with('-'))
+        words.push_back("--"); // or it would be an option
+    words.push_back(zone);
+    send_command(call, words);
 }
 
 // The byte by which the application learns of a zone.

@@ -150,6 +150,14 @@ TEST_F(LiveChanges, set_the_clock)
     EXPECT_EQ(get_json("/api/state")["clock"], (Json{{"zone", "UTC-9"}, {"change", 1}}));
     EXPECT_EQ(change_json("PUT", "/api/clock", {{"zone", "<it's 9>-9"}}),
               command("clock '<it'\\''s 9>-9'"));
+    EXPECT_EQ(change_json("PUT", "/api/clock", {{"zone", "-JST"}}), command("clock -- -JST"));
+    for (const std::string zone : {"-JST", "--remove", "--help", "--", "-9", "", "<it's 9>-9"}) {
+        const Json done = change_json("PUT", "/api/clock", {{"zone", zone}});
+        EXPECT_EQ(time_zone_block::read().text, zone);
+        time_zone_block::write("UTC");
+        EXPECT_EQ(run({"/bin/sh", "-c", done["command"]}).status, 0) << done;
+        EXPECT_EQ(time_zone_block::read().text, zone) << done;
+    }
     const std::string longest(time_zone_block::MAX_TEXT, 'x');
     EXPECT_EQ(change_json("PUT", "/api/clock", {{"zone", longest}})["command"],
               shown_command(QM5SIM_PROGRAM, "clock " + longest));
