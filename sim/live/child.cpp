@@ -2,10 +2,13 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <poll.h>
 #include <spawn.h>
+#include <sstream>
 #include <stdexcept>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -14,6 +17,8 @@
 
 namespace live
 {
+
+namespace fs = std::filesystem;
 
 // ---- Files without a name -----------------------------------------------------------------------
 
@@ -129,7 +134,27 @@ Wait wait_for(pid_t pid, std::chrono::milliseconds patience, int stop, int *stat
     }
 }
 
+bool is_program(const fs::path &file)
+{
+    std::error_code none;
+    return fs::is_regular_file(file, none) && access(file.c_str(), X_OK) == 0;
+}
+
 } // namespace
+
+std::string find_program(const std::string &name)
+{
+    if (name.find('/') != std::string::npos)
+        return fs::absolute(name).string();
+    const char *path = getenv("PATH");
+    std::istringstream folders(path ? std::string(path) + ':' : "");
+    for (std::string folder; std::getline(folders, folder, ':');) {
+        const fs::path file = fs::absolute(fs::path(folder) / name);
+        if (is_program(file))
+            return file.string();
+    }
+    return name;
+}
 
 std::string failure_of(const Finished &finished)
 {

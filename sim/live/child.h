@@ -45,6 +45,10 @@ private:
     int fd_ = -1;
 };
 
+// The absolute name of a program's file, which is looked up in PATH if its name has no slash; the
+// name as it is if PATH has none.
+std::string find_program(const std::string &name);
+
 // Runs a program, looked up in PATH if its name has no slash, and waits for its end, not for that
 // of what it leaves behind. Its standard input holds `input`; its two output streams are files, so
 // that nothing it leaves behind can be held up or ended by a reader that has gone. It has a session

@@ -1,6 +1,7 @@
 #include "live_server.h"
 
 #include "addresses.h"
+#include "child.h"
 #include "guards.h"
 #include "http_server.h"
 #include "quoting.h"
@@ -148,9 +149,7 @@ void serve(const Options &options)
     const fs::path folder = fs::absolute(options.folder);
     const fs::path log = options.log.empty() ? folder / "server.log" : fs::absolute(options.log);
     setenv("QM5SIM_STATE", folder.c_str(), 1); // the application works on the same codec
-    const bool is_in_path = options.program.find('/') == std::string::npos;
-    const std::string program =
-        is_in_path ? options.program : fs::absolute(options.program).string();
+    const std::string program = find_program(options.program);
     const sim_reader::Descriptor stop(open_signals()); // before any thread begins
     const std::string address = options.address == "localhost" ? "127.0.0.1" : options.address;
 

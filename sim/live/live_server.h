@@ -10,10 +10,10 @@ namespace live
 struct Options {
     std::filesystem::path folder; // state folder
     std::string address = "127.0.0.1";
-    unsigned port = 8075; // 0: any free one
-    std::string token;    // without which nobody gets an answer; empty: everybody does
-    std::string program = "qm5osd";
-    std::filesystem::path log; // the application's; empty: server.log in the state folder
+    unsigned port = 8075;           // 0: any free one
+    std::string token;              // without which nobody gets an answer; empty: everybody does
+    std::string program = "qm5osd"; // looked up in PATH once if it has no slash
+    std::filesystem::path log;      // the application's; empty: server.log in the state folder
 };
 
 // An access token has so many characters at least, all of them such as a URL carries as they are.

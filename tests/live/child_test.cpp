@@ -178,6 +178,36 @@ TEST_F(Child, is_left_to_itself_when_the_server_ends)
     support::remove_file("/tmp/go");
 }
 
+TEST_F(Child, is_looked_for_as_a_shell_does)
+{
+    namespace fs = std::filesystem;
+    fs::create_directories("/tmp/1/folder");
+    fs::create_directory("/tmp/2");
+    for (const char *file : {"/tmp/1/program", "/tmp/2/program", "/tmp/2/folder"}) {
+        support::write_file(file, "");
+        fs::permissions(file, fs::perms::owner_all);
+    }
+    support::write_file("/tmp/1/text", "");
+    const std::string path = getenv("PATH");
+    setenv("PATH", "/tmp/none:/tmp/1:/tmp/2", 1);
+    EXPECT_EQ(live::find_program("program"), "/tmp/1/program");
+    EXPECT_EQ(live::find_program("folder"), "/tmp/2/folder");
+    for (const char *name : {"text", "nothing", ""})
+        EXPECT_EQ(live::find_program(name), name);
+    for (const char *here : {"", ":/tmp/2", "/tmp/none::/tmp/2", "/tmp/none:"}) {
+        setenv("PATH", here, 1);
+        fs::current_path("/tmp/1");
+        EXPECT_EQ(live::find_program("program"), "/tmp/1/program") << here;
+        EXPECT_EQ(live::find_program("./nothing"), "/tmp/1/./nothing");
+        fs::current_path("/");
+    }
+    unsetenv("PATH");
+    EXPECT_EQ(live::find_program("program"), "program");
+    setenv("PATH", path.c_str(), 1);
+    fs::remove_all("/tmp/1");
+    fs::remove_all("/tmp/2");
+}
+
 TEST_F(Child, can_fail_to_start)
 {
     try {

@@ -379,6 +379,31 @@ TEST_F(LiveApplication, tells_why_a_program_can_not_be_started)
                          "/tmp/work/none: No such file or directory"));
 }
 
+TEST_F(LiveApplication, is_found_in_the_path_when_the_server_begins)
+{
+    const std::string file = make_program("#!/bin/sh\necho found\n");
+    program_ = "program";
+    const std::string path = getenv("PATH");
+    setenv("PATH", ("/tmp/work:" + path).c_str(), 1);
+    serve();
+    setenv("PATH", path.c_str(), 1);
+    const Json done = run({{"function", "status"}});
+    EXPECT_EQ(done["command"], shown_command(file, "status"));
+    EXPECT_EQ(done["output"], "found\n");
+    const Ended shell = support::run({"/bin/sh", "-c", done["command"]});
+    EXPECT_EQ(shell.out, "found\n") << "a shell with another PATH doesn't find it";
+}
+
+TEST_F(LiveApplication, tells_that_no_program_is_in_the_path)
+{
+    program_ = "no-such-program";
+    serve();
+    EXPECT_TRUE(is_error(change("POST", "/api/application", R"({"function":"status"})"), 500,
+                         "no-such-program: No such file or directory"));
+    EXPECT_EQ(run({{"function", "status"}, {"preview", true}})["command"],
+              shown_command("no-such-program", "status"));
+}
+
 TEST_F(LiveApplication, tells_of_a_signal)
 {
     program_ = make_program("#!/bin/sh\necho so far\nkill -SEGV $$\n");
