@@ -109,7 +109,7 @@ void move_to_file(Task &task)
 // keeps every byte; but for an empty value, which only an option gives.
 void keep_in_force(Task &task)
 {
-    const std::optional<Values> values = or_conflict(read_values_in_force);
+    const std::optional<Values> values = or_conflict([] { return read_values_in_force(); });
     if (!values)
         throw ApiError(409, "keep: no server runs");
     std::string file = FILE_HEAD;

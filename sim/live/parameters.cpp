@@ -23,7 +23,6 @@ namespace
 // ---- In force -----------------------------------------------------------------------------------
 
 constexpr int ATTEMPTS = 100;
-constexpr std::chrono::milliseconds SETTLING_PACE{10};
 
 // What stands in the temporary parameter file, which the application writes itself: a line for each
 // parameter, so that one without an end is cut off.
@@ -43,8 +42,12 @@ Values read_values()
 
 } // namespace
 
-// A client may be writing them just now.
-std::optional<Values> read_values_in_force()
+void rest_a_moment()
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
+std::optional<Values> read_values_in_force(const std::function<void()> &rest)
 {
     for (int i = 0; i < ATTEMPTS; i++) {
         if (!is_server_running())
@@ -52,7 +55,7 @@ std::optional<Values> read_values_in_force()
         Values values = read_values();
         if (values.size() >= OSD_PARAMS)
             return values;
-        std::this_thread::sleep_for(SETTLING_PACE);
+        rest();
     }
     sim_reader::fail(OSD_TMP_PARAM, "not all parameters are there");
 }

@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -14,8 +15,12 @@ namespace live
 
 typedef std::map<std::string, std::string> Values;
 
-// What is in force, by key; none if no server runs.
-std::optional<Values> read_values_in_force();
+// 10 milliseconds.
+void rest_a_moment();
+
+// What is in force, by key; none if no server runs. A client may be writing it just now: it is read
+// again, 100 times in all, `rest` after each time.
+std::optional<Values> read_values_in_force(const std::function<void()> &rest = rest_a_moment);
 
 // All parameters in their order, with what is in force while a server runs.
 nlohmann::ordered_json describe_parameters();
