@@ -141,12 +141,13 @@ unsigned osd_of(const Call &call)
 sim_post post_now(const Call &call)
 {
     const std::filesystem::path &folder = call.site.folder;
+    const unsigned post = post_of(call);
     return or_conflict([&] {
         const std::optional<sim_state> state = control_files::read_state(folder);
         sim_state fresh{};
         if (!state)
             sim_reader::follow_sizes(folder, fresh);
-        return state.value_or(fresh).post[post_of(call)];
+        return state.value_or(fresh).post[post];
     });
 }
 
