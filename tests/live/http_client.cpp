@@ -167,7 +167,7 @@ Event EventReader::next()
         std::string &input = connection_.input;
         while ((end = input.find("\n\n")) == std::string::npos) {
             if (!connection_.receive_more())
-                throw std::runtime_error("the stream has ended");
+                throw StreamEnd();
         }
         Event event;
         for (std::size_t at = 0; at < end;) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -57,6 +58,15 @@ struct Event {
     std::string data;
 };
 
+// The end of a stream of which an event was awaited.
+class StreamEnd : public std::runtime_error
+{
+public:
+    StreamEnd() : std::runtime_error("the stream has ended")
+    {
+    }
+};
+
 // Reads the events of a connection whose head has been received.
 class EventReader
 {
@@ -65,7 +75,7 @@ public:
     {
     }
 
-    // The next event of this name; those between are passed over.
+    // The next event of this name; those between are passed over. Throws StreamEnd.
     Event next(const std::string &name);
     Event next();
 
