@@ -108,9 +108,18 @@ TEST_F(LiveGuards, let_only_the_page_change_anything)
 TEST_F(LiveGuards, refuse_the_page_of_another_server)
 {
     serve();
-    HeaderList headers = own_headers();
-    headers.at(1).second = "http://127.0.0.1:1";
-    EXPECT_TRUE(is_error(ask("DELETE", "/api/faults", headers), 403, FOREIGN));
+    const std::string name = "example.com:" + std::to_string(port());
+    for (const HeaderList &foreign :
+         {HeaderList{{"Host", name}, {"Origin", "http://" + name}},
+          HeaderList{{"Host", host()}, {"Origin", "http://127.0.0.1:1"}},
+          HeaderList{{"Host", host()}, {"Sec-Fetch-Site", "cross-site"}}}) {
+        HeaderList headers = foreign;
+        headers.push_back({"X-Qm5sim-Token", token_});
+        for (const auto &[method, path] : changes())
+            EXPECT_TRUE(is_error(ask(method, path, headers, "{}"), 403, FOREIGN))
+                << method << ' ' << path << ' ' << testing::PrintToString(foreign);
+    }
+    EXPECT_FALSE(std::filesystem::exists(state_)) << "something has been changed";
     const std::string first = token_;
     ASSERT_EQ(end_server(SIGINT), 0);
     serve();
