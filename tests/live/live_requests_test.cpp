@@ -78,9 +78,11 @@ TEST_F(LiveRequests, find_nothing_at_other_paths)
                                    "http://127.0.0.1/"})
         EXPECT_TRUE(is_error(get(path), 404, NOTHING)) << path;
     EXPECT_TRUE(is_error(get("/api/posts/4/background"), 404, "post 4: there is none"));
+    EXPECT_TRUE(is_error(get("/api/posts/4/osds/0"), 404, "post 4: there is none"));
     EXPECT_TRUE(is_error(get("/api/posts/0/osds/4"), 404, "OSD 4: there is none"));
     EXPECT_TRUE(is_error(change("PUT", "/api/posts/4", R"({"size":"closed"})"), 404,
                          "post 4: there is none"));
+    EXPECT_TRUE(is_error(change("PUT", "/api/posts/4/frame", "{}"), 404, "post 4: there is none"));
     EXPECT_TRUE(is_error(change("DELETE", "/api/posts/999999999/frame"), 404,
                          "post 999999999: there is none"));
     EXPECT_FALSE(std::filesystem::exists(state_)) << "something has been written";
@@ -203,8 +205,27 @@ TEST_F(LiveRequests, refuse_bodies_of_no_known_length)
 TEST_F(LiveRequests, refuse_bodies_that_are_too_long)
 {
     const std::string body(65537, ' ');
-    for (const char *path : {"/api/posts/0", "/api/settings", "/api/clock", "/api/palette"})
-        EXPECT_TRUE(is_error(change("PUT", path, body), 413, "body: longer than 65536 bytes"));
+    for (const auto &[method, path] : HeaderList{{"PUT", "/api/posts/0"},
+                                                 {"PUT", "/api/settings"},
+                                                 {"PUT", "/api/clock"},
+                                                 {"PUT", "/api/palette"},
+                                                 {"POST", "/api/faults"},
+                                                 {"POST", "/api/parameters/file"},
+                                                 {"DELETE", "/api/faults"},
+                                                 {"DELETE", "/api/faults/1"},
+                                                 {"DELETE", "/api/clock"},
+                                                 {"DELETE", "/api/palette"},
+                                                 {"DELETE", "/api/posts/0/frame"},
+                                                 {"GET", "/"},
+                                                 {"GET", "/page.css"},
+                                                 {"GET", "/api/state"},
+                                                 {"GET", "/api/posts/0/osds/0"},
+                                                 {"GET", "/api/posts/0/background"},
+                                                 {"GET", "/api/palette"},
+                                                 {"GET", "/api/parameters"},
+                                                 {"GET", "/api/events"}})
+        EXPECT_TRUE(is_error(change(method, path, body), 413, "body: longer than 65536 bytes"))
+            << method << ' ' << path;
     const std::string task((1u << 20) + 1, ' ');
     for (const char *path : {"/api/application", "/api/parameters/compare"})
         EXPECT_TRUE(is_error(change("POST", path, task), 413, "body: longer than 1048576 bytes"));
