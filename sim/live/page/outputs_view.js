@@ -85,6 +85,7 @@ class PostView {
     #actions;
     #parts = {};
     #wasOpen = null;
+    #thick = 1; // pixels of the picture that a guide's line takes
 
     constructor(number, live, guides, actions, zoom) {
         this.#number = number;
@@ -92,6 +93,7 @@ class PostView {
         this.#guides = guides;
         this.#actions = actions;
         this.root = this.#make(zoom);
+        new ResizeObserver(() => this.#keepThick()).observe(this.#parts.canvas);
     }
 
     #make(zoom) {
@@ -215,6 +217,18 @@ class PostView {
         showText(failure, why);
     }
 
+    // As many as one of the page, as far as the page shows the canvas.
+    #findThick() {
+        const {canvas} = this.#parts;
+        return Math.max(1, Math.round(canvas.width / (canvas.clientWidth || canvas.width)));
+    }
+
+    // Another width of the page, and the picture's return from Pixels, need other guides.
+    #keepThick() {
+        if (this.#parts.canvas.clientWidth > 0 && this.#findThick() !== this.#thick)
+            this.repaint();
+    }
+
     repaint() {
         const shown = this.#live.pictures[this.#number];
         const {picture} = shown;
@@ -224,10 +238,9 @@ class PostView {
             return;
         if (canvas.width !== picture.width || canvas.height !== picture.height)
             Object.assign(canvas, {width: picture.width, height: picture.height});
-        const shownWidth = canvas.clientWidth || picture.width;
-        const thick = Math.max(1, Math.round(picture.width / shownWidth));
         const guides = this.#guides.of(this.#post);
-        canvas.getContext('2d').putImageData(paint(shown, guides, thick), 0, 0);
+        this.#thick = this.#findThick();
+        canvas.getContext('2d').putImageData(paint(shown, guides, this.#thick), 0, 0);
         safe.hidden = !guides?.safe || !isEmpty(safeArea(picture, guides.safe));
     }
 }

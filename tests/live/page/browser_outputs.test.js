@@ -100,6 +100,28 @@ test('safe spaces and cells are marked as the tool does', async (t) => {
     assert.equal(await look(), withInvalid);
 });
 
+test('guides are as thick on the page whatever has become of the picture since', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    assert.equal(stage.osd('update', '--Post1StringOn=1').status, 0);
+    await stage.showsSnapshot(1);
+    const look = () => stage.page.evaluate(() => document.querySelector('#canvas-1').toDataURL());
+    const bare = await look();
+    await stage.page.check('#guide-frames');
+    const framed = await look();
+    assert.notEqual(framed, bare);
+    await stage.page.uncheck('#guide-frames');
+    assert.equal(await look(), bare);
+
+    await stage.click('#post-1 >> text=Pixels');
+    await stage.page.check('#guide-frames');
+    await stage.click('#zoom-close');
+    await until(async () => await look() === framed, 'the frames are as thick behind Pixels');
+
+    await stage.page.setViewportSize({width: 400, height: 800});
+    await until(async () => ![bare, framed].includes(await look()), 'narrower, they are thicker');
+});
+
 test('a post thread is resized, closed and opened from the page', async (t) => {
     const stage = await Stage.open(t);
     await stage.startApplication();
