@@ -92,7 +92,7 @@ bool Application::takes_parameters(const std::string &function)
 
 std::vector<std::string> Application::words_of(const Task &task) const
 {
-    std::vector<std::string> words = {program_, task.function};
+    std::vector<std::string> words = {find_program(program_), task.function};
     if (find_function(task.function)->takes_log)
         words.insert(words.end(), {"-l", log_.string()});
     if (task.file)
@@ -138,7 +138,7 @@ std::optional<Application::Saved> Application::save()
         return std::nullopt;
     const fs::path file = folder_ / ("saved-" + make_token() + ".conf"); // nobody's own
     sim_reader::make_folder(folder_);
-    const std::optional<Done> done = run({program_, "save", "-f", file.string()});
+    const std::optional<Done> done = run({find_program(program_), "save", "-f", file.string()});
     if (!done)
         return std::nullopt;
     const Finished &finished = done->finished;

@@ -28,8 +28,9 @@ struct Done {
 class Application
 {
 public:
-    // `program` is looked up in PATH if it has no slash; `log` gets the streams of a server that is
-    // started. What runs is left to itself when the descriptor `stop` becomes readable.
+    // `program` is looked up in PATH for each task if it has no slash; `log` gets the streams of a
+    // server that is started. What runs is left to itself when the descriptor `stop` becomes
+    // readable.
     Application(std::string program, std::filesystem::path folder, std::filesystem::path log,
                 int stop);
 

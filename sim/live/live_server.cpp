@@ -148,14 +148,13 @@ void serve(const Options &options)
 {
     const fs::path folder = fs::absolute(options.folder);
     const fs::path log = options.log.empty() ? folder / "server.log" : fs::absolute(options.log);
-    setenv("QM5SIM_STATE", folder.c_str(), 1); // the application works on the same codec
-    const std::string program = find_program(options.program);
+    setenv("QM5SIM_STATE", folder.c_str(), 1);         // the application works on the same codec
     const sim_reader::Descriptor stop(open_signals()); // before any thread begins
     const std::string address = options.address == "localhost" ? "127.0.0.1" : options.address;
 
     HttpServer server(address, options.port, HEADERS);
     const Guards guards(is_loopback(address), server.port(), options.token);
-    Application application(program, folder, log, stop.get());
+    Application application(options.program, folder, log, stop.get());
     Frames frames;
     EventHub hub;
     Watcher watcher(folder, log, frames, hub);

@@ -12,7 +12,7 @@ struct Options {
     std::string address = "127.0.0.1";
     unsigned port = 8075;           // 0: any free one
     std::string token;              // without which nobody gets an answer; empty: everybody does
-    std::string program = "qm5osd"; // looked up in PATH once if it has no slash
+    std::string program = "qm5osd"; // looked up in PATH if it has no slash
     std::filesystem::path log;      // the application's; empty: server.log in the state folder
 };
 

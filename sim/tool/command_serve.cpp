@@ -100,9 +100,7 @@ void add_serve(CLI::App &app, Context &context)
     command->add_option("--token-file", arguments->token_file, "file that holds the text")
         ->type_name("FILE")
         ->excludes(token);
-    command
-        ->add_option("--qm5osd", options.program,
-                     "the application's file, or its name in PATH at the start")
+    command->add_option("--qm5osd", options.program, "the application's file, or its name in PATH")
         ->type_name("FILE")
         ->capture_default_str();
     command

@@ -7,8 +7,11 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <regex>
+#include <sys/file.h>
+#include <unistd.h>
 
 namespace
 {
@@ -21,6 +24,9 @@ class LiveDemo : public testing::Test
 protected:
     void SetUp() override
     {
+        // The demo writes to a folder of the build, which has room for one.
+        turn_ = open(QM5OSD_BUILT, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ASSERT_EQ(flock(turn_, LOCK_EX), 0);
         adopt_orphans();
         setenv("QM5OSD_BUILD", QM5OSD_BUILT, 1);
         setenv("QM5OSD_PORT", "0", 1);
@@ -31,14 +37,18 @@ protected:
         unsetenv("QM5OSD_BUILD");
         unsetenv("QM5OSD_PORT");
         fs::remove_all(fs::path(QM5OSD_BUILT) / "demo");
+        close(turn_);
     }
+
+private:
+    int turn_ = -1;
 };
 
 // Starts the demo and waits for all that it prints.
 class Demo
 {
 public:
-    Demo() : process_({"/bin/bash", QM5OSD_DEMO, "--live"})
+    Demo() : process_({"/usr/bin/setsid", "/bin/bash", QM5OSD_DEMO, "--live"})
     {
         EXPECT_TRUE(wait_until([&] {
             printed_ = printed_by(process_);
@@ -84,9 +94,10 @@ public:
              "cd / && " + find("For commands of your own: (export [^\n]*)\n") + " && " + line});
     }
 
+    // As Ctrl-C at its terminal does.
     void interrupt() const
     {
-        kill(process_.pid(), SIGINT);
+        kill(-process_.pid(), SIGINT);
     }
 
     Ended wait()
@@ -156,7 +167,9 @@ TEST_F(LiveDemo, takes_everything_down_also_if_it_is_interrupted_again)
 {
     Demo demo;
     demo.set_zone("EAST-9");
-    EXPECT_EQ(demo.run_in_shell("qm5sim fault add close_device next delay 2000").status, 0);
+    constexpr std::chrono::seconds delay{5};
+    EXPECT_EQ(demo.run_in_shell("qm5sim fault add close_device next delay 5000").status, 0);
+    const auto begin = std::chrono::steady_clock::now();
     demo.interrupt();
     EXPECT_TRUE(wait_until([&] {
         try {
@@ -168,6 +181,7 @@ TEST_F(LiveDemo, takes_everything_down_also_if_it_is_interrupted_again)
     }));
     demo.interrupt();
     expect_gone(demo);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, delay) << "the server hasn't been stopped";
     expect_no_zone();
 }
 

@@ -380,14 +380,16 @@ TEST_F(LiveApplication, tells_why_a_program_can_not_be_started)
                          "/tmp/work/none: No such file or directory"));
 }
 
-TEST_F(LiveApplication, is_found_in_the_path_when_the_server_begins)
+TEST_F(LiveApplication, is_found_in_the_path_of_the_server)
 {
-    const std::string file = make_program("#!/bin/sh\necho found\n");
     program_ = "program";
     const std::string path = getenv("PATH");
     setenv("PATH", ("/tmp/work:" + path).c_str(), 1);
     serve();
     setenv("PATH", path.c_str(), 1);
+    EXPECT_TRUE(is_error(change("POST", "/api/application", R"({"function":"status"})"), 500,
+                         "program: No such file or directory"));
+    const std::string file = make_program("#!/bin/sh\necho found\n");
     const Json done = run({{"function", "status"}});
     EXPECT_EQ(done["command"], shown_command(file, "status"));
     EXPECT_EQ(done["output"], "found\n");

@@ -80,11 +80,13 @@ TEST(ConformanceProgram, library_that_goes_wrong_as_posts_change_fails_a_test)
     } rows[] = {
         {"notify 2 double post 3", "each_post_that_closes_and_opens_is_told_once",
          "running, closed, opened"},
+        {"notify 3 double post 3", "each_post_that_closes_and_opens_is_told_once",
+         "running, closed, opened"},
         {"notify 3 double post 1", "each_post_that_closes_and_opens_is_told_once",
          "running, closed, opened"},
         {"open_osd 9 fail refused", "post_may_close_and_open_during_any_call",
          "-1, errno 0x81E03246"},
-        {"get_osd_mem 9 size 4", "post_may_close_and_open_during_any_call", "osd.size"},
+        {"get_osd_mem every size 4", "post_may_close_and_open_during_any_call", "osd.size"},
         {"notify 5 double post 0", "post_may_close_and_open_during_any_call", "2 * CHANGES"},
     };
     setenv("QM5SIM_STATE", "/tmp/codec", 1);
