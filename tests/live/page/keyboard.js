@@ -9,15 +9,18 @@ export async function tabTo(stage, selector) {
     for (let pressed = 0; pressed < 200; pressed++) {
         await stage.page.keyboard.press('Tab');
         const found = await stage.page.evaluate(async (wanted) => {
-            for (let frame = 0; frame < 2; frame++) // what comes meanwhile has its place by then
-                await new Promise((resolve) => requestAnimationFrame(resolve));
             const active = document.activeElement;
             const shown = active.matches('.button input') ? active.parentElement : active;
             const {outlineStyle, outlineWidth} = getComputedStyle(shown);
-            const {left, right, top, bottom} = shown.getBoundingClientRect();
-            const hit = document.elementFromPoint(
-                (Math.max(left, 0) + Math.min(right, innerWidth)) / 2,
-                (Math.max(top, 0) + Math.min(bottom, innerHeight)) / 2);
+            let hit = null;
+            // What comes meanwhile may cover it for a frame.
+            for (let frame = 0; frame < 2 || (frame < 20 && !shown.contains(hit)); frame++) {
+                await new Promise((resolve) => requestAnimationFrame(resolve));
+                const {left, right, top, bottom} = shown.getBoundingClientRect();
+                hit = document.elementFromPoint(
+                    (Math.max(left, 0) + Math.min(right, innerWidth)) / 2,
+                    (Math.max(top, 0) + Math.min(bottom, innerHeight)) / 2);
+            }
             return {
                 isHit: shown.contains(hit),
                 hit: hit?.outerHTML.slice(0, 200),
