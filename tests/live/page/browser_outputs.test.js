@@ -40,6 +40,25 @@ test('a date that the form switches on comes into the picture', async (t) => {
     await stage.shot('date');
 });
 
+test('the inspector tells of a slot what the codec has', async (t) => {
+    const stage = await Stage.open(t);
+    await stage.startApplication();
+    const options = ['Rectangle3On=1', 'Osd3ColorType=1', 'Osd3X=200', 'Osd3Y=40', 'Osd3W=300',
+                     'Osd3H=60'].map((option) => `--Post2${option}`);
+    assert.equal(stage.osd('update', ...options).status, 0);
+    const rows = stage.page.locator('#slots-rows tr');
+    await until(async () => await rows.count() === 1, 'the rectangle is there');
+    const {handle} = JSON.parse(stage.sim('state', '--json').stdout).posts[2].osds
+        .find((osd) => osd.number === 3);
+    const cells = await rows.locator('td').allInnerTexts();
+    assert.match(cells.pop(), /^\d\d:\d\d:\d\d/);
+    assert.deepEqual(cells, ['3', 'Rectangle 3', '16 colours, 4 bits', `0x${handle.toString(16)}`,
+                             '300 × 60', '160', '320', '9600', '200, 40', '1']);
+
+    assert.equal(stage.osd('update', '--Post2Osd3X=8').status, 0);
+    await stage.text('#slots-rows [data-column="shown"]', '8, 40');
+});
+
 const ALL_TEXTS = ['DateOn=1', 'TypeOn=1', 'StringOn=1', 'String=side by side'];
 
 test('texts and rectangles of all posts are composed as the tool does', async (t) => {
