@@ -41,6 +41,13 @@ test('parameters are saved, loaded, compared and applied', async (t) => {
     await stage.page.locator('#file-outcome.good').waitFor();
     assert.equal(stage.inForce('Post1String'), 'saved');
     await stage.showsSnapshot(1);
+
+    assert.equal(stage.osd('update', '--Post1String=other').status, 0);
+    await stage.text('#file-verdict', '1 difference.');
+    await stage.click('#file-restart');
+    await stage.text('#file-verdict', 'It says nothing else than what is in force.');
+    await stage.text('#commands li:last-child', / restart /);
+    assert.equal(stage.inForce('Post1String'), 'saved');
 });
 
 test('a comparison that comes late is dropped', async (t) => {
