@@ -69,10 +69,25 @@ TEST_F(Scripts, checks_refuse_a_kernel_without_emulators_of_a_namespace_at_once)
     }
 }
 
+TEST_F(Scripts, package_refuses_a_machine_that_cant_tell_what_programs_depend_on)
+{
+    fs::create_symlink("/usr/bin/env", tree_ / "stubs/env");
+    setenv("PATH", (tree_ / "stubs").c_str(), 1);
+    for (const std::string missing : {"dpkg-shlibdeps", "file"}) {
+        const Ended ended = script("package");
+        EXPECT_EQ(ended.status, 1);
+        EXPECT_EQ(ended.out, "");
+        EXPECT_EQ(ended.err, "package: " + missing + ": it is not installed\n");
+        stub("stubs/" + missing, "exit 0");
+    }
+}
+
 TEST_F(Scripts, package_takes_nothing_from_the_callers_environment)
 {
     stub("scripts/arm-sysroot", "exit 0");
     stub("stubs/cmake", "echo \"$*\" >>/tmp/tree/configured");
+    stub("stubs/dpkg-shlibdeps", "exit 0");
+    stub("stubs/file", "exit 0");
     stub("stubs/cpack", "{ env; echo UMASK=$(umask); } >/tmp/tree/environment");
     const std::map<std::string, std::string> before = {
         {"CFLAGS", "-g"},
