@@ -85,20 +85,21 @@ void sim_check_zero(sim_operation operation, const char *name, const void *recor
         sim_breach(operation, "%s: not all zero before the call", name);
 }
 
-static bool sim_was_res_id(std::uint32_t res_id)
+// Was this one of those that are counted from `first` on, of which `last` were given out?
+static bool sim_was_given(std::uint32_t id, std::uint32_t first, std::uint32_t last)
 {
-    return res_id > SIM_FIRST_RES_ID && res_id <= SIM_FIRST_RES_ID + sim->last_res_id;
+    return id > first && id <= first + last;
 }
 
 static bool sim_was_handle(std::uint32_t handle)
 {
-    return handle > SIM_FIRST_HANDLE && handle <= SIM_FIRST_HANDLE + sim->last_handle;
+    return sim_was_given(handle, SIM_FIRST_HANDLE, sim->last_handle);
 }
 
 void sim_check_res_id(sim_operation operation, std::uint32_t res_id)
 {
     // An application that has been told by an errno that the thread is gone may go on with 0.
-    if (res_id != 0 && !sim_was_res_id(res_id))
+    if (res_id != 0 && !sim_was_given(res_id, SIM_FIRST_RES_ID, sim->last_res_id))
         sim_breach(operation, "resource ID 0x%08X: there has never been one", res_id);
 }
 

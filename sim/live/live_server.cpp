@@ -148,10 +148,10 @@ void serve(const Options &options)
 {
     const fs::path folder = fs::absolute(options.folder);
     const fs::path log = options.log.empty() ? folder / "server.log" : fs::absolute(options.log);
-    setenv("QM5SIM_STATE", folder.c_str(), 1);         // the application works on the same codec
-    const sim_reader::Descriptor stop(open_signals()); // before any thread begins
     const std::string address = options.address == "localhost" ? "127.0.0.1" : options.address;
+    setenv("QM5SIM_STATE", folder.c_str(), 1); // the application works on the same codec
 
+    const sim_reader::Descriptor stop(open_signals()); // before any thread begins
     HttpServer server(address, options.port, HEADERS);
     const Guards guards(is_loopback(address), server.port(), options.token);
     Application application(options.program, folder, log, stop.get());

@@ -117,6 +117,14 @@ protected:
         EXPECT_EQ(reader.next().name, "reports");
     }
 
+    // Where a page stands that has read all there is, and has gone.
+    std::string position_now() const
+    {
+        EventReader reader = events();
+        pass_beginning(reader);
+        return reader.last_id();
+    }
+
     // The text of reports until it has this length, behind what has come already.
     static std::string read_reports(EventReader &reader, std::size_t size, std::string text = "")
     {
@@ -399,12 +407,7 @@ TEST_F(LiveEvents, begin_anew_after_another_record_or_log)
     write_file(log_file(), "two\n");
     // One that stays learns of it; one that comes back later does, too.
     EXPECT_EQ(Json::parse(reader.next("calls").data)["reset"], true);
-    std::string old_id;
-    {
-        EventReader other = events();
-        pass_beginning(other);
-        old_id = other.last_id();
-    }
+    const std::string old_id = position_now();
     begin_record(21, 22);
     EXPECT_EQ(Json::parse(reader.next("calls").data)["calls"][0]["thread"], 21);
     EventReader again = events(old_id);
@@ -419,12 +422,7 @@ TEST_F(LiveEvents, take_a_position_that_makes_no_sense_for_none)
     begin_record(1, 5);
     write_file(log_file(), "one\n");
     serve();
-    std::string id;
-    {
-        EventReader reader = events();
-        pass_beginning(reader);
-        id = reader.last_id();
-    }
+    const std::string id = position_now();
     const std::string start = id.substr(0, id.find('-') + 1);
     for (const std::string &last_id :
          {std::string("x"), std::string("0"), id + "0x", id + "-1", start, start + "1-7-1-99",
