@@ -1,10 +1,12 @@
 // How much memory of its own the server has after an hour with all texts on four open posts: what
-// it and FreeType have allocated, and how deep its stack has been, while FreeType draws letters and
-// while none has to be drawn. The hour is simulated: a pass for each of its seconds. The memory of
-// the pictures is the codec library's.
+// it and FreeType have allocated, and how deep its stack has been, while it reads a parameter file,
+// while FreeType draws letters, and in the passes after. The hour begins with an update, as each
+// server's does, and is simulated: a pass for each of its seconds. The memory of the pictures is
+// the codec library's.
 //
 // Static data comes on top: the sections .data and .bss of the executable and of FreeType.
 #include "server/callback.h"
+#include "server/channel.h"
 #include "server/main_loop.h"
 #include "support/open_posts.h"
 
@@ -158,24 +160,52 @@ void set_clock(int seconds)
         std::abort();
 }
 
-void open_four_posts()
+// What a client writes for an update: all parameters, with a font and a string for each post.
+void write_parameters()
 {
     using support::make_pair;
     constexpr const char *string = "qm5osd user string!!";
-    support::open_posts(4, {make_pair("OsdFontFile", QM5OSD_FONT), make_pair("Post0String", string),
-                            make_pair("Post1String", string), make_pair("Post2String", string),
-                            make_pair("Post3String", string)});
+    param_section *section = osd_get_default_section();
+    for (const param_parampair &pair :
+         {make_pair("OsdFontFile", QM5OSD_FONT), make_pair("Post0String", string),
+          make_pair("Post1String", string), make_pair("Post2String", string),
+          make_pair("Post3String", string)}) {
+        if (param_section_search_set_parampair(section, &pair) != 0)
+            std::abort();
+    }
+    if (param_section_write_file(section, OSD_TMP_PARAM) != 0)
+        std::abort();
+    param_section_free(section);
+}
+
+[[gnu::noinline]] void update(int request_fd, int client_fd)
+{
+    const std::uint32_t word = osd_update_word((1 << OSD_POSTS) - 1);
+    if (write(client_fd, &word, sizeof word) != sizeof word ||
+        osd_do_request(request_fd) != OSD_REQUEST_OWED)
+        std::abort();
+}
+
+void open_four_posts()
+{
     for (osd_post &post : osd_state.post) {
+        post.res_id = static_cast<std::uint32_t>(1 + &post - osd_state.post);
+        post.callback_state = OSD_CALLBACK_OPEN;
         for (osd_rect &rect : post.rect)
             rect.mode = OSD_MODE_TEXT;
-        post.refresh_all = 1;
     }
 }
 
-void print(const char *what, const Heap &own)
+// What each owner has taken since, now and at the most.
+void print_since(const Heap (&before)[OWNERS])
 {
-    std::printf("%-22s %6zu bytes in %3zu blocks, at the most %6zu bytes\n", what, own.bytes,
-                own.blocks, own.most);
+    const char *names[OWNERS] = {"the application's heap", "libc's", "FreeType's",
+                                 "(the pictures')"};
+    for (int owner = 0; owner < OWNERS; owner++)
+        std::printf("%-22s %6zu bytes in %3zu blocks, at the most %6zu bytes\n", names[owner],
+                    heap[owner].bytes - before[owner].bytes,
+                    heap[owner].blocks - before[owner].blocks,
+                    heap[owner].most - before[owner].bytes);
 }
 
 } // namespace
@@ -183,30 +213,42 @@ void print(const char *what, const Heap &own)
 int main()
 {
     int request[2];
+    static char lines[BUFSIZ]; // else libc would take them from its heap
+    setvbuf(stdout, lines, _IOFBF, sizeof lines);
     setenv("TZ", "UTC0", 1);
+    if (access(OSD_TMP_PARAM, F_OK) == 0) {
+        std::fprintf(stderr, "memory: %s: it is a server's\n", OSD_TMP_PARAM);
+        return 1;
+    }
     if (pipe2(request, O_NONBLOCK) != 0)
         return 1;
-    std::printf(
-        "after an hour with all texts on four posts\n"); // libc's buffer is there from now on
-    const Heap before[OWNERS] = {heap[APPLICATION], heap[LIBC], heap[FREETYPE]};
+    write_parameters();
+
+    Heap before[OWNERS];
+    std::copy_n(heap, OWNERS, before);
+    for (Heap &own : heap)
+        own.most = own.bytes;
     paint_stack();
+    update(request[0], request[1]);
+    const std::size_t stack_of_update = deepest_stack();
+    unlink(OSD_TMP_PARAM);
+
     open_four_posts();
+    paint_stack();
     int second = 0;
     while (second < 2) // the second draws the first time that is shown
         pass(second++, request[0]);
     const std::size_t stack_with_letters = deepest_stack();
+
     paint_stack();
     while (second < 3600)
         pass(second++, request[0]);
     const std::size_t stack = deepest_stack();
-    const char *names[OWNERS] = {"the application's heap", "libc's", "FreeType's",
-                                 "(the pictures')"};
-    for (int owner = 0; owner < OWNERS; owner++) {
-        heap[owner].blocks -= before[owner].blocks;
-        heap[owner].bytes -= before[owner].bytes;
-        print(names[owner], heap[owner]);
-    }
-    std::printf("the stack              %6zu bytes at the most, %6zu while letters are drawn\n",
-                stack, stack_with_letters);
+
+    std::printf("after an hour with all texts on four posts\n");
+    print_since(before);
+    std::printf("the stack              %6zu bytes at the most, %6zu while a file is read, %6zu "
+                "while letters are drawn\n",
+                stack, stack_of_update, stack_with_letters);
     return 0;
 }
