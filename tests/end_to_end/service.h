@@ -81,6 +81,12 @@ protected:
         return "there is no " + key;
     }
 
+    // Lines for the common parameter file, behind those that it has.
+    static void add_to_common(const std::string &lines)
+    {
+        write_file(APPLIANCE_COMMON, read_file(APPLIANCE_COMMON) + lines);
+    }
+
     // Shorter waits than the script's own, for those that have to come to their end.
     static void set_limit(int seconds)
     {

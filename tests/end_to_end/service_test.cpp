@@ -214,6 +214,24 @@ TEST_F(Service, stops_without_settings_for_a_removal)
     EXPECT_TRUE(support::processes_of(executable_).empty());
 }
 
+TEST_F(Service, nothing_is_changed_without_the_lock)
+{
+    write_file(APPLIANCE_SAVED, "[osd]\nPost0TypeOn=1\n");
+    expect_good(service("start"));
+    const pid_t before = server();
+    put_first_in_path("flock", "exit 1"); // as if another command had it
+    for (const char *word : {"stop", "restart", "save"}) {
+        const Ended ended = service(word);
+        EXPECT_EQ(ended.status, 7);
+        EXPECT_EQ(ended.err, "qm5osd: /var/lock/qm5osd.lock: it can't be had\n");
+    }
+    EXPECT_EQ(server(), before);
+    EXPECT_EQ(read_file(APPLIANCE_SAVED), "[osd]\nPost0TypeOn=1\n");
+    EXPECT_EQ(tool({"stop"}).status, 0);
+    EXPECT_EQ(service("start").status, 7);
+    EXPECT_EQ(service("status").status, 3);
+}
+
 TEST_F(Service, limit_that_is_no_number_is_refused)
 {
     for (const std::string limit : {"0", "abc", "", "08", "-1"}) {
@@ -312,6 +330,8 @@ TEST_F(Service, try_restart_and_force_reload_start_no_server)
 
 TEST_F(Service, saved_parameters_that_are_refused_dont_keep_the_server_from_running)
 {
+    sim({"post", "0", "open", "720x576"});
+    add_to_common("Post0StringOn=1\nPost0String=common\n");
     write_file(APPLIANCE_SAVED, "[osd]\nPost0TypeOn=1\nPost0DateOn=2\n");
     const Ended started = service("start");
     EXPECT_EQ(started.status, 0);
@@ -321,6 +341,43 @@ TEST_F(Service, saved_parameters_that_are_refused_dont_keep_the_server_from_runn
     EXPECT_TRUE(started.err.ends_with("qm5osd: /opt/qm5/conf/saved.conf: it was refused, so the "
                                       "server runs without it; see /var/log/qm5osd.log\n"));
     EXPECT_EQ(in_force("Post0TypeOn"), "0");
+    EXPECT_TRUE(shows(0, [](const auto &post) { return support::count_shown(post) == 1; }));
+    expect_good(service("stop"));
+}
+
+TEST_F(Service, start_tells_of_common_parameters_that_cant_be_shown)
+{
+    sim({"post", "0", "open", "720x576"});
+    sim({"fault", "add", "set_osd", "every", "fail", "refused", "post", "0"});
+    add_to_common("Post0TimeOn=1\n");
+    const std::string why =
+        "qm5osd: the server runs, but can't show what it is to; see /var/log/qm5osd.log\n";
+    for (const bool saved : {false, true}) {
+        if (saved)
+            write_file(APPLIANCE_SAVED, "[osd]\nPost0DateOn=2\n");
+        const Ended started = service("start");
+        EXPECT_EQ(started.status, 0);
+        EXPECT_TRUE(started.err.ends_with("]=failed to update server(osd_update)\n"
+                                          "ERR:#qm5osd:[update]=update osd failed(main)\n" +
+                                          why))
+            << started.err;
+        EXPECT_EQ(service("status").status, 0);
+        expect_good(service("stop"));
+    }
+}
+
+TEST_F(Service, start_tells_of_a_server_that_takes_too_long_for_the_common_parameters)
+{
+    set_limit(4);
+    sim({"post", "0", "open", "720x576"});
+    sim({"fault", "add", "open_osd", "next", "delay", "12000"});
+    add_to_common("Post0TypeOn=1\n");
+    const Ended started = service("start");
+    EXPECT_EQ(started.status, 0);
+    EXPECT_EQ(started.err, "qm5osd: /opt/qm5/conf/qm5_app_comm.conf: the server doesn't take it "
+                           "within 4 seconds; see /var/log/qm5osd.log\n");
+    EXPECT_TRUE(shows(0, [](const auto &post) { return support::count_shown(post) == 1; }));
+    set_limit(20);
     expect_good(service("stop"));
 }
 
@@ -424,10 +481,11 @@ TEST_F(Service, server_that_takes_long_to_come_up_is_waited_for)
 
 TEST_F(Service, server_outlives_a_start_that_waits_too_long_for_its_reply)
 {
-    set_limit(6);
+    // The delay begins two seconds behind the start, and leaves the second try most of its limit.
+    set_limit(12);
     write_file(APPLIANCE_SAVED, "[osd]\nPost0TypeOn=1\n");
     sim({"post", "0", "open", "720x576"});
-    sim({"fault", "add", "open_osd", "next", "delay", "7000"});
+    sim({"fault", "add", "open_osd", "next", "delay", "11000"});
     expect_good(service("start"));
     EXPECT_EQ(in_force("Post0TypeOn"), "1");
     EXPECT_TRUE(shows(0, [](const auto &post) { return support::count_shown(post) == 1; }));

@@ -8,6 +8,7 @@ namespace support
 
 constexpr const char *APPLIANCE_PROGRAM = "/opt/qm5/osd/bin/qm5osd";
 constexpr const char *APPLIANCE_SERVICE = "/opt/qm5/osd/bin/qm5osd-service";
+constexpr const char *APPLIANCE_COMMON = "/opt/qm5/conf/qm5_app_comm.conf";
 constexpr const char *APPLIANCE_SAVED = "/opt/qm5/conf/saved.conf";
 constexpr const char *APPLIANCE_LOG = "/var/log/qm5osd.log";
 constexpr const char *APPLIANCE_LOCK = "/var/lock/qm5osd.lock";
