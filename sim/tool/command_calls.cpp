@@ -238,7 +238,8 @@ void add_calls(CLI::App &app, Context &context)
     command->add_flag("--follow", arguments->follow,
                       "go on as calls come, until SIGINT or SIGTERM");
     add_call_number(command, "--from", arguments->from, "number of the first call to print");
-    command->add_option("--file", arguments->file, "record to read, instead of the state folder's");
+    command->add_option("--file", arguments->file, "record to read, instead of the state folder's")
+        ->type_name("FILE");
     command->callback([&context, arguments] {
         context.action = [&context, arguments] { calls(context, *arguments); };
     });

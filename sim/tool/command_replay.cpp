@@ -45,8 +45,10 @@ void add_replay(CLI::App &app, Context &context)
     command->add_option("--post", arguments->post, "number of the post")
         ->required()
         ->check(CLI::Range(0u, SIM_POSTS - 1));
-    command->add_option("--file", arguments->file,
-                        "record to read, with FILE.data, instead of the state folder's");
+    command
+        ->add_option("--file", arguments->file,
+                     "record to read, with FILE.data, instead of the state folder's")
+        ->type_name("FILE");
     command->callback([&context, arguments] {
         context.action = [&context, arguments] { replay(context, *arguments); };
     });
