@@ -82,6 +82,21 @@ TEST_F(Scripts, package_refuses_a_machine_that_cant_tell_what_programs_depend_on
     }
 }
 
+TEST_F(Scripts, release_installs_what_it_takes_before_it_calls_it)
+{
+    stub("stubs/id", "echo 0");
+    stub("stubs/dpkg-query",
+         "for package; do :; done\n[ \"$package\" = git ] || echo install ok installed");
+    stub("stubs/apt-get", "echo \"$*\" >>/tmp/tree/installed");
+    stub("stubs/git", "exit 128"); // of a folder that is no clone
+    const Ended ended = script("release");
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.out, "== Installing git\n");
+    EXPECT_EQ(ended.err, "release: /tmp/tree: it is no clone\n");
+    EXPECT_EQ(read_file(tree_ / "installed"),
+              "update -qq\ninstall -y -qq --no-install-recommends git\n");
+}
+
 TEST_F(Scripts, package_takes_nothing_from_the_callers_environment)
 {
     stub("scripts/arm-sysroot", "exit 0");
