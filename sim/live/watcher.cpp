@@ -172,7 +172,7 @@ void Watcher::look_around()
 {
     facts_.device_open = is_device_open();
     facts_.shown = facts_.state.value_or(sim_state{});
-    if (!facts_.device_open)
+    if (!facts_.device_open && !facts_.state_error) // else nothing is known of the posts
         sim_reader::follow_sizes(folder_, facts_.shown);
     facts_.running = is_server_running();
     for (unsigned i = 0; i < SIM_POSTS; i++) {

@@ -140,6 +140,7 @@ TEST_F(LiveState, passes_over_files_that_make_no_sense)
               "/tmp/codec/state: no state of a simulated codec, or of another version");
     EXPECT_EQ(state["posts"][0]["wanted"], nullptr);
     EXPECT_EQ(state["posts"][1]["wanted"], "closed");
+    EXPECT_EQ(state["posts"][2]["open"], false); // which nobody knows
     EXPECT_EQ(state["faults"]["error"], "/tmp/codec/faults:1: not ID OPERATION WHEN EFFECT");
     EXPECT_TRUE(is_error(get("/api/posts/0/osds/0"), 409,
                          "/tmp/codec/state: no state of a simulated codec, or of another version"));

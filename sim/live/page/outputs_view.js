@@ -64,6 +64,14 @@ export function paint({picture, layers}, guides, thick) {
     return new ImageData(marked.rgba, width, height);
 }
 
+// What the head of a post says of its size.
+export function sizeOf({state_error: error, posts}, number) {
+    const {open, width, height} = posts[number];
+    if (open)
+        return `${width} × ${height}`;
+    return error ? 'not known' : 'no thread';
+}
+
 // Why there is no picture of a post that isn't open.
 export function whyEmpty(state, number) {
     return state.state_error ? 'What is shown cannot be told.' : `Post ${number} has no thread.`;
@@ -170,7 +178,7 @@ class PostView {
     showState() {
         const p = this.#parts;
         const post = this.#post;
-        setText(p.size, post.open ? `${post.width} × ${post.height}` : 'no thread');
+        setText(p.size, sizeOf(this.#live.state, this.#number));
         p.canvas.hidden = !post.open;
         p.empty.hidden = post.open;
         setText(p.empty, whyEmpty(this.#live.state, this.#number));

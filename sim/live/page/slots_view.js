@@ -47,7 +47,8 @@ export class SlotsView {
             return osds.filter((osd) => withClosed || osd.handle)
                 .map((osd, at) => ({post, osd, isFirst: at === 0}));
         });
-        showText(find('#slots-empty'), rows.length > 0 ? '' : 'No OSD is open.');
+        const none = this.#live.state.state_error ? 'Not known.' : 'No OSD is open.';
+        showText(find('#slots-empty'), rows.length > 0 ? '' : none);
         find('#slots-scroll').hidden = rows.length === 0;
         const keyOf = ({post, osd}) => `${post.number}/${osd.number}`;
         syncRows(find('#slots-rows'), rows, keyOf, makeRow,

@@ -123,7 +123,7 @@ export class StatusView {
         setLamp('breaches', state.breaches > 0 ? breaches : '', 'bad');
         this.#tell('breaches', `${breaches} of the contract.`);
         this.#tell('application', running ? 'The server runs.' : 'No server runs.');
-        for (const post of state.posts) {
+        for (const post of state.state_error ? [] : state.posts) {
             const size = post.open ? `has ${post.width} by ${post.height}` : 'has no thread';
             this.#tell(`post${post.number}`, `Post ${post.number} ${size}.`);
         }

@@ -4,7 +4,7 @@
 import {element, find, oncePerFrame, setOff, setText, showText} from './dom.js';
 import {colorCode, colorStyle} from './format.js';
 import {announce} from './announce.js';
-import {paint, whyEmpty, whyStale} from './outputs_view.js';
+import {paint, sizeOf, whyEmpty, whyStale} from './outputs_view.js';
 import {areaOf, commonArea, isEmpty, probe, wholeArea} from './picture.js';
 import {modeName, modeOf, POSTS} from './slots.js';
 
@@ -172,8 +172,7 @@ export class ZoomView {
     #showHead() {
         if (this.#post === null)
             return;
-        const post = this.#live.state.posts[this.#post];
-        const size = post.open ? `${post.width} × ${post.height}` : 'no thread';
+        const size = sizeOf(this.#live.state, this.#post);
         setText(find('#zoom-heading'), `Post ${this.#post}, ${POSTS[this.#post]}: ${size}`);
         this.#canvas.setAttribute('aria-label', `Pixels of post ${this.#post}`);
         [...find('#zoom-posts').children].forEach((button, number) => {

@@ -511,9 +511,13 @@ test('a state that makes no sense is told in place of its pictures', async (t) =
     await stage.text('#notices', /The state of the codec cannot be shown: .*\/state: /);
     await stage.text('#announcements', /The state of the codec cannot be shown: /);
     await stage.text('#post-2 .empty', 'What is shown cannot be told.');
+    await stage.text('#post-2 .post-size', 'not known');
+    await stage.text('#slots-empty', 'Not known.');
+    assert.equal(await stage.page.locator('canvas:visible').count(), 0);
     await stage.checkAccessibility('a state that makes no sense');
     writeFileSync(file, good);
     await stage.text('#notices', /^No server runs\./);
+    await stage.text('#post-2 .post-size', '640 × 360');
 });
 
 test('what was set before the page is told as that', async (t) => {

@@ -176,14 +176,16 @@ export class Stage {
 
     // ---- The page ------------------------------------------------------------------------------
 
-    // Waits until an element has this text, or one that matches.
+    // Waits until an element has this text, or one that matches. A hidden one has none, but for one
+    // behind another tab.
     async text(selector, expected) {
         const target = this.page.locator(selector);
         const fits = (text) => (expected instanceof RegExp ? expected.test(text)
                                                            : text === expected);
         let last = '';
         await until(async () => {
-            last = (await target.textContent()).trim();
+            last = await target.evaluate((element) =>
+                (element.hidden ? '' : element.textContent.trim()));
             return fits(last);
         }, `${selector} is to say ${expected}`).catch((error) => {
             throw new Error(`${error.message}, but says: ${last}`);
