@@ -1,10 +1,11 @@
 // How much memory of its own the server has after an hour with all texts on four open posts: what
 // it and FreeType have allocated, and how deep its stack has been, while it reads a parameter file,
-// while FreeType draws letters, and in the passes after. The hour begins with an update, as each
-// server's does, and is simulated: a pass for each of its seconds. The memory of the pictures is
-// the codec library's.
+// while FreeType draws letters, and in the passes after. As any server's, the hour begins with the
+// opening of the posts and then an update, that of `start`. It is simulated: a pass for each of its
+// seconds. The memory of the pictures is the codec library's.
 //
-// Static data comes on top: the sections .data and .bss of the executable and of FreeType.
+// Static data comes on top: sections of the executable and of the libraries.
+#include "cli/options.h"
 #include "server/callback.h"
 #include "server/channel.h"
 #include "server/main_loop.h"
@@ -17,6 +18,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <string>
 #include <unistd.h>
 
 // ---- Allocations --------------------------------------------------------------------------------
@@ -160,22 +162,37 @@ void set_clock(int seconds)
         std::abort();
 }
 
-// What a client writes for an update: all parameters, with a font and a string for each post.
+void set(param_section *section, const std::string &key, const char *value)
+{
+    const param_parampair pair = support::make_pair(key.c_str(), value);
+    if (param_section_search_set_parampair(section, &pair) != 0)
+        std::abort();
+}
+
+// What the client writes for the update of a `start`: all parameters, with a font, and all texts of
+// all posts.
 void write_parameters()
 {
-    using support::make_pair;
-    constexpr const char *string = "qm5osd user string!!";
     param_section *section = osd_get_default_section();
-    for (const param_parampair &pair :
-         {make_pair("OsdFontFile", QM5OSD_FONT), make_pair("Post0String", string),
-          make_pair("Post1String", string), make_pair("Post2String", string),
-          make_pair("Post3String", string)}) {
-        if (param_section_search_set_parampair(section, &pair) != 0)
-            std::abort();
+    set(section, "OsdFontFile", QM5OSD_FONT);
+    for (const std::string post : {"Post0", "Post1", "Post2", "Post3"}) {
+        for (const char *text : {"DateOn", "TimeOn", "TypeOn", "StringOn"})
+            set(section, post + text, "1");
+        set(section, post + "String", "qm5osd user string!!");
     }
     if (param_section_write_file(section, OSD_TMP_PARAM) != 0)
         std::abort();
     param_section_free(section);
+}
+
+// The options of the `start` that has forked the server stay in its memory.
+void take_options()
+{
+    static char start[] = "start", option[] = "-f", file[] = "saved.conf";
+    static char *words[] = {start, option, file, nullptr};
+    static osd_options options;
+    if (osd_get_start_option(3, words, &options) != 0)
+        std::abort();
 }
 
 [[gnu::noinline]] void update(int request_fd, int client_fd)
@@ -184,16 +201,6 @@ void write_parameters()
     if (write(client_fd, &word, sizeof word) != sizeof word ||
         osd_do_request(request_fd) != OSD_REQUEST_OWED)
         std::abort();
-}
-
-void open_four_posts()
-{
-    for (osd_post &post : osd_state.post) {
-        post.res_id = static_cast<std::uint32_t>(1 + &post - osd_state.post);
-        post.callback_state = OSD_CALLBACK_OPEN;
-        for (osd_rect &rect : post.rect)
-            rect.mode = OSD_MODE_TEXT;
-    }
 }
 
 // What each owner has taken since, now and at the most.
@@ -228,15 +235,18 @@ int main()
     std::copy_n(heap, OWNERS, before);
     for (Heap &own : heap)
         own.most = own.bytes;
+    take_options();
+    support::open_posts(OSD_POSTS, {support::make_pair("OsdFontFile", QM5OSD_FONT)});
+    int second = 0;
+    while (second < 2) // the first opens the storage's post alone
+        pass(second++, request[0]);
     paint_stack();
     update(request[0], request[1]);
     const std::size_t stack_of_update = deepest_stack();
     unlink(OSD_TMP_PARAM);
 
-    open_four_posts();
     paint_stack();
-    int second = 0;
-    while (second < 2) // the second draws the first time that is shown
+    while (second < 4) // the second of them draws the first time that is shown
         pass(second++, request[0]);
     const std::size_t stack_with_letters = deepest_stack();
 

@@ -196,11 +196,11 @@ TEST_F(Delivery, document_tells_the_size_and_the_static_data)
     fs::remove("/tmp/stripped");
 
     const Set data = {".data", ".bss"};
-    const Set filled = {".init_array", ".fini_array", ".data.rel.ro", ".dynamic", ".got"};
+    const Set tables = {".init_array", ".fini_array", ".data.rel.ro", ".dynamic", ".got"};
     expect_told("the application's static data (`.data` and `.bss`) |",
                 {size_of_sections(delivered_, data)});
-    expect_told("the application's tables that the loader fills |",
-                {size_of_sections(delivered_, filled)});
+    expect_told("the application's tables for the loader |",
+                {size_of_sections(delivered_, tables)});
 
     const std::string root = getenv("QEMU_LD_PREFIX") + std::string("/lib/arm-linux-gnueabi/");
     const std::string usr = getenv("QEMU_LD_PREFIX") + std::string("/usr/lib/arm-linux-gnueabi/");
@@ -217,10 +217,10 @@ TEST_F(Delivery, document_tells_the_size_and_the_static_data)
     double loaders = 0;
     for (const std::string &file : libraries) {
         own += size_of_sections(file, data);
-        loaders += size_of_sections(file, filled);
+        loaders += size_of_sections(file, tables);
     }
     expect_told("FreeType's static data, with that of its libraries (`.data` and `.bss`) |", {own});
-    expect_told("FreeType's tables that the loader fills, with those of the same |", {loaders});
+    expect_told("FreeType's tables for the loader, with those of the same |", {loaders});
 }
 
 TEST_F(Delivery, document_tells_the_memory_after_an_hour)
