@@ -234,6 +234,7 @@ TEST(SimCompletion, offers_posts_and_what_is_done_to_them)
     EXPECT_EQ(sim_offers({"snapshot", ""}), posts);
     EXPECT_EQ(sim_offers({"snapshot", "0", "--osd", ""}), posts);
     EXPECT_EQ(sim_offers({"replay", "--post", ""}), posts);
+    EXPECT_EQ(sim_offers({"snapshot", "--osd", "="}), posts);
     // A value is no word of the command's own.
     EXPECT_EQ(sim_offers({"snapshot", "--osd", "1", ""}), posts);
     EXPECT_EQ(sim_offers({"play", "--speed", ""}), Set{});
@@ -314,6 +315,10 @@ TEST_F(Files, are_offered_to_the_simulators_commands)
         EXPECT_EQ(sim_offers({command, option, "=", "/tmp/files/an"}), one) << command << option;
     }
     EXPECT_EQ(sim_offers({"--state", "/tmp/files/"}), Set{"/tmp/files/conf"});
+    Set here; // relative to the folder that this test runs in
+    for (const auto &entry : std::filesystem::directory_iterator("."))
+        here.insert(entry.path().filename());
+    EXPECT_EQ(sim_offers({"snapshot", "0", "--check", "="}), here);
 }
 
 TEST(SimCompletion, offers_the_faults_that_can_be_removed)
