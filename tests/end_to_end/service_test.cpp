@@ -366,6 +366,26 @@ TEST_F(Service, start_tells_of_common_parameters_that_cant_be_shown)
     }
 }
 
+TEST_F(Service, common_parameters_that_end_the_server_fail_the_start_behind_a_refused_file_too)
+{
+    set_limit(5);
+    sim({"post", "0", "open", "720x576"});
+    add_to_common("Post0Rectangle0On=1\nPost0Osd0W=100\n"); // written past its memory
+    write_file(APPLIANCE_SAVED, "[osd]\nPost0DateOn=2\n");
+    const Ended started = service("start");
+    EXPECT_EQ(started.status, 7);
+    EXPECT_TRUE(
+        started.err.ends_with("qm5osd: no server came up\n"
+                              "qm5osd: /var/log/qm5osd.log.failed: what that server said\n"))
+        << started.err;
+    EXPECT_EQ(service("status").status, 3);
+    EXPECT_FALSE(fs::exists(APPLIANCE_LOG));
+    expect_good(service("stop")); // which removes what that server has left
+    while (waitpid(-1, nullptr, WNOHANG) > 0)
+        continue;
+    fs::remove(state_ + "/breaches"); // it was one
+}
+
 TEST_F(Service, start_tells_of_a_server_that_takes_too_long_for_the_common_parameters)
 {
     set_limit(4);
@@ -629,11 +649,11 @@ TEST_F(Service, unit_waits_for_the_script_as_long_as_the_document_tells)
                             " seconds suffices up "
                             "to a `limit` of 28."),
               std::string::npos);
-    // A wait of the script's own may take a second or two more than the limit: there are five of
+    // A wait of the script's own may take a second or two more than the limit: there are six of
     // them in a restart, and two in a stop.
     EXPECT_GT(stop, 60 + 3 * 28 + 2 * 2);
     EXPECT_NE(document.find("five minutes suffice for a `limit` of 25:"), std::string::npos);
-    EXPECT_GT(unit_number("TimeoutStartSec"), 60 + 9 * 25 + 5 * 2);
+    EXPECT_GT(unit_number("TimeoutStartSec"), 60 + 9 * 25 + 6 * 2);
 }
 
 TEST_F(Service, unit_has_no_fault_of_form)
