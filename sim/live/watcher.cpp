@@ -145,20 +145,22 @@ void Watcher::read_state()
     } catch (const std::runtime_error &error) {
         facts_.state_error = error.what();
     }
-    if (state && !std::exchange(first_look_, false))
-        note_sets(*state);
-    first_look_ = false;
+    if (!facts_.state_error) {
+        if (state && !first_look_)
+            note_sets(*state);
+        first_look_ = false;
+        compared_ = state.value_or(sim_state{});
+    }
     facts_.state = std::move(state);
 }
 
 void Watcher::note_sets(const sim_state &state)
 {
     const double now = unix_seconds();
-    const sim_state before = facts_.state.value_or(sim_state{});
     for (unsigned post = 0; post < SIM_POSTS; post++) {
         for (unsigned number = 0; number < SIM_OSDS; number++) {
             const sim_osd &osd = state.post[post].osd[number];
-            const sim_osd &old = before.post[post].osd[number];
+            const sim_osd &old = compared_.post[post].osd[number];
             if (osd.handle == old.handle && osd.sets == old.sets)
                 continue;
             facts_.last_set[post][number] = osd.sets > 0 ? std::optional(now) : std::nullopt;

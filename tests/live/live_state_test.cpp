@@ -151,6 +151,7 @@ TEST_F(LiveState, tells_of_a_state_that_is_damaged_until_it_is_mended)
 {
     HandmadeCodec codec(state_);
     codec.open_post(1, 640, 360);
+    codec.show_osd(1, 0, {.width = 16, .height = 16});
     codec.save();
     serve();
     EXPECT_EQ(get_json("/api/state")["posts"][1]["width"], 640);
@@ -166,6 +167,7 @@ TEST_F(LiveState, tells_of_a_state_that_is_damaged_until_it_is_mended)
     const Json mended = get_json("/api/state");
     EXPECT_EQ(mended["state_error"], nullptr);
     EXPECT_EQ(mended["posts"][1]["width"], 320);
+    EXPECT_EQ(find_osd(mended, 1, 0)->at("last_set"), nullptr) << "nothing was set meanwhile";
 }
 
 TEST_F(LiveState, tells_of_a_state_that_was_left_in_the_middle_of_a_change)
