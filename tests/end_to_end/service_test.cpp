@@ -366,6 +366,28 @@ TEST_F(Service, start_tells_of_common_parameters_that_cant_be_shown)
     }
 }
 
+TEST_F(Service, log_of_a_server_that_was_slow_to_come_up_and_ended_is_kept_too)
+{
+    if (support::is_emulated())
+        GTEST_SKIP() << "an emulator hides the server from the script";
+    set_limit(8);
+    sim({"post", "0", "open", "720x576"});
+    sim({"fault", "add", "open_device", "every", "delay", "4000"}); // `start` waits for two seconds
+    write_file(APPLIANCE_SAVED, "[osd]\nPost0Rectangle0On=1\nPost0Osd0W=100\n");
+    const Ended started = service("start");
+    EXPECT_EQ(started.status, 0);
+    EXPECT_TRUE(
+        started.err.ends_with("qm5osd: /opt/qm5/conf/saved.conf: no server came up with it, so one "
+                              "is started without it\n"
+                              "qm5osd: /var/log/qm5osd.log.failed: what that server said\n"))
+        << started.err;
+    EXPECT_EQ(in_force("Post0Rectangle0On"), "0");
+    expect_good(service("stop"));
+    while (waitpid(-1, nullptr, WNOHANG) > 0)
+        continue;
+    fs::remove(state_ + "/breaches"); // it was one
+}
+
 TEST_F(Service, common_parameters_that_end_the_server_fail_the_start_behind_a_refused_file_too)
 {
     set_limit(5);
