@@ -76,8 +76,7 @@ private:
     bool known_ = false;                    // is the state in the facts that of the file?
     std::optional<std::uint32_t> sequence_; // and as of which change
     bool first_look_ = true;
-    sim_state
-        compared_{}; // that of the last look that could read one, for what is set from then on
+    sim_state compared_{}; // that of the last look at one that made sense
     FileVersion palette_;
     FileVersion parameters_;
     LogFollower log_;
