@@ -12,6 +12,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <sys/wait.h>
 #include <vector>
 
 namespace support
@@ -85,6 +86,14 @@ protected:
     static void add_to_common(const std::string &lines)
     {
         write_file(APPLIANCE_COMMON, read_file(APPLIANCE_COMMON) + lines);
+    }
+
+    // Takes away what tells of a breach, behind a server that the test had end by one.
+    void allow_breach() const
+    {
+        while (waitpid(-1, nullptr, WNOHANG) > 0)
+            continue;
+        std::filesystem::remove(state_ + "/breaches");
     }
 
     // Shorter waits than the script's own, for those that have to come to their end.
